@@ -1,0 +1,26 @@
+include(CMakePackageConfigHelpers)
+
+install(TARGETS vxtools3 vxtools3_static EXPORT vxtools3Targets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES include/vxtools3.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY include/vxtools3 DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  FILES_MATCHING PATTERN "*.h")
+install(TARGETS vxtool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+set(VX_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/vxtools3)
+install(EXPORT vxtools3Targets NAMESPACE vxtools3:: DESTINATION ${VX_CMAKE_DIR})
+configure_package_config_file(cmake/vxtools3Config.cmake.in
+  ${CMAKE_CURRENT_BINARY_DIR}/vxtools3Config.cmake INSTALL_DESTINATION ${VX_CMAKE_DIR})
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/vxtools3ConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vxtools3Config.cmake
+              ${CMAKE_CURRENT_BINARY_DIR}/vxtools3ConfigVersion.cmake
+        DESTINATION ${VX_CMAKE_DIR})
+
+# pkg-config: the shared library by default, `pkg-config --static` adds the private libraries.
+list(JOIN VX_PKGCONFIG_PRIVATE " " VX_PKGCONFIG_LIBS_PRIVATE)
+configure_file(cmake/vxtools3.pc.in ${CMAKE_CURRENT_BINARY_DIR}/vxtools3.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vxtools3.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,12 @@
+/* vxtools3 — the toolkit library of the Vexmark 3D suite. Includes every public header. */
+#ifndef VXTOOLS3_H
+#define VXTOOLS3_H
+
+#include "vxtools3/common.h"
+#include "vxtools3/memory.h"
+#include "vxtools3/debug.h"
+#include "vxtools3/ckpt.h"
+#include "vxtools3/lists.h"
+#include "vxtools3/platform.h"
+
+#endif

@@ -1,0 +1,44 @@
+// vxtool: the command-line front end of the library.
+#include "vxtool.h"
+
+#include <cstring>
+
+namespace {
+
+struct Command {
+    const char *name;
+    const char *summary;
+    int (*main)(int argc, char **argv);
+};
+
+constexpr Command kCommands[] = {
+    {"demo", "run every subsystem on built-in sample data", vxtool::DemoMain},
+};
+
+void Usage(FILE *out)
+{
+    std::fprintf(out, "usage: vxtool <command> [options]\n\ncommands:\n");
+    for (const Command &c : kCommands)
+        std::fprintf(out, "  %-10s %s\n", c.name, c.summary);
+    std::fprintf(out, "\n'vxtool <command> --help' describes a command.\n");
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc < 2) {
+        Usage(stderr);
+        return vxtool::kUsage;
+    }
+    if (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h") || !std::strcmp(argv[1], "help")) {
+        Usage(stdout);
+        return vxtool::kOk;
+    }
+    for (const Command &c : kCommands)
+        if (!std::strcmp(argv[1], c.name))
+            return c.main(argc - 1, argv + 1);
+    std::fprintf(stderr, "vxtool: unknown command '%s'\n", argv[1]);
+    Usage(stderr);
+    return vxtool::kUsage;
+}

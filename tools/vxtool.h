@@ -1,0 +1,30 @@
+// vxtool: subcommands and the demo's sections.
+#pragma once
+
+#include <cstdio>
+
+namespace vxtool {
+
+// Exit statuses shared by every subcommand.
+enum Exit : int {
+    kOk = 0,
+    kFailed = 1,      // the work itself failed (a check did not hold, a file could not be written)
+    kUsage = 2,       // bad command line
+    kBadInput = 3,    // an input file is missing or malformed
+};
+
+int DemoMain(int argc, char **argv);
+
+// A demo section prints what it shows to `out` and returns true when every check held.
+struct DemoSection {
+    const char *name;
+    bool (*run)(FILE *out);
+};
+
+}  // namespace vxtool
+
+// Demo sections written in C, against the C interface as a plug-in would use it. Each returns
+// 1 when every check held.
+extern "C" {
+int vx_demo_core(FILE *out);
+}
