@@ -1,0 +1,206 @@
+#include <vxtools3/ckpt.h>
+#include <vxtools3/lists.h>
+#include <vxtools3/memory.h>
+
+#include "testkit/fault_alloc.h"
+#include "testkit/oom_sweep.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <vector>
+
+namespace {
+
+struct Record {
+    int key;
+    int serial;
+};
+
+int CompareRecords(void *a, void *b)
+{
+    const int x = static_cast<Record *>(a)->key, y = static_cast<Record *>(b)->key;
+    return (x > y) - (x < y);
+}
+
+int g_comparisons = 0;
+int CountingCompare(void *a, void *b)
+{
+    ++g_comparisons;
+    return CompareRecords(a, b);
+}
+
+std::vector<void *> Items(const VxOrd &ord) { return std::vector<void *>(ord.items, ord.items + ord.count); }
+
+TEST(OrdArray, GrowthFollowsHalfCapacityClampedTo16And512)
+{
+    vxtest::FaultAllocator heap;
+    VxOrd ord;
+    OrdInit(&ord);
+    std::vector<int32_t> capacities;
+    for (int i = 0; i < 3000; ++i) {
+        ASSERT_EQ(OrdAppend(&ord, reinterpret_cast<void *>(static_cast<uintptr_t>(i + 1))), i);
+        if (capacities.empty() || capacities.back() != ord.capacity)
+            capacities.push_back(ord.capacity);
+        ASSERT_EQ(OrdValidate(&ord, nullptr), 1);
+    }
+    EXPECT_EQ(std::vector<int32_t>(capacities.begin(), capacities.begin() + 8),
+              (std::vector<int32_t>{16, 32, 48, 72, 108, 162, 243, 364}));
+    for (size_t i = 1; i < capacities.size(); ++i) {
+        const int32_t step = capacities[i] - capacities[i - 1];
+        EXPECT_EQ(step, std::clamp(capacities[i - 1] / 2, 16, 512));
+    }
+    for (int i = 0; i < ord.count; ++i)
+        ASSERT_EQ(ord.items[i], reinterpret_cast<void *>(static_cast<uintptr_t>(i + 1))) << "kept across growth";
+    EXPECT_EQ(heap.LiveBytes(), ord.capacity * sizeof(void *));
+    OrdFree(&ord);
+    EXPECT_EQ(ord.items, nullptr);
+    EXPECT_EQ(ord.capacity, 0);
+    EXPECT_EQ(heap.LiveBytes(), 0u);
+    EXPECT_EQ(heap.BadFrees(), 0) << "OrdFree states the block's size";
+}
+
+TEST(OrdArray, CapacityOf2000GrowsTo2512)
+{
+    vxtest::FaultAllocator heap;
+    VxOrd ord{static_cast<void **>(StdAlloc(2000 * sizeof(void *))), 2000, 2000};
+    ASSERT_EQ(OrdAppend(&ord, &ord), 2000);
+    EXPECT_EQ(ord.capacity, 2512);
+    OrdFree(&ord);
+    EXPECT_EQ(heap.BadFrees(), 0);
+}
+
+TEST(OrdArray, InsertPlacesEqualItemsAfterExistingOnes)
+{
+    Record r[5] = {{1, 0}, {2, 1}, {2, 2}, {3, 3}, {2, 4}};
+    VxOrd ord;
+    OrdInit(&ord);
+    for (int i = 0; i < 4; ++i)
+        OrdAppend(&ord, &r[i]);
+    EXPECT_EQ(OrdInsert(&ord, &r[4], CompareRecords), 3);
+    EXPECT_EQ(Items(ord), (std::vector<void *>{&r[0], &r[1], &r[2], &r[4], &r[3]}));
+    OrdFree(&ord);
+}
+
+TEST(OrdArray, LookupAndRemoveEdgeCases)
+{
+    Record r[3] = {{7, 0}, {3, 1}, {5, 2}};
+    VxOrd ord;
+    OrdInit(&ord);
+    g_comparisons = 0;
+    EXPECT_EQ(OrdLookup(&ord, &r[0], CountingCompare), -1);
+    EXPECT_EQ(g_comparisons, 0) << "an empty array is not compared";
+    for (Record &rec : r)
+        OrdAppend(&ord, &rec);  // unsorted
+    EXPECT_EQ(OrdLookup(&ord, &r[2], nullptr), 2) << "identity search ignores order";
+    Record stranger{5, 9};
+    EXPECT_EQ(OrdLookup(&ord, &stranger, nullptr), -1) << "identity, not equality";
+    EXPECT_EQ(OrdRemove(&ord, &stranger, 0), nullptr);
+    EXPECT_EQ(ord.count, 3);
+    EXPECT_EQ(OrdRemove(&ord, &r[1], -1), &r[1]);
+    EXPECT_EQ(Items(ord), (std::vector<void *>{&r[0], &r[2]}));
+    EXPECT_EQ(OrdRemove(&ord, nullptr, 0), nullptr);
+    EXPECT_EQ(Items(ord), (std::vector<void *>{&r[2]}));
+    OrdFree(&ord);
+}
+
+// Random inserts, removals and lookups against a sorted std::vector model; stable insertion
+// makes the two sequences identical item for item.
+TEST(OrdArray, RandomOperationsMatchVectorModel)
+{
+    vxtest::FaultAllocator heap;
+    std::vector<Record> records(4000);
+    std::vector<void *> model;
+    VxOrd ord;
+    OrdInit(&ord);
+    std::mt19937 rng(7);
+    auto less = [](void *a, void *b) { return CompareRecords(a, b) < 0; };
+    for (int step = 0; step < 12000; ++step) {
+        const int op = static_cast<int>(rng() % 5);
+        if (op <= 2 || model.empty()) {
+            Record *rec = &records[static_cast<size_t>(step) % records.size()];
+            if (std::find(model.begin(), model.end(), rec) != model.end())
+                continue;
+            rec->key = static_cast<int>(rng() % 200);
+            rec->serial = step;
+            const int index = OrdInsert(&ord, rec, CompareRecords);
+            auto pos = std::upper_bound(model.begin(), model.end(), rec, less);
+            ASSERT_EQ(index, pos - model.begin());
+            model.insert(pos, rec);
+        } else if (op == 3) {
+            const size_t index = rng() % model.size();
+            void *victim = model[index];
+            if (rng() % 2) {
+                ASSERT_EQ(OrdRemove(&ord, victim, -1), victim);
+            } else {
+                ASSERT_EQ(OrdRemove(&ord, nullptr, static_cast<int>(index)), nullptr);
+            }
+            model.erase(model.begin() + static_cast<long>(index));
+        } else {
+            Record key{static_cast<int>(rng() % 210), -1};
+            const int found = OrdLookup(&ord, &key, CompareRecords);
+            const bool present = std::binary_search(model.begin(), model.end(), &key, less);
+            ASSERT_EQ(found >= 0, present);
+            if (found >= 0) {
+                ASSERT_EQ(static_cast<Record *>(ord.items[found])->key, key.key);
+            }
+        }
+        ASSERT_EQ(OrdValidate(&ord, CompareRecords), 1) << "step " << step;
+        ASSERT_EQ(Items(ord), model) << "step " << step;
+    }
+    OrdFree(&ord);
+    EXPECT_EQ(heap.LiveBytes(), 0u);
+    EXPECT_EQ(heap.BadFrees(), 0);
+}
+
+TEST(OrdArray, ValidateRejectsBrokenShapesAndOrder)
+{
+    Record r[2] = {{2, 0}, {1, 1}};
+    void *items[2] = {&r[0], &r[1]};
+    VxOrd ord{items, 2, 2};
+    EXPECT_EQ(OrdValidate(&ord, nullptr), 1);
+    EXPECT_EQ(OrdValidate(&ord, CompareRecords), 0) << "out of order";
+    ord.count = 3;
+    EXPECT_EQ(OrdValidate(&ord, nullptr), 0) << "count beyond capacity";
+    VxOrd noBlock{nullptr, 0, 4};
+    EXPECT_EQ(OrdValidate(&noBlock, nullptr), 0);
+}
+
+// A full array of 16 items, so that the next append or insert must grow it.
+struct FullArray {
+    VxOrd ord{};
+    Record records[17];
+    std::vector<void *> before;
+
+    void Fill()
+    {
+        OrdInit(&ord);
+        for (int i = 0; i < 16; ++i) {
+            records[i] = {i * 2, i};
+            OrdAppend(&ord, &records[i]);
+        }
+        records[16] = {7, 16};
+        before = Items(ord);
+    }
+    void ExpectUnchanged()
+    {
+        EXPECT_EQ(ord.capacity, 16);
+        EXPECT_EQ(Items(ord), before);
+    }
+};
+
+TEST(OrdArray, OutOfMemorySweepOnAppendAndInsert)
+{
+    FullArray a;
+    vxtest::OomSweepAll({[&] { a.Fill(); },
+                         [&] { return OrdAppend(&a.ord, &a.records[16]) == 16; },
+                         [&] { a.ExpectUnchanged(); },
+                         [&] { OrdFree(&a.ord); }});
+    vxtest::OomSweepAll({[&] { a.Fill(); },
+                         [&] { return OrdInsert(&a.ord, &a.records[16], CompareRecords) == 4; },
+                         [&] { a.ExpectUnchanged(); },
+                         [&] { OrdFree(&a.ord); }});
+}
+
+}  // namespace

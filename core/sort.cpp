@@ -24,7 +24,8 @@ extern "C" {
 
 VX_API void SortInitR(void **base, int32_t count, SortCompare3 *cmp3, void *user)
 {
-    vx::sort::t_engine.Start(base, count, {cmp3, user});
+    vx::sort::t_engine.SetCompare({cmp3, user});
+    vx::sort::t_engine.Start(base, count);
 }
 
 VX_API int SortStep(void) { return vx::sort::t_engine.Step() ? 1 : 0; }

@@ -17,12 +17,14 @@ enum class Phase : uint8_t { ChooseRange, ScanUp, ScanDown };
 template <class Compare>
 class Engine {
 public:
-    Engine() = default;
-    Engine(void **base, int64_t count, Compare compare) { Start(base, count, compare); }
+    constexpr explicit Engine(Compare compare = Compare{}) : compare_(compare) {}
+    Engine(void **base, int64_t count, Compare compare) : compare_(compare) { Start(base, count); }
 
-    void Start(void **base, int64_t count, Compare compare)
+    void SetCompare(Compare compare) { compare_ = compare; }
+
+    // Forgets any sort in progress and starts sorting `count` items at `base`.
+    void Start(void **base, int64_t count)
     {
-        compare_ = compare;
         end_ = base + count;
         top_ = -1;
         maxTop_ = -1;
@@ -147,7 +149,7 @@ private:
         }
     }
 
-    Compare compare_{};
+    Compare compare_;
     void **end_ = nullptr;
     void **i_ = nullptr;
     void **j_ = nullptr;

@@ -1,0 +1,138 @@
+#include <vxtools3/lists.h>
+
+#include "core/sort_engine.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <bit>
+#include <random>
+#include <utility>
+#include <vector>
+
+namespace {
+
+void *Word(uintptr_t v) { return reinterpret_cast<void *>(v); }
+uintptr_t Value(void *p) { return reinterpret_cast<uintptr_t>(p); }
+
+struct Trace {
+    std::vector<std::pair<uintptr_t, uintptr_t>> comparisons;  // (item, pivot)
+};
+
+int TracingCompare3(void *item, void *pivot, void *user)
+{
+    static_cast<Trace *>(user)->comparisons.emplace_back(Value(item), Value(pivot));
+    return (Value(item) > Value(pivot)) - (Value(item) < Value(pivot));
+}
+
+int Compare2(void *a, void *b) { return (Value(a) > Value(b)) - (Value(a) < Value(b)); }
+
+// Runs SortInitR/SortStep to completion; returns the number of SortStep calls.
+int StepToEnd(std::vector<void *> &items, Trace &trace)
+{
+    SortInitR(items.data(), static_cast<int32_t>(items.size()), TracingCompare3, &trace);
+    int calls = 1;
+    while (SortStep())
+        ++calls;
+    return calls;
+}
+
+std::vector<void *> Words(std::initializer_list<uintptr_t> values)
+{
+    std::vector<void *> items;
+    for (uintptr_t v : values)
+        items.push_back(Word(v));
+    return items;
+}
+
+using Pairs = std::vector<std::pair<uintptr_t, uintptr_t>>;
+
+// Traced by hand: the middle item is the pivot; the upward scan stops at items not below
+// it (or at the array's end, without a comparison), the downward scan at items not above it.
+TEST(StepSort, OrderOfWorkForFixedInputs)
+{
+    std::vector<void *> three = Words({3, 1, 2});
+    Trace trace;
+    EXPECT_EQ(StepToEnd(three, trace), 10);
+    EXPECT_EQ(three, Words({1, 2, 3}));
+    EXPECT_EQ(trace.comparisons, (Pairs{{3, 1}, {2, 1}, {3, 1}, {1, 1}, {3, 2}, {3, 2}, {2, 2}}));
+
+    std::vector<void *> two = Words({1, 2});
+    Trace trace2;
+    EXPECT_EQ(StepToEnd(two, trace2), 5) << "one step reaches the end of the array uncompared";
+    EXPECT_EQ(two, Words({1, 2}));
+    EXPECT_EQ(trace2.comparisons, (Pairs{{1, 2}, {1, 2}}));
+}
+
+TEST(StepSort, NothingToDoForZeroOrOneItem)
+{
+    for (size_t n : {0u, 1u}) {
+        std::vector<void *> items(n, Word(5));
+        Trace trace;
+        SortInitR(items.data(), static_cast<int32_t>(n), TracingCompare3, &trace);
+        EXPECT_EQ(SortStep(), 0);
+        EXPECT_TRUE(trace.comparisons.empty());
+    }
+}
+
+std::vector<void *> MakeInput(const std::string &kind, size_t n, std::mt19937_64 &rng)
+{
+    std::vector<void *> items(n);
+    for (size_t i = 0; i < n; ++i) {
+        uintptr_t v = kind == "random"     ? rng() % (4 * n + 1)
+                      : kind == "sorted"   ? i
+                      : kind == "reversed" ? n - i
+                      : kind == "equal"    ? 42
+                      : kind == "few"      ? rng() % 3
+                                           /* organ pipe */ : std::min(i, n - i);
+        items[i] = Word(v);
+    }
+    return items;
+}
+
+// Sorting by steps and OrdSort's loop agree with std::sort on every input shape and do the
+// same comparisons in the same order; the range stack stays within log2(n) + 1.
+TEST(StepSort, MatchesStdSortAndOrdSortOnAllShapes)
+{
+    std::mt19937_64 rng(99);
+    for (const char *kind : {"random", "sorted", "reversed", "equal", "few", "organ"}) {
+        for (size_t n : {2u, 3u, 7u, 64u, 1000u, 4097u}) {
+            SCOPED_TRACE(::testing::Message() << kind << " n=" << n);
+            std::vector<void *> input = MakeInput(kind, n, rng);
+            std::vector<void *> expected = input;
+            std::sort(expected.begin(), expected.end());
+
+            std::vector<void *> stepped = input;
+            Trace steppedTrace;
+            StepToEnd(stepped, steppedTrace);
+            EXPECT_EQ(stepped, expected);
+            EXPECT_LE(vx::sort::StepSortMaxStackUse(), std::bit_width(n)) << "range stack bound";
+
+            std::vector<void *> looped = input;
+            Trace loopedTrace;
+            vx::sort::Engine engine(looped.data(), static_cast<int64_t>(n),
+                                    [&](void *a, void *b) { return TracingCompare3(a, b, &loopedTrace); });
+            engine.Run();
+            EXPECT_EQ(looped, expected);
+            EXPECT_EQ(loopedTrace.comparisons, steppedTrace.comparisons) << "same work in the same order";
+
+            VxOrd ord{input.data(), static_cast<int32_t>(n), static_cast<int32_t>(n)};
+            OrdSort(&ord, Compare2);
+            EXPECT_EQ(input, expected);
+            EXPECT_EQ(OrdValidate(&ord, Compare2), 1);
+        }
+    }
+}
+
+// All-equal input: every scan stops at once, so the partitions stay balanced.
+TEST(StepSort, EqualItemsPartitionEvenly)
+{
+    std::vector<void *> items(1 << 12, Word(1));
+    Trace trace;
+    StepToEnd(items, trace);
+    const double n = static_cast<double>(items.size());
+    EXPECT_LT(static_cast<double>(trace.comparisons.size()), 2.0 * n * 12.0);
+    EXPECT_LE(vx::sort::StepSortMaxStackUse(), 13);
+}
+
+}  // namespace
