@@ -21,6 +21,10 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vxtools3Config.cmake
         DESTINATION ${VX_CMAKE_DIR})
 
 # pkg-config: the shared library by default, `pkg-config --static` adds the private libraries.
+# The prefix is found from the file's own place, so the package works wherever it is installed.
 list(JOIN VX_PKGCONFIG_PRIVATE " " VX_PKGCONFIG_LIBS_PRIVATE)
+file(RELATIVE_PATH VX_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" VX_PC_TO_PREFIX "${VX_PC_TO_PREFIX}")
+set(VX_PC_PREFIX "\${pcfiledir}/${VX_PC_TO_PREFIX}")
 configure_file(cmake/vxtools3.pc.in ${CMAKE_CURRENT_BINARY_DIR}/vxtools3.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vxtools3.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

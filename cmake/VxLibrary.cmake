@@ -47,7 +47,12 @@ function(vx_finish_library)
     LINKER_LANGUAGE CXX)
   set_target_properties(vxtools3_static PROPERTIES
     OUTPUT_NAME vxtools3 LINKER_LANGUAGE CXX)
-  target_link_options(vxtools3 PRIVATE -Wl,--no-undefined)
+  # Every symbol the shared library needs must resolve at its own link. Sanitizer builds
+  # leave the runtime's symbols to the program, so they cannot ask for this.
+  string(FIND "${CMAKE_CXX_FLAGS}" "-fsanitize" sanitizing)
+  if(sanitizing EQUAL -1)
+    target_link_options(vxtools3 PRIVATE -Wl,--no-undefined)
+  endif()
   add_library(vxtools3::vxtools3 ALIAS vxtools3)
   add_library(vxtools3::vxtools3_static ALIAS vxtools3_static)
 endfunction()
