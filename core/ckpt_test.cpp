@@ -96,13 +96,6 @@ TEST_F(CkptTest, ActionsOfEndedBlocksNeverRun)
     EXPECT_EQ(CkptLatchCode(), 5);
 }
 
-TEST_F(CkptTest, SuccessRunsNothing)
-{
-    EXPECT_EQ(Outer(0, false), 1);
-    EXPECT_TRUE(g_ran.empty());
-    EXPECT_EQ(vx::ckpt::ArmedIndex(), -1);
-}
-
 TEST_F(CkptTest, AssignIntRestoresOnFailureOnly)
 {
     int value = 1;

@@ -50,20 +50,6 @@ TEST_F(GlobalList, DefineLookupAndDuplicates)
     EXPECT_STREQ(vx::global::EntryName(entries->items[2]), "\xe9tat");
 }
 
-TEST_F(GlobalList, ManyNamesStaySortedAndFindable)
-{
-    std::vector<std::string> names;
-    for (int i = 0; i < 500; ++i)
-        names.push_back("server." + std::to_string((i * 7919) % 1000));
-    for (size_t i = 0; i < names.size(); ++i)
-        ASSERT_EQ(GlobalListDefine(names[i].c_str(), &names[i]), 1);
-    EXPECT_TRUE(EntriesInOrder());
-    for (size_t i = 0; i < names.size(); ++i)
-        ASSERT_EQ(GlobalListLookup(names[i].c_str()), &names[i]);
-    GlobalListCleanup();
-    EXPECT_EQ(GlobalListLookup(names[0].c_str()), nullptr);
-}
-
 std::vector<std::string> g_cleanups;
 void RecordCleanup(void *arg) { g_cleanups.push_back(static_cast<const char *>(arg)); }
 

@@ -170,21 +170,15 @@ TEST(List, RandomOperationsMatchStdListModel)
             Remove(&pool[i].node);
             model.remove(i);
             linked[i] = false;
-        } else if (op == 5) {
-            VxNode *n = RemHead(&list);
+        } else if (op <= 6) {
+            const bool head = op == 5;
+            VxNode *n = head ? RemHead(&list) : RemTail(&list);
             ASSERT_EQ(n == nullptr, model.empty());
             if (n) {
-                ASSERT_EQ(reinterpret_cast<Item *>(n)->id, model.front());
-                linked[model.front()] = false;
-                model.pop_front();
-            }
-        } else if (op == 6) {
-            VxNode *n = RemTail(&list);
-            ASSERT_EQ(n == nullptr, model.empty());
-            if (n) {
-                ASSERT_EQ(reinterpret_cast<Item *>(n)->id, model.back());
-                linked[model.back()] = false;
-                model.pop_back();
+                const int expected = head ? model.front() : model.back();
+                ASSERT_EQ(reinterpret_cast<Item *>(n)->id, expected);
+                linked[expected] = false;
+                head ? model.pop_front() : model.pop_back();
             }
         } else {
             MoveList(&spare, &list);

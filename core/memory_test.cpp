@@ -158,23 +158,4 @@ TEST_F(Memory, StringCopyAndFree)
     EXPECT_EQ(heap.BadFrees(), 0);
 }
 
-TEST_F(Memory, AllocatorIsInstalledAndRestored)
-{
-    DirtyHeap heap;
-    StdAllocator table = heap.table();
-    StdSetAllocator(&table);
-    StdAllocator seen;
-    StdGetAllocator(&seen);
-    EXPECT_EQ(seen.user, &heap);
-    void *p = StdAlloc(5);
-    EXPECT_EQ(heap.live.count(p), 1u);
-    FreeHeap(p, 5);
-    StdSetAllocator(nullptr);
-    StdGetAllocator(&seen);
-    EXPECT_NE(seen.alloc, table.alloc);
-    void *q = StdAlloc(5);  // the C library heap again
-    EXPECT_TRUE(heap.live.empty());
-    FreeHeap(q, 5);
-}
-
 }  // namespace

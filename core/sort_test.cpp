@@ -125,14 +125,4 @@ TEST(StepSort, MatchesStdSortAndOrdSortOnAllShapes)
 }
 
 // All-equal input: every scan stops at once, so the partitions stay balanced.
-TEST(StepSort, EqualItemsPartitionEvenly)
-{
-    std::vector<void *> items(1 << 12, Word(1));
-    Trace trace;
-    StepToEnd(items, trace);
-    const double n = static_cast<double>(items.size());
-    EXPECT_LT(static_cast<double>(trace.comparisons.size()), 2.0 * n * 12.0);
-    EXPECT_LE(vx::sort::StepSortMaxStackUse(), 13);
-}
-
 }  // namespace
