@@ -8,5 +8,6 @@
 #include "vxtools3/ckpt.h"
 #include "vxtools3/lists.h"
 #include "vxtools3/platform.h"
+#include "vxtools3/ports.h"
 
 #endif
