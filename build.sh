@@ -12,7 +12,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 BUILD_PACKAGES="cmake ninja-build g++ pkg-config"
-TEST_PACKAGES="libgtest-dev libgmock-dev"
+TEST_PACKAGES="libgtest-dev libgmock-dev sox"
 CLANG_PACKAGES="clang-14 libclang-rt-14-dev"
 BENCH_PACKAGES="libbenchmark-dev libboost-dev libabsl-dev"
 
