@@ -9,5 +9,6 @@
 #include "vxtools3/lists.h"
 #include "vxtools3/platform.h"
 #include "vxtools3/ports.h"
+#include "vxtools3/undo.h"
 
 #endif
