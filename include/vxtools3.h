@@ -10,5 +10,6 @@
 #include "vxtools3/platform.h"
 #include "vxtools3/ports.h"
 #include "vxtools3/undo.h"
+#include "vxtools3/threads.h"
 
 #endif
