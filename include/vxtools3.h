@@ -7,6 +7,8 @@
 #include "vxtools3/debug.h"
 #include "vxtools3/ckpt.h"
 #include "vxtools3/lists.h"
+#include "vxtools3/containers.h"
+#include "vxtools3/actions.h"
 #include "vxtools3/platform.h"
 #include "vxtools3/ports.h"
 #include "vxtools3/undo.h"

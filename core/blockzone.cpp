@@ -1,0 +1,378 @@
+// Block zones: equal-sized elements carved from chunks of about 2000 bytes. Chunks stay in
+// ascending order of free count (full ones at the tail), so an allocation always takes a slot
+// from the fullest chunk that has room, and a chunk that becomes entirely free is released
+// unless it is the zone's last one.
+#include "core/containers_internal.h"
+
+#include <vxtools3/ckpt.h>
+#include <vxtools3/debug.h>
+#include <vxtools3/memory.h>
+
+#include <algorithm>
+#include <cstring>
+
+using vx::zone::kSlotPrefix;
+
+namespace {
+
+constexpr size_t kMaxElemSize = size_t{1} << 30;
+constexpr unsigned char kFreedFill = 0xBB;
+
+unsigned char *FirstSlot(BZChunk *chunk) { return reinterpret_cast<unsigned char *>(chunk + 1); }
+
+unsigned char *SlotsEnd(const BZone *zone, BZChunk *chunk)
+{
+    return FirstSlot(chunk) + static_cast<size_t>(zone->perChunk) * zone->slotSize;
+}
+
+BZChunk *SlotMark(const unsigned char *slot)
+{
+    BZChunk *mark;
+    std::memcpy(&mark, slot, sizeof mark);
+    return mark;
+}
+
+void SetSlotMark(unsigned char *slot, BZChunk *mark) { std::memcpy(slot, &mark, sizeof mark); }
+
+BZChunk *AsChunk(VxNode *node) { return reinterpret_cast<BZChunk *>(node); }
+
+// The chunk list's header seen as a node: the predecessor of the first chunk.
+VxNode *ListHeader(BZone *zone) { return reinterpret_cast<VxNode *>(&zone->chunks.head); }
+
+BZChunk *HeadChunk(BZone *zone)
+{
+    VxNode *node = zone->chunks.head;
+    return node->succ ? AsChunk(node) : nullptr;
+}
+
+size_t ZoneRecordBytes(int32_t perChunk)
+{
+    return sizeof(BZone) + (static_cast<size_t>(perChunk) + 1) * sizeof(BZChunk *);
+}
+
+// The chunk in front of `chunk` when it has free count `count`, else NULL.
+BZChunk *PredWithCount(BZone *zone, BZChunk *chunk, int32_t count)
+{
+    VxNode *pred = chunk->link.pred;
+    if (pred == ListHeader(zone))
+        return nullptr;
+    return AsChunk(pred)->freeCount == count ? AsChunk(pred) : nullptr;
+}
+
+// Unlinks `chunk`, keeping the run ends right.
+void Unlink(BZone *zone, BZChunk *chunk)
+{
+    const int32_t count = chunk->freeCount;
+    if (count > 0 && zone->lastWithFree[count] == chunk)
+        zone->lastWithFree[count] = PredWithCount(zone, chunk, count);
+    Remove(&chunk->link);
+}
+
+// Links a chunk with `perChunk` free slots where the order puts it: in front of the first
+// chunk that is entirely free or full.
+void LinkEmptyChunk(BZone *zone, BZChunk *chunk)
+{
+    VxNode *after = nullptr;
+    for (int32_t count = zone->perChunk - 1; count >= 1 && !after; --count)
+        if (zone->lastWithFree[count])
+            after = &zone->lastWithFree[count]->link;
+    Insert(&zone->chunks, &chunk->link, after);
+    if (!zone->lastWithFree[zone->perChunk])
+        zone->lastWithFree[zone->perChunk] = chunk;
+    ++zone->chunkCount;
+}
+
+// A fresh chunk: every slot free (marks zero, elements zero), not linked yet. Raises when
+// memory runs out; NULL only with no checkpoint block open.
+BZChunk *NewChunk(BZone *zone)
+{
+    auto *chunk = static_cast<BZChunk *>(StdAlloc(zone->chunkBytes));
+    if (!chunk)
+        return nullptr;
+    chunk->zone = zone;
+    chunk->firstFree = FirstSlot(chunk);
+    chunk->freeCount = zone->perChunk;
+    return chunk;
+}
+
+void ReleaseChunk(BZone *zone, BZChunk *chunk)
+{
+    Unlink(zone, chunk);
+    --zone->chunkCount;
+    FreeHeap(chunk, zone->chunkBytes);
+}
+
+// The head chunk (the fullest with room) lost a free slot.
+void CountDownHead(BZone *zone, BZChunk *chunk)
+{
+    const int32_t count = chunk->freeCount;
+    if (zone->lastWithFree[count] == chunk)
+        zone->lastWithFree[count] = nullptr;  // it was the only chunk with this count
+    chunk->freeCount = count - 1;
+    if (count - 1 == 0) {
+        Remove(&chunk->link);
+        AddTail(&zone->chunks, &chunk->link);
+    } else {
+        zone->lastWithFree[count - 1] = chunk;  // no chunk had fewer free slots
+    }
+}
+
+// `chunk` gained a free slot and had some before: it moves behind the other chunks of its
+// old count, which is where the order puts it.
+void CountUp(BZone *zone, BZChunk *chunk)
+{
+    const int32_t count = chunk->freeCount;
+    BZChunk *runEnd = zone->lastWithFree[count];
+    if (runEnd == chunk) {
+        zone->lastWithFree[count] = PredWithCount(zone, chunk, count);
+    } else {
+        Remove(&chunk->link);
+        Insert(&zone->chunks, &chunk->link, &runEnd->link);
+    }
+    chunk->freeCount = count + 1;
+    if (!zone->lastWithFree[count + 1])
+        zone->lastWithFree[count + 1] = chunk;
+}
+
+void *TakeSlot(BZone *zone, BZChunk *chunk)
+{
+    unsigned char *slot = chunk->firstFree;
+    SetSlotMark(slot, chunk);
+    unsigned char *elem = slot + kSlotPrefix;
+    std::memset(elem, 0, static_cast<size_t>(zone->elemSize));
+    unsigned char *end = SlotsEnd(zone, chunk);
+    do
+        slot += zone->slotSize;
+    while (slot < end && SlotMark(slot));
+    chunk->firstFree = slot;
+    CountDownHead(zone, chunk);
+    return elem;
+}
+
+// Returns an element to its chunk. `keepLast` keeps a chunk that becomes entirely free when
+// it is the zone's only one.
+void ReturnElement(BZone *zone, void *elem, bool keepLast)
+{
+    if (!elem)
+        return;
+    unsigned char *slot = static_cast<unsigned char *>(elem) - kSlotPrefix;
+    BZChunk *chunk = SlotMark(slot);
+    if (!chunk || chunk->zone != zone) {
+        DBprintf("BZFree: element %p is not in use in zone %p\n", elem, static_cast<void *>(zone));
+        return;
+    }
+    SetSlotMark(slot, nullptr);
+    std::memset(elem, kFreedFill, static_cast<size_t>(zone->elemSize));
+    chunk->firstFree = std::min(chunk->firstFree, slot);
+    if (chunk->freeCount == 0) {
+        Remove(&chunk->link);
+        AddHead(&zone->chunks, &chunk->link);
+        chunk->freeCount = 1;
+        if (!zone->lastWithFree[1])
+            zone->lastWithFree[1] = chunk;
+    } else if (chunk->freeCount + 1 == zone->perChunk && (zone->chunkCount > 1 || !keepLast)) {
+        ReleaseChunk(zone, chunk);
+    } else {
+        CountUp(zone, chunk);
+    }
+}
+
+// Rollback of vx::zone::AllocArmed: `tagged` is the element, its low bit set when the
+// allocation made the chunk.
+void ReturnArmed(uintptr_t zone, uintptr_t tagged)
+{
+    ReturnElement(reinterpret_cast<BZone *>(zone), reinterpret_cast<void *>(tagged & ~uintptr_t{1}),
+                  !(tagged & 1));
+}
+
+void ReleasePending(uintptr_t zone, uintptr_t pending)
+{
+    auto *z = reinterpret_cast<BZone *>(zone);
+    while (VxNode *node = RemHead(reinterpret_cast<VxList *>(pending)))
+        FreeHeap(node, z->chunkBytes);
+}
+
+int64_t FreeSlots(BZone *zone)
+{
+    int64_t total = 0;
+    for (VxNode *node = zone->chunks.head; node->succ; node = node->succ)
+        total += AsChunk(node)->freeCount;
+    return total;
+}
+
+// Allocates the chunks for BZPreAlloc onto `pending`; raises when memory runs out.
+void MakeChunks(BZone *zone, int64_t needed, VxList *pending)
+{
+    for (int64_t made = 0; made < needed; made += zone->perChunk)
+        AddTail(pending, &NewChunk(zone)->link);
+}
+
+}  // namespace
+
+namespace vx::zone {
+
+void *AllocArmed(BZone *zone)
+{
+    BZChunk *head = HeadChunk(zone);
+    const uintptr_t madeChunk = !head || head->freeCount == 0;
+    void *elem = BZAlloc(zone);
+    CkptArm(ReturnArmed, reinterpret_cast<uintptr_t>(zone), reinterpret_cast<uintptr_t>(elem) | madeChunk);
+    return elem;
+}
+
+}  // namespace vx::zone
+
+extern "C" {
+
+VX_API BZone *BZCreate(size_t size)
+{
+    if (size > kMaxElemSize)
+        return nullptr;
+    const auto elemSize = static_cast<int32_t>((size + 7) & ~size_t{7});
+    const int32_t slotSize = elemSize + kSlotPrefix;
+    const int32_t perChunk = std::max(vx::zone::kChunkTarget / slotSize + 1, vx::zone::kMinPerChunk);
+    auto *zone = static_cast<BZone *>(StdAlloc(ZoneRecordBytes(perChunk)));
+    if (!zone)
+        return nullptr;
+    zone->elemSize = elemSize;
+    zone->perChunk = perChunk;
+    NewList(&zone->chunks);
+    zone->slotSize = slotSize;
+    zone->chunkBytes = sizeof(BZChunk) + static_cast<size_t>(perChunk) * static_cast<size_t>(slotSize);
+    zone->lastWithFree = reinterpret_cast<BZChunk **>(zone + 1);
+    return zone;
+}
+
+VX_API void *BZAlloc(BZone *zone)
+{
+    BZChunk *chunk = HeadChunk(zone);
+    if (!chunk || chunk->freeCount == 0) {
+        chunk = NewChunk(zone);
+        if (!chunk)
+            return nullptr;
+        AddHead(&zone->chunks, &chunk->link);  // every other chunk is full
+        zone->lastWithFree[zone->perChunk] = chunk;
+        ++zone->chunkCount;
+    }
+    return TakeSlot(zone, chunk);
+}
+
+VX_API void BZFree(BZone *zone, void *elem) { ReturnElement(zone, elem, true); }
+
+VX_API int BZPreAlloc(BZone *zone, int32_t n)
+{
+    const int64_t missing = n - FreeSlots(zone);
+    if (missing <= 0)
+        return 1;
+    VxList pending;
+    NewList(&pending);
+    CKPT_BEGIN_OR_RETURN(0);
+    CkptArm(ReleasePending, reinterpret_cast<uintptr_t>(zone), reinterpret_cast<uintptr_t>(&pending));
+    MakeChunks(zone, missing, &pending);
+    CkptEnd();
+    while (VxNode *node = RemHead(&pending))
+        LinkEmptyChunk(zone, AsChunk(node));
+    return 1;
+}
+
+VX_API void BZDestroy(BZone *zone)
+{
+    if (!zone)
+        return;
+    while (VxNode *node = RemHead(&zone->chunks))
+        FreeHeap(node, zone->chunkBytes);
+    FreeHeap(zone, ZoneRecordBytes(zone->perChunk));
+}
+
+VX_API void BZStats(const BZone *zone, BZStatistics *out)
+{
+    int64_t freeSlots = 0;
+    for (VxNode *node = zone->chunks.head; node->succ; node = node->succ)
+        freeSlots += AsChunk(node)->freeCount;
+    out->elemSize = zone->elemSize;
+    out->perChunk = zone->perChunk;
+    out->chunkCount = zone->chunkCount;
+    out->freeCount = static_cast<int32_t>(freeSlots);
+    out->liveCount = static_cast<int32_t>(int64_t{zone->chunkCount} * zone->perChunk - freeSlots);
+    out->chunkBytes = static_cast<size_t>(zone->chunkCount) * zone->chunkBytes;
+}
+
+}  // extern "C"
+
+// ---- Validation ---------------------------------------------------------------------------
+
+namespace {
+
+int Fault(const BZone *zone, int chunkIndex, const char *what)
+{
+    DBprintf("BZValidate: zone %p, chunk %d: %s\n", static_cast<const void *>(zone), chunkIndex, what);
+    return -1;
+}
+
+bool HoldsFill(const unsigned char *elem, int32_t size)
+{
+    const unsigned char fill = size ? elem[0] : 0;
+    if (fill != 0 && fill != kFreedFill)
+        return false;
+    return std::all_of(elem, elem + size, [fill](unsigned char b) { return b == fill; });
+}
+
+// Checks one chunk's slots; returns its number of free slots, or -1.
+int CheckSlots(const BZone *zone, BZChunk *chunk, int index)
+{
+    unsigned char *lowestFree = nullptr;
+    int freeSlots = 0;
+    unsigned char *end = SlotsEnd(zone, chunk);
+    for (unsigned char *slot = FirstSlot(chunk); slot < end; slot += zone->slotSize) {
+        BZChunk *mark = SlotMark(slot);
+        if (mark && mark != chunk)
+            return Fault(zone, index, "a slot is marked with another chunk");
+        if (mark)
+            continue;
+        if (!HoldsFill(slot + kSlotPrefix, zone->elemSize))
+            return Fault(zone, index, "a free element was written to");
+        lowestFree = lowestFree ? lowestFree : slot;
+        ++freeSlots;
+    }
+    if (chunk->firstFree != (lowestFree ? lowestFree : end))
+        return Fault(zone, index, "firstFree is not the lowest free slot");
+    if (chunk->freeCount != freeSlots)
+        return Fault(zone, index, "freeCount differs from the free slots");
+    return freeSlots;
+}
+
+}  // namespace
+
+extern "C" VX_API int BZValidate(const BZone *zone)
+{
+    if (ListValidate(&zone->chunks) != zone->chunkCount)
+        return Fault(zone, -1, "the chunk list is broken or its length is not chunkCount");
+    int live = 0;
+    int index = 0;
+    int32_t previous = 1;
+    for (VxNode *node = zone->chunks.head; node->succ; node = node->succ, ++index) {
+        BZChunk *chunk = AsChunk(node);
+        if (chunk->zone != zone)
+            return Fault(zone, index, "owned by another zone");
+        const int freeSlots = CheckSlots(zone, chunk, index);
+        if (freeSlots < 0)
+            return -1;
+        if (freeSlots != 0 && (previous == 0 || freeSlots < previous))
+            return Fault(zone, index, "out of order: free counts must ascend, full chunks last");
+        VxNode *next = node->succ;
+        const bool endsRun = !next->succ || AsChunk(next)->freeCount != freeSlots;
+        if (freeSlots != 0 && endsRun && zone->lastWithFree[freeSlots] != chunk)
+            return Fault(zone, index, "not recorded as the end of its run of free counts");
+        previous = freeSlots;
+        live += zone->perChunk - freeSlots;
+    }
+    for (int32_t count = 1; count <= zone->perChunk; ++count) {
+        BZChunk *runEnd = zone->lastWithFree[count];
+        if (!runEnd)
+            continue;
+        VxNode *next = runEnd->link.succ;
+        if (runEnd->freeCount != count || (next->succ && AsChunk(next)->freeCount == count))
+            return Fault(zone, -1, "a run end does not end a run of its free count");
+    }
+    return live;
+}

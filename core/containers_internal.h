@@ -1,0 +1,64 @@
+// Records of block zones and B-trees, shared by their implementation and tests.
+#pragma once
+
+#include <vxtools3/containers.h>
+#include <vxtools3/lists.h>
+
+#include <cstdint>
+
+// A chunk: this header, then perChunk slots of slotSize bytes. A slot starts with a word that
+// holds the owning chunk while the slot is in use and zero while it is free; the element
+// follows it.
+struct BZChunk {
+    VxNode link;  // in the zone's chunk list; link.seq is unused
+    BZone *zone;
+    unsigned char *firstFree;  // lowest free slot, or the end of the slots when none is free
+    int32_t freeCount;
+    int32_t reserved;
+};
+
+struct BZone {
+    int32_t elemSize;
+    int32_t perChunk;
+    VxList chunks;  // ascending free count, full chunks at the tail
+    int32_t chunkCount;
+    int32_t slotSize;   // elemSize + the slot prefix
+    size_t chunkBytes;  // the header and every slot
+    // lastWithFree[c] is the last chunk of the run whose free count is c (NULL when there is
+    // none), for 1 <= c <= perChunk: it lets a free count change move its chunk to its place in
+    // the order without walking the list. The array follows the record in its block.
+    BZChunk **lastWithFree;
+};
+
+struct BTree {
+    BTNode *root;
+    BTCompare *cmp;
+    BZone *nodeZone;
+    BZone *splitKeyZone;
+    BZone *splitChildZone;
+    unsigned char *mergeKeys;
+    BTNode **mergeChildren;
+    int32_t keySize;
+    int32_t minKeys;
+    int32_t maxKeys;
+};
+
+namespace vx::zone {
+
+inline constexpr int32_t kSlotPrefix = 8;
+inline constexpr int32_t kChunkTarget = 2000;
+inline constexpr int32_t kMinPerChunk = 10;
+
+// BZAlloc inside an open checkpoint block, arming the element's return: should the block
+// fail, the element goes back and a chunk made for it is released, so the zone's memory is
+// as it was before the call.
+void *AllocArmed(BZone *zone);
+
+}  // namespace vx::zone
+
+namespace vx::btree {
+
+// The comparison of LTab, LMap and KTable: the key word against the stored key's first word.
+int CompareFirstWord(uintptr_t key, const void *storedKey);
+
+}  // namespace vx::btree
