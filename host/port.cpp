@@ -23,6 +23,7 @@ struct VxPort {
     PortAttachFunc *attachFunction;
     VxList attachments;  // VxPortAttachment records in the order attached
     int32_t depth;       // walks of the attachments in progress
+    int32_t deadCount;   // records marked dead and not yet reclaimed
     int32_t linked;      // on a named list
     int32_t doomed;      // destroyed during a walk; freed when the outermost walk ends
 };
@@ -84,6 +85,9 @@ void FreePort(VxPort *port)
 
 void ReclaimDead(VxPort *port)
 {
+    if (!port->deadCount)
+        return;  // the common case: no scan
+    port->deadCount = 0;
     VxNode *n = port->attachments.head;
     while (n->succ) {
         VxNode *next = n->succ;
@@ -135,7 +139,10 @@ int AttachRecord(VxPort *port, uintptr_t key, uint32_t mask, PortCallback *callb
         existing->callback = callback;
         existing->mask = effectiveMask;
         existing->disableCount = 0;
-        existing->dead = 0;
+        if (existing->dead) {
+            existing->dead = 0;
+            --port->deadCount;
+        }
         return -1;
     }
     auto *a = static_cast<VxPortAttachment *>(StdAlloc(sizeof(VxPortAttachment)));
@@ -301,6 +308,7 @@ VX_API void PortDetach(VxPort *port, uintptr_t clientKey)
     // Marked dead first, so that the attach function may detach, re-attach or notify freely;
     // the record is freed when no walk is left.
     a->dead = 1;
+    ++port->deadCount;
     BeginWalk(port);
     if (port->attachFunction)
         port->attachFunction(port->server, port->data, PORT_DETACH, reinterpret_cast<uintptr_t>(a));

@@ -517,12 +517,12 @@ private:
 
     void RandomOperation(int nesting)
     {
-        const int p = Pick(2);
+        const int p = nesting && Pick(4) ? frames_.back().port : Pick(2);  // mostly the port notifying
         ModelPort &mp = ports_[p];
         const uintptr_t key = PickKey();
         switch (Pick(nesting ? 7 : 5)) {
-        case 0:
-        case 5: Attach(p, key); break;
+        case 0: Attach(p, key); break;
+        case 5: Attach(p, lastDetached_ ? lastDetached_ : key); break;  // often a revival
         case 1:
         case 6: Detach(p, key); break;
         case 2: {
@@ -584,6 +584,7 @@ private:
             }
         }
         Spoil(p, key);
+        lastDetached_ = key;
         detachingKey_ = key;
         PortDetach(mp.port, key);
     }
@@ -642,12 +643,13 @@ private:
     int attachCallsSeen_ = 0;
     int detachCallsSeen_ = 0;
     uintptr_t detachingKey_ = 0;
+    uintptr_t lastDetached_ = 0;
 };
 
 TEST_F(PortTest, RandomizedReentrancyMatchesTheModel)
 {
     FaultAllocator heap;
-    for (uint32_t seed = 1; seed <= 40 && !HasFailure(); ++seed) {
+    for (uint32_t seed = 1; seed <= 100 && !HasFailure(); ++seed) {
         SCOPED_TRACE(::testing::Message() << "seed " << seed);
         ReentrancyModel model(seed);
         model.Run(400);
