@@ -10,6 +10,7 @@
 #include "vxtools3/containers.h"
 #include "vxtools3/actions.h"
 #include "vxtools3/platform.h"
+#include "vxtools3/image.h"
 #include "vxtools3/ports.h"
 #include "vxtools3/undo.h"
 #include "vxtools3/threads.h"

@@ -1,0 +1,28 @@
+// The fixed-point kernel of the separable byte blur, shared with its tests.
+#pragma once
+
+#include <cstdint>
+
+namespace vx::image {
+
+constexpr int32_t kMaxBlurTaps = 9;  // three groups of three taps
+
+// Lookup tables of one direction: table[j][v] packs, in three 10-bit lanes, value v times the
+// taps 3j, 3j + 1, 3j + 2 with two fraction bits (plus any bias, plus 1 in the middle lane).
+struct BlurKernel {
+    int32_t groups;
+    int32_t bias;  // the total bias, subtracted from every output
+    uint32_t table[3][256];
+};
+
+// Half kernel w[0..taps-1] for `sigma`: exp(-i i / q) - exp(-taps taps / q), q = 10 |sigma|,
+// normalised so that w[0] + 2 (w[1] + ... ) is 1; w[0] = 1 alone when q is 0.
+void HalfKernel(int32_t taps, double sigma, double *w);
+// w[0] + 2 (w[1] + ... + w[taps - 1]).
+double FullSum(int32_t taps, const double *w);
+// One lane: (v tap 262144 + 32768, truncated, >> 16) + bias, plus 1 in lane 1.
+int32_t BlurLane(int v, double tap, int32_t bias, int lane);
+// The tables of one direction (taps 1..9).
+void BuildBlurKernel(int32_t taps, double sigma, BlurKernel &kernel);
+
+}  // namespace vx::image

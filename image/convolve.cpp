@@ -1,0 +1,352 @@
+// Convolution with a float matrix, the Gaussian matrix, and the blur: a fixed-point separable
+// filter for byte images (three taps per table lookup, no multiplication in the inner loop)
+// and the Gaussian matrix convolution for the other types.
+#include "image/blur_kernel.h"
+#include "image/image_internal.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+namespace vx::image {
+namespace {
+
+// Reads the source as RGBA floats into rows padded left and right by repeated edge pixels.
+void ReadPaddedRows(VxImage *source, float *padded, size_t stride, int32_t left, int32_t right)
+{
+    const int32_t w = source->width;
+    for (int32_t y = 0; y < source->height; ++y) {
+        float *line = padded + stride * y;
+        if (!source->getLine(source, VX_PIXEL_RGBA_FLOAT, y, line + 4 * left))
+            CkptRecover(kLocalFailure);
+        for (int32_t i = 0; i < left; ++i)
+            std::memcpy(line + 4 * i, line + 4 * left, 16);
+        for (int32_t i = 0; i < right; ++i)
+            std::memcpy(line + 4 * (left + w + i), line + 4 * (left + w - 1), 16);
+    }
+}
+
+float Clamp01(float v) { return v < 0.0f ? 0.0f : v > 1.0f ? 1.0f : v; }
+
+void ConvolveRows(VxImage *source, VxImage *result, const float *matrix, int32_t columns, int32_t rows,
+                  const float *offset, const float *padded, size_t stride, float *acc)
+{
+    const size_t rowFloats = 4 * static_cast<size_t>(source->width);
+    for (int32_t y = 0; y < source->height; ++y) {
+        std::fill(acc, acc + rowFloats, 0.0f);
+        for (int32_t r = 0; r < rows; ++r) {
+            const int32_t sy = std::clamp(y - (rows >> 1) + r, 0, source->height - 1);
+            for (int32_t k = 0; k < columns; ++k) {
+                const float m = matrix[r * columns + k];
+                const float *p = padded + stride * sy + 4 * k;
+                for (size_t i = 0; i < rowFloats; ++i)
+                    acc[i] += m * p[i];
+            }
+        }
+        for (size_t i = 0; i < rowFloats; ++i)
+            acc[i] = Clamp01(offset ? acc[i] + offset[i & 3] : acc[i]);
+        if (!result->setLine(result, VX_PIXEL_RGBA_FLOAT, y, acc))
+            CkptRecover(kLocalFailure);
+    }
+}
+
+// ---- the separable fixed-point blur ----
+
+// Filters `length` samples (`step` bytes apart) of `in` into `out` with `kernel`. `work` holds
+// length + 2 (3g - 1) bytes, `left` length words.
+void FilterLine(const BlurKernel &kernel, const uint8_t *in, uint8_t *out, size_t step, int32_t length,
+                uint8_t *work, uint16_t *left)
+{
+    const int32_t g = kernel.groups, pad = 3 * g - 1;
+    std::memset(work, in[0], pad);
+    for (int32_t i = 0; i < length; ++i)
+        work[pad + i] = in[step * i];
+    std::memset(work + pad + length, in[step * (length - 1)], pad);
+    const uint32_t *t0 = kernel.table[0], *t1 = kernel.table[1], *t2 = kernel.table[2];
+    uint32_t acc = 0;
+    for (int32_t s = 3 * (g - 1); s < pad + length; ++s) {
+        uint32_t a = (acc >> 10) + t0[work[s]];
+        if (g > 1)
+            a += t1[work[s - 3]];
+        if (g > 2)
+            a += t2[work[s - 6]];
+        acc = a;
+        if (s >= pad)
+            left[s - pad] = static_cast<uint16_t>(a & 0x3FF);
+    }
+    acc = 0;
+    for (int32_t s = pad + length - 1 + 3 * (g - 1); s >= pad; --s) {
+        uint32_t a = (acc >> 10) + t0[work[s]];
+        if (g > 1)
+            a += t1[work[s + 3]];
+        if (g > 2)
+            a += t2[work[s + 6]];
+        acc = a;
+        if (s < pad + length) {
+            const int32_t sum = (static_cast<int32_t>(left[s - pad]) + static_cast<int32_t>(a & 0x3FF) - kernel.bias) >> 2;
+            out[step * (s - pad)] = static_cast<uint8_t>(std::clamp(sum, 0, 255));
+        }
+    }
+}
+
+// Vertical pass over a strip of `count` byte columns starting at `from`: every byte column is
+// filtered down the rows, all columns of the strip advancing together row by row.
+void FilterStrip(const BlurKernel &kernel, const uint8_t *in, uint8_t *out, size_t rowBytes, int32_t height,
+                 size_t from, size_t count, uint32_t *acc, uint16_t *left)
+{
+    const int32_t g = kernel.groups, pad = 3 * g - 1;
+    auto rowAt = [&](int32_t s) { return in + rowBytes * std::clamp(s - pad, 0, height - 1) + from; };
+    const uint32_t *t0 = kernel.table[0], *t1 = kernel.table[1], *t2 = kernel.table[2];
+    std::fill(acc, acc + count, 0u);
+    for (int32_t s = 3 * (g - 1); s < pad + height; ++s) {
+        const uint8_t *r0 = rowAt(s), *r1 = rowAt(s - 3), *r2 = rowAt(s - 6);
+        uint16_t *l = left + count * std::max(s - pad, 0);  // rows before the first are overwritten
+        for (size_t i = 0; i < count; ++i) {
+            uint32_t a = (acc[i] >> 10) + t0[r0[i]];
+            if (g > 1)
+                a += t1[r1[i]];
+            if (g > 2)
+                a += t2[r2[i]];
+            acc[i] = a;
+            l[i] = static_cast<uint16_t>(a & 0x3FF);
+        }
+    }
+    std::fill(acc, acc + count, 0u);
+    for (int32_t s = pad + height - 1 + 3 * (g - 1); s >= pad; --s) {
+        const uint8_t *r0 = rowAt(s), *r1 = rowAt(s + 3), *r2 = rowAt(s + 6);
+        const bool emit = s < pad + height;
+        const uint16_t *l = left + count * (emit ? s - pad : 0);
+        uint8_t *o = out + rowBytes * (emit ? s - pad : 0) + from;
+        for (size_t i = 0; i < count; ++i) {
+            uint32_t a = (acc[i] >> 10) + t0[r0[i]];
+            if (g > 1)
+                a += t1[r1[i]];
+            if (g > 2)
+                a += t2[r2[i]];
+            acc[i] = a;
+            if (emit) {
+                const int32_t sum = (static_cast<int32_t>(l[i]) + static_cast<int32_t>(a & 0x3FF) - kernel.bias) >> 2;
+                o[i] = static_cast<uint8_t>(std::clamp(sum, 0, 255));
+            }
+        }
+    }
+}
+
+constexpr size_t kStripBytes = 512;
+
+// Layout of the separable blur's one work buffer, every piece at an aligned offset.
+struct BlurWork {
+    size_t stripAcc, stripLeft, lineLeft, across, line, total;
+};
+
+BlurWork BlurWorkLayout(const VxImage *image, int32_t taps)
+{
+    const size_t w = static_cast<size_t>(image->width), h = static_cast<size_t>(image->height);
+    const size_t pad = 3 * static_cast<size_t>((taps + 2) / 3) - 1;
+    auto aligned = [](size_t n) { return (n + 15) & ~size_t{15}; };
+    BlurWork layout;
+    layout.stripAcc = 0;                                                     // strip accumulators
+    layout.stripLeft = layout.stripAcc + aligned(4 * kStripBytes);           // left sums of a strip
+    layout.lineLeft = layout.stripLeft + aligned(2 * kStripBytes * h);       // left sums of a line
+    layout.across = layout.lineLeft + aligned(2 * w);                        // horizontally filtered image
+    layout.line = layout.across + aligned(h * w * image->bytesPerPixel);     // one padded line
+    layout.total = layout.line + w + 2 * pad;
+    return layout;
+}
+
+void SeparableBlur(const VxImage *image, VxImage *result, int32_t taps, double sigmaH, double sigmaV,
+                   uint32_t mask, uint8_t *work)
+{
+    const int32_t w = image->width, h = image->height;
+    const size_t bpp = image->bytesPerPixel, rowBytes = static_cast<size_t>(w) * bpp;
+    const BlurWork layout = BlurWorkLayout(image, taps);
+    auto *stripAcc = reinterpret_cast<uint32_t *>(work + layout.stripAcc);
+    auto *stripLeft = reinterpret_cast<uint16_t *>(work + layout.stripLeft);
+    auto *lineLeft = reinterpret_cast<uint16_t *>(work + layout.lineLeft);
+    uint8_t *across = work + layout.across;
+    uint8_t *line = work + layout.line;
+
+    BlurKernel kernel;
+    BuildBlurKernel(taps, sigmaH, kernel);
+    for (int32_t y = 0; y < h; ++y)
+        for (size_t c = 0; c < bpp; ++c)
+            FilterLine(kernel, Row(image, y) + c, across + rowBytes * y + c, bpp, w, line, lineLeft);
+    BuildBlurKernel(taps, sigmaV, kernel);
+    uint8_t *out = result->priv->pixels;
+    for (size_t from = 0; from < rowBytes; from += kStripBytes)
+        FilterStrip(kernel, across, out, rowBytes, h, from, std::min(kStripBytes, rowBytes - from), stripAcc,
+                    stripLeft);
+    // Grey is always blurred; in RGB and RGBA the channels outside the mask keep the source.
+    if (image->type == VX_PIXEL_GREY)
+        return;
+    const uint8_t *src = image->priv->pixels;
+    const size_t total = rowBytes * h;
+    for (size_t c = 0; c < bpp; ++c)
+        if (!(mask & (1u << c)))
+            for (size_t i = c; i < total; i += bpp)
+                out[i] = src[i];
+}
+
+VxImage *SeparablePath(VxImage *image, int32_t taps, double sigmaH, double sigmaV, uint32_t mask)
+{
+    VxImage *result = ImageCreate(image->type, image->width, image->height);
+    if (!result)
+        return nullptr;
+    const size_t bytes = BlurWorkLayout(image, taps).total;
+    uint8_t *work = nullptr;
+    if (CkptBegin()) {
+        // The work buffer could not be had: the result goes back with its pixels unwritten.
+        CkptLatchCode();
+        return result;
+    }
+    work = static_cast<uint8_t *>(StdAlloc(bytes));
+    CkptEnd();
+    SeparableBlur(image, result, taps, sigmaH, sigmaV, mask, work);
+    FreeHeap(work, bytes);
+    return result;
+}
+
+VxImage *MatrixPath(VxImage *image, int32_t taps, double sigmaH, double sigmaV)
+{
+    const int32_t m = 2 * taps - 1;
+    const size_t bytes = sizeof(float) * static_cast<size_t>(m) * static_cast<size_t>(m);
+    VX_IMAGE_BEGIN(nullptr);
+    auto *matrix = static_cast<float *>(AllocArmed(bytes));
+    fillGaussianMatrix(sigmaH, sigmaV, matrix, m, m);
+    VxImage *result = ImageConvolve(image, image->type, matrix, m, m, nullptr);
+    CkptEnd();
+    FreeHeap(matrix, bytes);
+    return result;
+}
+
+}  // namespace
+
+void HalfKernel(int32_t taps, double sigma, double *w)
+{
+    const double q = std::fabs(sigma) * 10.0;
+    if (q == 0.0) {
+        w[0] = 1.0;
+        for (int32_t i = 1; i < taps; ++i)
+            w[i] = 0.0;
+        return;
+    }
+    const double floor = std::exp(-static_cast<double>(taps * taps) / q);
+    for (int32_t i = 0; i < taps; ++i)
+        w[i] = std::exp(-static_cast<double>(i * i) / q) - floor;
+    const double sum = FullSum(taps, w);
+    if (sum != 1.0 && sum != 0.0)
+        for (int32_t i = 0; i < taps; ++i)
+            w[i] /= sum;
+}
+
+double FullSum(int32_t taps, const double *w)
+{
+    double sides = 0.0;
+    for (int32_t i = 1; i < taps; ++i)
+        sides += w[i];
+    return w[0] + 2.0 * sides;
+}
+
+int32_t BlurLane(int v, double tap, int32_t bias, int lane)
+{
+    const auto scaled = static_cast<int32_t>(v * tap * 262144.0 + 32768.0);
+    return (scaled >> 16) + bias + (lane == 1 ? 1 : 0);
+}
+
+void BuildBlurKernel(int32_t taps, double sigma, BlurKernel &kernel)
+{
+    double w[kMaxBlurTaps];
+    HalfKernel(taps, sigma, w);
+    const double sum = FullSum(taps, w);
+    if (std::fabs(sum - 1.0) > 0.001 && sum != 0.0)
+        for (int32_t i = 0; i < taps; ++i)
+            w[i] /= sum;
+    kernel.groups = (taps + 2) / 3;
+    double t[kMaxBlurTaps] = {};
+    std::copy(w, w + taps, t);
+    t[0] *= 0.5;  // the centre tap is applied from both sides
+    int32_t b[kMaxBlurTaps];
+    int32_t biasSum = 0;
+    for (int i = 0; i < kMaxBlurTaps; ++i) {
+        b[i] = t[i] < 0.0 ? static_cast<int32_t>(-t[i] * 1024.0) : 0;
+        biasSum += b[i];
+    }
+    kernel.bias = 2 * biasSum;
+    for (int j = 0; j < 3; ++j)
+        for (int v = 0; v < 256; ++v) {
+            uint32_t word = 0;
+            for (int k = 0; k < 3 && j < kernel.groups; ++k)
+                word |= (static_cast<uint32_t>(BlurLane(v, t[3 * j + k], b[3 * j + k], k)) & 0x3FF) << (10 * k);
+            kernel.table[j][v] = word;
+        }
+}
+
+}  // namespace vx::image
+
+using namespace vx::image;
+
+extern "C" {
+
+VX_API VxImage *ImageConvolve(VxImage *image, int32_t type, const float *matrix, int32_t columns, int32_t rows,
+                              const float *offset)
+{
+    if (!image || !matrix || columns < 1 || rows < 1 || !ImageBytesPerPixel(type))
+        return nullptr;
+    const int32_t left = columns >> 1, right = columns - 1 - left;
+    const size_t stride = 4 * (static_cast<size_t>(image->width) + static_cast<size_t>(columns) - 1);
+    Scratch scratch;
+    VX_IMAGE_BEGIN(nullptr);
+    ArmScratch(scratch);
+    float *padded = scratch.Take<float>(sizeof(float) * stride * static_cast<size_t>(image->height));
+    ReadPaddedRows(image, padded, stride, left, right);
+    float *acc = scratch.Take<float>(16 * static_cast<size_t>(image->width));
+    VxImage *result = ImageCreate(type, image->width, image->height);
+    CkptArm(DestroyImageArm, reinterpret_cast<uintptr_t>(result), 0);
+    CopyPalettes(result, image);
+    ConvolveRows(image, result, matrix, columns, rows, offset, padded, stride, acc);
+    CkptEnd();
+    scratch.Release();
+    return result;
+}
+
+VX_API void fillGaussianMatrix(double sigmaX, double sigmaY, float *out, int32_t columns, int32_t rows)
+{
+    if (!out || columns < 1 || rows < 1)
+        return;
+    const double ax = sigmaX > 0.0 ? 1.0 / sigmaX : 0.0, ay = sigmaY > 0.0 ? 1.0 / sigmaY : 0.0;
+    double sum = 0.0;
+    for (int32_t j = 0; j < rows; ++j)
+        for (int32_t i = 0; i < columns; ++i) {
+            const double x = i - 0.5 * columns, y = j - 0.5 * rows;
+            double value;
+            if (ax == 0.0 && ay == 0.0)
+                value = x == 0.0 && y == 0.0 ? 1.0 : 0.0;
+            else if (ax == 0.0)
+                value = x == 0.0 ? std::exp(-y * y * ay) : 0.0;
+            else if (ay == 0.0)
+                value = y == 0.0 ? std::exp(-x * x * ax) : 0.0;
+            else
+                value = std::exp(-(y * y * ay + x * x * ax));
+            out[j * columns + i] = static_cast<float>(value);
+            sum += out[j * columns + i];
+        }
+    if (sum == 0.0)
+        return;
+    const double scale = 1.0 / sum;
+    for (int32_t i = 0; i < columns * rows; ++i)
+        out[i] = static_cast<float>(out[i] * scale);
+}
+
+VX_API VxImage *ImageBlur(VxImage *image, int32_t taps, double sigmaH, double sigmaV, uint32_t channelMask)
+{
+    if (!image || taps < 1)
+        return nullptr;
+    const bool separable = image->type == VX_PIXEL_RGB || image->type == VX_PIXEL_GREY || image->type == VX_PIXEL_RGBA;
+    if (!separable)
+        return MatrixPath(image, taps, sigmaH, sigmaV);
+    if (taps > kMaxBlurTaps)
+        return nullptr;
+    return SeparablePath(image, taps, sigmaH, sigmaV, channelMask);
+}
+
+}  // extern "C"

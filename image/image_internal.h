@@ -1,0 +1,134 @@
+// Private layout of images and helpers shared by the image operations.
+#pragma once
+
+#include <vxtools3/ckpt.h>
+#include <vxtools3/image.h>
+#include <vxtools3/memory.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace vx::image {
+
+constexpr size_t kPaletteBytes = 768;
+constexpr size_t kInverseBytes = 65536;
+constexpr int kAttributeCount = 10;
+
+struct Palette {
+    uint8_t *rgb;      // 256 triples, NULL until first written
+    int32_t first;     // lowest written index
+    int32_t end;       // one past the highest written index
+    uint8_t *inverse;  // 65,536-entry inverse table, NULL until first needed
+    int32_t inverseValid;
+};
+
+}  // namespace vx::image
+
+struct VxImagePrivate {
+    uint8_t *pixels;
+    int32_t palettesAgree;
+    vx::image::Palette palette[2];
+    uint32_t attributes[vx::image::kAttributeCount];
+};
+
+namespace vx::image {
+
+inline size_t BufferBytes(const VxImage *image)
+{
+    return static_cast<size_t>(image->width) * static_cast<size_t>(image->height) * image->bytesPerPixel;
+}
+
+inline uint8_t *Row(const VxImage *image, int32_t y)
+{
+    return image->priv->pixels + static_cast<size_t>(y) * static_cast<size_t>(image->width) * image->bytesPerPixel;
+}
+
+// Palette used to read stored indices (palette 0, else palette 1), or NULL.
+const uint8_t *StoredPalette(const VxImage *image);
+// Palette in which callers exchange indices (palette 1, else palette 0), or NULL.
+const uint8_t *CallerPalette(const VxImage *image);
+// Inverse table for writing stored indices / for handing indices to callers, built on first
+// use (may raise code 1); NULL when the image has no palette.
+const uint8_t *StoredInverse(VxImage *image);
+const uint8_t *CallerInverse(VxImage *image);
+
+// Copies the palettes of `from` into `to` (may raise code 1).
+void CopyPalettes(VxImage *to, const VxImage *from);
+
+// Checkpoint action that destroys an image: CkptArm(DestroyImageArm, (uintptr_t)image, 0).
+void DestroyImageArm(uintptr_t image, uintptr_t);
+
+// Reads the whole image as RGBA floats into `out` (width x height x 4 floats). Returns false
+// when a pixel cannot be converted.
+bool ReadRgbaFloat(VxImage *image, float *out);
+
+// Allocates `bytes` and arms its release in the innermost block (raises code 1 on failure).
+inline void *AllocArmed(size_t bytes)
+{
+    void *block = StdAlloc(bytes);
+    CkptArm(StdFreeArm, reinterpret_cast<uintptr_t>(block), bytes);
+    return block;
+}
+
+}  // namespace vx::image
+
+namespace vx::image {
+
+// Code raised inside an image operation's own block for a failure that is not an allocation
+// failure (a pixel that cannot be converted); the operation swallows it and returns failure.
+constexpr int kLocalFailure = 0x1A6E;
+
+// Weights of the four taps of resample mode 4 (cubic B-spline) or 5 (Catmull-Rom) at
+// fraction t (0 <= t < 1).
+void CubicWeights(int32_t mode, double t, double w[4]);
+
+}  // namespace vx::image
+
+// Opens an image operation's block: allocation failures are handed outward (or make the
+// function return `failure`); kLocalFailure only makes it return `failure`.
+#define VX_IMAGE_BEGIN(failure)                      \
+    if (CkptBegin()) {                               \
+        const int vxCode = CkptLatchCode();          \
+        if (vxCode != vx::image::kLocalFailure)      \
+            CkptRecover(vxCode);                     \
+        return failure;                              \
+    }
+
+namespace vx::image {
+
+// Scratch memory of one operation: every block taken is released together, by the armed
+// action on a failure or by Release() after success. Lives in the frame that opens the block.
+struct Scratch {
+    static constexpr int kMaxBlocks = 8;
+    void *block[kMaxBlocks];
+    size_t size[kMaxBlocks];
+    int count;
+
+    // Allocates `bytes` zero-filled bytes (raises code 1 on failure).
+    template <class T>
+    T *Take(size_t bytes)
+    {
+        void *b = StdAlloc(bytes);
+        block[count] = b;
+        size[count] = bytes;
+        ++count;
+        return static_cast<T *>(b);
+    }
+    void Release()
+    {
+        while (count > 0) {
+            --count;
+            FreeHeap(block[count], size[count]);
+        }
+    }
+};
+
+inline void ReleaseScratchArm(uintptr_t scratch, uintptr_t) { reinterpret_cast<Scratch *>(scratch)->Release(); }
+
+inline void ArmScratch(Scratch &scratch)
+{
+    scratch.count = 0;
+    CkptArm(ReleaseScratchArm, reinterpret_cast<uintptr_t>(&scratch), 0);
+}
+
+}  // namespace vx::image

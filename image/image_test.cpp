@@ -1,0 +1,438 @@
+#include <vxtools3/ckpt.h>
+#include <vxtools3/image.h>
+
+#include "image/convert.h"
+#include "image/image_test_util.h"
+#include "testkit/fault_alloc.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <bit>
+#include <cmath>
+#include <random>
+
+namespace {
+
+using imagetest::Bytes;
+
+TEST(Image, CreateSizesTypesAndAttributeDefaults)
+{
+    vxtest::FaultAllocator heap;
+    const uint32_t sizes[7] = {3, 1, 1, 4, 12, 4, 16};
+    for (int32_t type = 0; type < 7; ++type) {
+        VxImage *image = ImageCreate(type, 5, 3);
+        ASSERT_NE(image, nullptr);
+        EXPECT_EQ(image->bytesPerPixel, sizes[type]);
+        EXPECT_EQ(Bytes(image), std::vector<uint8_t>(15 * sizes[type], 0)) << "zero-filled";
+        uint32_t words[10];
+        for (int32_t code = 0; code < 10; ++code)
+            ASSERT_EQ(image->getAttribute(image, code, &words[code]), 1);
+        for (int code = 0; code < 6; ++code)
+            EXPECT_EQ(std::bit_cast<float>(words[code]), 1.0f);
+        EXPECT_EQ((std::array<uint32_t, 4>{words[6], words[7], words[8], words[9]}),
+                  (std::array<uint32_t, 4>{0, 2540, 0, 1}));
+        uint32_t value = 77;
+        EXPECT_EQ(image->getAttribute(image, 10, &value), 0);
+        EXPECT_EQ(image->getAttribute(image, -1, &value), 0) << "negative codes compare unsigned";
+        EXPECT_EQ(image->setAttribute(image, 9, nullptr), 0);
+        EXPECT_EQ(image->setAttribute(image, 9, &value), 1);
+        EXPECT_EQ(image->getAttribute(image, 9, &words[9]), 1);
+        EXPECT_EQ(words[9], 77u);
+        ImageDestroy(image);
+    }
+    EXPECT_EQ(heap.LiveBytes(), 0u);
+    EXPECT_EQ(heap.BadFrees(), 0);
+    ImageDestroy(nullptr);
+    EXPECT_EQ(ImageColorCreate(2, 2)->type, 0);
+    EXPECT_EQ(ImageGreyCreate(2, 2)->type, 1);
+}
+
+TEST(Image, UnknownTypeRaises995)
+{
+    vxtest::FaultAllocator heap;
+    EXPECT_EQ(ImageCreate(7, 4, 4), nullptr);
+    EXPECT_EQ(CkptLatchCode(), 995);
+    EXPECT_EQ(ImageCreate(0, 0, 4), nullptr);
+    EXPECT_EQ(CkptLatchCode(), 995);
+    volatile bool unwound = false;
+    if (CkptBegin()) {
+        unwound = true;
+    } else {
+        ImageCreate(-1, 4, 4);
+        CkptEnd();
+    }
+    EXPECT_TRUE(unwound);
+    EXPECT_EQ(CkptLatchCode(), 995);
+    EXPECT_EQ(heap.LiveBytes(), 0u);
+}
+
+TEST(Image, PixelAndLineAccessRefusesOutsidePoints)
+{
+    VxImage *image = ImageCreate(VX_PIXEL_RGB, 4, 3);
+    uint8_t out[3] = {9, 9, 9}, in[3] = {1, 2, 3};
+    EXPECT_EQ(image->getPixel(image, 0, 4, 0, out), 0);
+    EXPECT_EQ(image->getPixel(image, 0, 0, -1, out), 0);
+    EXPECT_EQ(image->getPixel(image, 0, 0, 0, nullptr), 0);
+    EXPECT_EQ(image->getPixel(nullptr, 0, 0, 0, out), 0);
+    EXPECT_EQ((std::array<uint8_t, 3>{out[0], out[1], out[2]}), (std::array<uint8_t, 3>{9, 9, 9})) << "nothing written";
+    EXPECT_EQ(image->setPixel(image, 0, -1, 0, in), 0);
+    EXPECT_EQ(image->setPixel(image, 0, 0, 3, in), 0);
+    EXPECT_EQ(Bytes(image), std::vector<uint8_t>(36, 0));
+    EXPECT_EQ(image->setPixel(image, 0, 3, 2, in), 1);
+    EXPECT_EQ(Bytes(image)[33], 1) << "row y starts at y width bpp";
+    float f[4];
+    EXPECT_EQ(image->getPixel(image, VX_PIXEL_RGBA_FLOAT, 3, 2, f), 1);
+    EXPECT_EQ(f[2], 3.0f / 255.0f);
+    EXPECT_EQ(f[3], 1.0f);
+    std::vector<uint8_t> line(12, 0);
+    EXPECT_EQ(image->getLine(image, 0, 3, line.data()), 0);
+    EXPECT_EQ(image->getLine(image, 0, 2, line.data()), 1);
+    EXPECT_EQ(line[9], 1);
+    std::vector<float> floats(16, 0.5f);
+    EXPECT_EQ(image->setLine(image, VX_PIXEL_RGBA_FLOAT, 0, floats.data()), 1);
+    EXPECT_EQ(Bytes(image)[0], 127) << "0.5 x 255 truncated";
+    ImageDestroy(image);
+}
+
+// ---- conversions ----
+
+uint8_t Convert1(const void *in, int32_t inType, int32_t outType, const uint8_t *inverse = nullptr,
+                 const uint8_t *palette = nullptr)
+{
+    uint8_t out[16] = {};
+    EXPECT_EQ(ImageConvertPixel(out, outType, inverse, in, inType, palette), 1);
+    return out[0];
+}
+
+// Every byte value through every byte type and back, and through the float types, where the
+// truncation toward zero may lose one step when v / 255 rounds below its exact value.
+TEST(ImageConvert, ByteTypesRoundTripExhaustively)
+{
+    // 256 distinct colours that are exact 5-6-5 key colours, so that indices survive.
+    std::vector<uint8_t> keyPalette(768), greyPalette(768), inverse(65536);
+    for (int k = 0; k < 256; ++k) {
+        const int r5 = k & 31, g6 = (k >> 5) << 3;
+        keyPalette[3 * k] = static_cast<uint8_t>((r5 << 3) | (r5 >> 2));
+        keyPalette[3 * k + 1] = static_cast<uint8_t>((g6 << 2) | (g6 >> 4));
+        std::memset(&greyPalette[3 * k], k, 3);
+    }
+    ImageBuildInverseTable(keyPalette.data(), inverse.data());
+    int floatLosses = 0;
+    for (int v = 0; v < 256; ++v) {
+        const auto b = static_cast<uint8_t>(v);
+        const uint8_t rgba[4] = {b, static_cast<uint8_t>(255 - v), static_cast<uint8_t>(v * 7), static_cast<uint8_t>(v ^ 0x5A)};
+        uint8_t mid[16], back[4] = {};
+        ASSERT_EQ(ImageConvertPixel(mid, 5, nullptr, rgba, 0, nullptr), 1);
+        ASSERT_EQ(mid[3], 255);
+        ASSERT_EQ(ImageConvertPixel(back, 0, nullptr, mid, 5, nullptr), 1);
+        ASSERT_EQ(0, std::memcmp(back, rgba, 3)) << "RGB via RGBA";
+        for (int32_t via : {0, 5}) {
+            ASSERT_EQ(ImageConvertPixel(mid, via, nullptr, &b, 1, nullptr), 1);
+            ASSERT_EQ((std::array<uint8_t, 3>{mid[0], mid[1], mid[2]}), (std::array<uint8_t, 3>{b, b, b}));
+            ASSERT_EQ(Convert1(mid, via, 1), b) << "grey via " << via;
+            ASSERT_EQ(Convert1(&b, 2, via, nullptr, greyPalette.data()), b) << "index to colour " << via;
+            ASSERT_EQ(ImageConvertPixel(mid, via, nullptr, &b, 2, keyPalette.data()), 1);
+            ASSERT_EQ(Convert1(mid, via, 2, inverse.data()), b) << "index to colour to index via " << via;
+        }
+        ASSERT_EQ(Convert1(&b, 2, 2, inverse.data(), keyPalette.data()), b) << "index to index";
+        for (int32_t via : {3, 4, 6}) {
+            ASSERT_EQ(ImageConvertPixel(mid, via, nullptr, rgba, via == 3 ? 1 : 5, nullptr), 1);
+            ASSERT_EQ(ImageConvertPixel(back, via == 3 ? 1 : 5, nullptr, mid, via, nullptr), 1);
+            const int channels = via == 3 ? 1 : via == 4 ? 3 : 4;
+            for (int c = 0; c < channels; ++c) {
+                const uint8_t original = via == 3 ? b : rgba[c];
+                const float table = static_cast<float>(original) / 255.0f;
+                ASSERT_EQ(back[c], static_cast<uint8_t>(table * 255.0f));
+                ASSERT_LE(original - back[c], 1);
+                ASSERT_GE(original - back[c], 0);
+                floatLosses += original != back[c];
+            }
+        }
+    }
+    EXPECT_LT(floatLosses, 256 * 8 / 4) << "most values survive the float round trip";
+}
+
+TEST(ImageConvert, FormulasAreExact)
+{
+    std::mt19937 rng(3);
+    for (int i = 0; i < 200000; ++i) {
+        const auto bits = static_cast<uint32_t>(rng());
+        const uint8_t rgb[3] = {static_cast<uint8_t>(bits), static_cast<uint8_t>(bits >> 8), static_cast<uint8_t>(bits >> 16)};
+        ASSERT_EQ(Convert1(rgb, 0, 1), (rgb[0] * 19595u + rgb[1] * 38470u + rgb[2] * 7471u) >> 16);
+        float grey;
+        ASSERT_EQ(ImageConvertPixel(&grey, 3, nullptr, rgb, 0, nullptr), 1);
+        ASSERT_EQ(grey, rgb[0] * 0.001172549f + rgb[1] * 0.002301961f + rgb[2] * 0.000447059f);
+        float f[4];
+        ASSERT_EQ(ImageConvertPixel(f, 6, nullptr, rgb, 0, nullptr), 1);
+        ASSERT_EQ(f[1], static_cast<float>(rgb[1]) / 255.0f);
+        ASSERT_EQ(f[3], 1.0f);
+        ASSERT_EQ(Convert1(f, 4, 1), static_cast<uint8_t>((0.299f * f[0] + 0.587f * f[1] + 0.114f * f[2]) * 255.0f));
+    }
+    // Float to byte: clamp to 0..1, times 255, truncated toward zero.
+    const float samples[] = {-0.5f, 0.0f, 0.5f, 0.999f, 1.0f, 1.5f, std::nanf("")};
+    const uint8_t expected[] = {0, 0, 127, 254, 255, 255, 0};
+    for (size_t i = 0; i < std::size(samples); ++i) {
+        const float rgba[4] = {samples[i], samples[i], samples[i], samples[i]};
+        ASSERT_EQ(Convert1(rgba, 6, 0), expected[i]) << samples[i];
+        ASSERT_EQ(Convert1(&samples[i], 3, 1), expected[i]) << samples[i];
+        uint8_t out[4];
+        ASSERT_EQ(ImageConvertPixel(out, 5, nullptr, rgba, 6, nullptr), 1);
+        ASSERT_EQ(out[3], expected[i]) << "alpha is clamped alike";
+    }
+    const float white[3] = {1.0f, 1.0f, 1.0f};
+    uint8_t rgba[4];
+    ASSERT_EQ(ImageConvertPixel(rgba, 5, nullptr, white, 4, nullptr), 1);
+    EXPECT_EQ(rgba[3], 255) << "RGB floats to RGBA bytes: opaque";
+    uint8_t out[16];
+    EXPECT_EQ(ImageConvertPixel(out, 7, nullptr, white, 4, nullptr), 0);
+    EXPECT_EQ(ImageConvertPixel(out, 0, nullptr, white, -1, nullptr), 0);
+    EXPECT_EQ(ImageConvertPixel(out, 2, nullptr, white, 4, nullptr), 0) << "an index needs the inverse table";
+    EXPECT_EQ(ImageConvertPixel(out, 0, nullptr, out, 2, nullptr), 0) << "an index needs the palette";
+}
+
+// A palette of the 4 x 4 x 4 cube of levels 0, 85, 170, 255 (entries 64..255 repeat it).
+std::vector<uint8_t> CubePalette()
+{
+    std::vector<uint8_t> p(768);
+    for (int i = 0; i < 256; ++i) {
+        const int c = i % 64;
+        p[3 * i] = static_cast<uint8_t>(85 * (c >> 4));
+        p[3 * i + 1] = static_cast<uint8_t>(85 * ((c >> 2) & 3));
+        p[3 * i + 2] = static_cast<uint8_t>(85 * (c & 3));
+    }
+    return p;
+}
+
+TEST(ImageConvert, InverseTableHoldsNearestEntryOfEveryKey)
+{
+    const std::vector<uint8_t> palette = CubePalette();
+    std::vector<uint8_t> table(65536);
+    ImageBuildInverseTable(palette.data(), table.data());
+    for (int i = 0; i < 64; ++i) {
+        const uint8_t *c = &palette[3 * i];
+        EXPECT_EQ(Convert1(c, 0, 2, table.data()), i) << "an exact palette colour finds its first index";
+        const uint8_t index = static_cast<uint8_t>(i);
+        uint8_t rgb[3];
+        ASSERT_EQ(ImageConvertPixel(rgb, 0, nullptr, &index, 2, palette.data()), 1);
+        EXPECT_EQ(0, std::memcmp(rgb, c, 3));
+    }
+    auto distance = [&](int key, int entry) {
+        const int r = ((key >> 11) << 3) | (key >> 13), g = (((key >> 5) & 63) << 2) | (((key >> 5) & 63) >> 4),
+                  b = ((key & 31) << 3) | ((key & 31) >> 2);
+        const int dr = palette[3 * entry] - r, dg = palette[3 * entry + 1] - g, db = palette[3 * entry + 2] - b;
+        return dr * dr + dg * dg + db * db;
+    };
+    for (int key = 0; key < 65536; key += 7)
+        for (int entry = 0; entry < 64; ++entry)
+            ASSERT_LE(distance(key, table[key]), distance(key, entry)) << "key " << key;
+    // 5-6-5 key of a colour: only the top bits count.
+    const uint8_t nearWhite[3] = {250, 253, 249};
+    EXPECT_EQ(Convert1(nearWhite, 0, 2, table.data()), 63);
+}
+
+TEST(ImagePalette, ReadWriteRangesAndTheAgreeFlag)
+{
+    vxtest::FaultAllocator heap;
+    VxImage *image = ImageCreate(VX_PIXEL_INDEX, 2, 2);
+    uint8_t buffer[768];
+    EXPECT_EQ(image->getPalette(image, 0, 0, 0, nullptr), 0) << "no palette yet";
+    std::vector<uint8_t> ten(30, 200);
+    EXPECT_EQ(image->setPalette(image, 0, 250, 10, ten.data()), 1);
+    EXPECT_EQ(image->getPalette(image, 0, 0, 0, nullptr), 256) << "count 0 asks for the size";
+    std::memset(buffer, 1, sizeof buffer);
+    EXPECT_EQ(image->getPalette(image, 0, 248, 10, buffer), 256);
+    EXPECT_EQ((std::vector<uint8_t>(buffer, buffer + 24)),
+              (std::vector<uint8_t>{248, 248, 248, 249, 249, 249, 200, 200, 200, 200, 200, 200, 200, 200, 200, 200,
+                                    200, 200, 200, 200, 200, 200, 200, 200}))
+        << "grey ramp below the written range, only 6 entries written";
+    EXPECT_EQ(image->getPalette(image, 2, 0, 1, buffer), 0);
+    EXPECT_EQ(image->getPalette(image, 0, 256, 1, buffer), 0);
+    EXPECT_EQ(image->getPalette(image, 0, -1, 1, buffer), 0);
+    EXPECT_EQ(image->setPalette(image, 0, 0, 0, buffer), 0);
+    EXPECT_EQ(image->priv->palettesAgree, 1) << "palette 1 is missing";
+
+    std::vector<uint8_t> colours(30);
+    for (size_t i = 0; i < colours.size(); ++i)
+        colours[i] = static_cast<uint8_t>(i * 5);
+    VxImage *other = ImageCreate(VX_PIXEL_INDEX, 2, 2);
+    EXPECT_EQ(other->setPalette(other, 0, 10, 10, colours.data()), 1);
+    EXPECT_EQ(other->setPalette(other, 1, 10, 10, colours.data()), 1);
+    EXPECT_EQ(other->priv->palettesAgree, 1) << "identical bytes over the same range";
+    colours[29] ^= 1;
+    EXPECT_EQ(other->setPalette(other, 1, 10, 10, colours.data()), 1);
+    EXPECT_EQ(other->priv->palettesAgree, 0) << "one byte differs";
+    colours[29] ^= 1;
+    EXPECT_EQ(other->setPalette(other, 1, 10, 10, colours.data()), 1);
+    EXPECT_EQ(other->priv->palettesAgree, 1);
+    EXPECT_EQ(other->setPalette(other, 1, 9, 1, colours.data() + 0), 1);
+    EXPECT_EQ(other->priv->palettesAgree, 0) << "the ranges differ";
+    ImageDestroy(other);
+    ImageDestroy(image);
+    EXPECT_EQ(heap.LiveBytes(), 0u);
+    EXPECT_EQ(heap.BadFrees(), 0);
+}
+
+TEST(ImagePalette, IndexCreateFillsTheGreyRamp)
+{
+    for (int32_t n : {1, 2, 3, 100, 256}) {
+        VxImage *image = ImageIndexCreate(3, 3, n);
+        uint8_t p[768];
+        ASSERT_EQ(image->getPalette(image, 0, 0, 256, p), n);
+        for (int k = 0; k < n; ++k)
+            ASSERT_EQ((std::array<uint8_t, 3>{p[3 * k], p[3 * k + 1], p[3 * k + 2]}),
+                      (std::array<uint8_t, 3>{static_cast<uint8_t>(256 * k / n), static_cast<uint8_t>(256 * k / n),
+                                              static_cast<uint8_t>(256 * k / n)}));
+        ImageDestroy(image);
+    }
+    VxImage *two = ImageIndexCreate(1, 1, 2);
+    uint8_t p[6];
+    two->getPalette(two, 0, 0, 2, p);
+    EXPECT_EQ((std::array<uint8_t, 2>{p[0], p[3]}), (std::array<uint8_t, 2>{0, 128}));
+    ImageDestroy(two);
+    VxImage *none = ImageIndexCreate(1, 1, 0);
+    EXPECT_EQ(none->getPalette(none, 0, 0, 0, nullptr), 0);
+    ImageDestroy(none);
+}
+
+TEST(ImagePalette, IndicesTranslateWhenThePalettesDisagree)
+{
+    VxImage *image = ImageIndexCreate(2, 1, 256);  // palette 0: entry k = grey k
+    std::vector<uint8_t> reversed(768);
+    for (int k = 0; k < 256; ++k)
+        std::memset(&reversed[3 * k], 255 - k, 3);
+    const uint8_t stored[2] = {16, 200};
+    ASSERT_EQ(image->setLine(image, 2, 0, stored), 1) << "copied while the palettes agree";
+    ASSERT_EQ(image->setPalette(image, 1, 0, 256, reversed.data()), 1);
+    ASSERT_EQ(image->priv->palettesAgree, 0);
+    uint8_t index = 0;
+    ASSERT_EQ(image->getPixel(image, 2, 0, 0, &index), 1);
+    EXPECT_EQ(index, 239) << "grey 16 in the caller's reversed palette";
+    uint8_t rgb[3];
+    ASSERT_EQ(image->getPixel(image, 0, 1, 0, rgb), 1);
+    EXPECT_EQ(rgb[0], 200) << "RGB reads use the stored palette";
+    const uint8_t callerIndex = 231;  // grey 24 in palette 1
+    ASSERT_EQ(image->setPixel(image, 2, 1, 0, &callerIndex), 1);
+    EXPECT_EQ(Bytes(image)[1], 24);
+    const uint8_t colour[3] = {100, 100, 100};
+    ASSERT_EQ(image->setPixel(image, 0, 0, 0, colour), 1);
+    EXPECT_EQ(Bytes(image)[0], 100) << "through the inverse table of palette 0";
+    VxImage *rgbImage = ImageCreate(VX_PIXEL_RGB, 1, 1);
+    EXPECT_EQ(rgbImage->getPixel(rgbImage, 2, 0, 0, &index), 0) << "no palette to index into";
+    ImageDestroy(rgbImage);
+    ImageDestroy(image);
+}
+
+// ---- duplication ----
+
+TEST(ImageDuplicate, EveryTypePairConvertsPixelByPixel)
+{
+    const std::vector<uint8_t> palette = CubePalette();
+    std::vector<uint8_t> inverse(65536);
+    ImageBuildInverseTable(palette.data(), inverse.data());
+    for (int32_t from = 0; from < 7; ++from) {
+        VxImage *src = imagetest::RandomImage(from, 5, 4, static_cast<uint32_t>(from));
+        src->setPalette(src, 0, 0, 256, palette.data());
+        for (int32_t to = 0; to < 7; ++to) {
+            VxImage *copy = ImageDuplicate(src, to, nullptr);
+            ASSERT_NE(copy, nullptr);
+            ASSERT_EQ(copy->type, to);
+            // The same type is copied as it is.
+            std::vector<uint8_t> expected = from == to ? Bytes(src) : std::vector<uint8_t>(20 * copy->bytesPerPixel);
+            for (int i = 0; i < 20 && from != to; ++i)
+                ASSERT_EQ(ImageConvertPixel(&expected[i * copy->bytesPerPixel], to, inverse.data(),
+                                            src->priv->pixels + i * src->bytesPerPixel, from, palette.data()),
+                          1);
+            EXPECT_EQ(Bytes(copy), expected) << from << " -> " << to;
+            EXPECT_EQ(copy->getPalette(copy, 0, 0, 0, nullptr), 256) << "palettes travel with the copy";
+            ImageDestroy(copy);
+        }
+        ImageDestroy(src);
+    }
+}
+
+TEST(ImageDuplicate, GivenPaletteBecomesTheTarget)
+{
+    VxImage *src = imagetest::RandomImage(VX_PIXEL_RGB, 6, 2, 9);
+    const std::vector<uint8_t> palette = CubePalette();
+    VxImage *copy = ImageDuplicate(src, VX_PIXEL_INDEX, palette.data());
+    ASSERT_NE(copy, nullptr);
+    for (int i = 0; i < 12; ++i) {
+        uint8_t rgb[3];
+        ASSERT_EQ(copy->getPixel(copy, 0, i % 6, i / 6, rgb), 1);
+        const uint8_t *s = src->priv->pixels + 3 * i;
+        for (int c = 0; c < 3; ++c)
+            EXPECT_LE(std::abs(rgb[c] - s[c]), 50) << "nearest cube colour";
+    }
+    EXPECT_EQ(copy->priv->palette[0].inverse, nullptr) << "the temporary table was not kept";
+    ImageDestroy(copy);
+    EXPECT_EQ(ImageDuplicate(src, 9, nullptr), nullptr);
+    ImageDestroy(src);
+}
+
+TEST(ImageDuplicate, AreaCopiesTheRectangle)
+{
+    VxImage *src = imagetest::RandomImage(VX_PIXEL_RGBA_FLOAT, 7, 5, 4);
+    VxImage *area = ImageDuplicateArea(src, 2, 1, 4, 3);
+    ASSERT_NE(area, nullptr);
+    for (int y = 0; y < 3; ++y)
+        for (int x = 0; x < 4; ++x)
+            ASSERT_EQ(imagetest::Rgba(area, x, y), imagetest::Rgba(src, x + 2, y + 1));
+    ImageDestroy(area);
+    EXPECT_EQ(ImageDuplicateArea(src, 4, 0, 4, 1), nullptr) << "beyond the right edge";
+    EXPECT_EQ(ImageDuplicateArea(src, 0, -1, 1, 1), nullptr);
+    EXPECT_EQ(ImageDuplicateArea(src, 0, 0, 0, 1), nullptr);
+    area = ImageDuplicateArea(src, 0, 0, 7, 5);
+    EXPECT_EQ(Bytes(area), Bytes(src));
+    ImageDestroy(area);
+    ImageDestroy(src);
+}
+
+// ---- out of memory ----
+
+TEST(ImageOom, CreateIndexCreateAndDuplicate)
+{
+    imagetest::SweepImageOperation([] { return ImageCreate(VX_PIXEL_RGB, 2, 2); },
+                                   [](VxImage *) { return ImageCreate(VX_PIXEL_RGBA_FLOAT, 9, 7); });
+    imagetest::SweepImageOperation([] { return ImageCreate(VX_PIXEL_RGB, 2, 2); },
+                                   [](VxImage *) { return ImageIndexCreate(3, 3, 17); });
+    static const std::vector<uint8_t> palette = CubePalette();
+    imagetest::SweepImageOperation(
+        [] {
+            VxImage *image = imagetest::RandomImage(VX_PIXEL_RGB, 5, 5, 1);
+            image->setPalette(image, 1, 0, 64, palette.data());
+            return image;
+        },
+        [](VxImage *src) { return ImageDuplicate(src, VX_PIXEL_INDEX, nullptr); });
+    imagetest::SweepImageOperation([] { return imagetest::RandomImage(VX_PIXEL_RGB, 5, 5, 1); },
+                                   [](VxImage *src) { return ImageDuplicate(src, VX_PIXEL_INDEX, palette.data()); });
+    imagetest::SweepImageOperation([] { return ImageIndexCreate(6, 4, 3); },
+                                   [](VxImage *src) { return ImageDuplicateArea(src, 1, 1, 3, 2); });
+}
+
+TEST(ImageOom, PaletteWriteAndLazyInverseTable)
+{
+    static const std::vector<uint8_t> palette = CubePalette();
+    VxImage *image = nullptr;
+    uint8_t index = 0;
+    vxtest::OomSweepAll({[&] { image = ImageCreate(VX_PIXEL_INDEX, 1, 1); },
+                         [&] { return image->setPalette(image, 0, 0, 256, palette.data()) == 1; },
+                         [&] { EXPECT_EQ(image->getPalette(image, 0, 0, 0, nullptr), 0); },
+                         [&] { ImageDestroy(image); }});
+    const uint8_t white[3] = {255, 255, 255};
+    vxtest::OomSweepAll({[&] {
+                             image = ImageCreate(VX_PIXEL_INDEX, 1, 1);
+                             image->setPalette(image, 0, 0, 64, palette.data());
+                         },
+                         [&] { return image->setPixel(image, 0, 0, 0, white) == 1; },
+                         [&] { EXPECT_EQ(Bytes(image)[0], 0); },
+                         [&] {
+                             if (Bytes(image)[0] != 0) {
+                                 image->getPixel(image, 2, 0, 0, &index);
+                                 EXPECT_EQ(index, 63);
+                             }
+                             ImageDestroy(image);
+                         }});
+}
+
+}  // namespace

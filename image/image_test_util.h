@@ -1,0 +1,100 @@
+// Helpers shared by the image tests: random images, byte comparison, operation sweeps.
+#pragma once
+
+#include <vxtools3/image.h>
+
+#include "image/image_internal.h"
+#include "testkit/oom_sweep.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <random>
+#include <vector>
+
+namespace imagetest {
+
+inline std::vector<uint8_t> Bytes(const VxImage *image)
+{
+    const uint8_t *p = image->priv->pixels;
+    return std::vector<uint8_t>(p, p + vx::image::BufferBytes(image));
+}
+
+// Fills the pixel buffer with random bytes; float channels get values in 0..1.
+inline void FillRandom(VxImage *image, uint32_t seed)
+{
+    std::mt19937 rng(seed);
+    const size_t n = vx::image::BufferBytes(image);
+    uint8_t *p = image->priv->pixels;
+    const bool isFloat = image->type == 3 || image->type == 4 || image->type == 6;
+    if (!isFloat) {
+        for (size_t i = 0; i < n; ++i)
+            p[i] = static_cast<uint8_t>(rng());
+        return;
+    }
+    std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+    for (size_t i = 0; i < n; i += 4) {
+        const float f = unit(rng);
+        std::memcpy(p + i, &f, 4);
+    }
+}
+
+inline VxImage *RandomImage(int32_t type, int32_t w, int32_t h, uint32_t seed)
+{
+    VxImage *image = ImageCreate(type, w, h);
+    FillRandom(image, seed);
+    return image;
+}
+
+inline std::vector<float> Rgba(VxImage *image, int32_t x, int32_t y)
+{
+    std::vector<float> v(4);
+    image->getPixel(image, VX_PIXEL_RGBA_FLOAT, x, y, v.data());
+    return v;
+}
+
+// The out-of-memory sweep of an operation that makes a new R from a source image: every
+// failing run must return NULL (or unwind), leak nothing and leave the source untouched; the
+// successful run's result must pass `check`.
+template <class R>
+void SweepOperation(const std::function<VxImage *()> &makeSource, const std::function<R *(VxImage *)> &op,
+                    const std::function<void(R *)> &destroy, const std::function<void(R *)> &check)
+{
+    VxImage *src = nullptr;
+    R *result = nullptr;
+    std::vector<uint8_t> before;
+    vxtest::OomSweepAll({[&] {
+                             src = makeSource();
+                             before = Bytes(src);
+                             result = nullptr;
+                         },
+                         [&] {
+                             result = op(src);
+                             return result != nullptr;
+                         },
+                         [&] { EXPECT_EQ(Bytes(src), before) << "the source changed"; },
+                         [&] {
+                             if (result) {
+                                 check(result);
+                                 destroy(result);
+                             }
+                             ImageDestroy(src);
+                         }});
+}
+
+// SweepOperation for operations that return an image equal to the one a clean run returns.
+inline void SweepImageOperation(const std::function<VxImage *()> &makeSource,
+                                const std::function<VxImage *(VxImage *)> &op)
+{
+    VxImage *s = makeSource();
+    VxImage *clean = op(s);
+    ASSERT_NE(clean, nullptr);
+    const std::vector<uint8_t> expected = Bytes(clean);
+    ImageDestroy(clean);
+    ImageDestroy(s);
+    SweepOperation<VxImage>(makeSource, op, ImageDestroy,
+                            [&](VxImage *r) { EXPECT_EQ(Bytes(r), expected) << "the swept run differs"; });
+}
+
+}  // namespace imagetest

@@ -1,0 +1,262 @@
+// Bilinear sampling and mipmap pyramids with filtered lookups.
+#include "image/convert.h"
+#include "image/image_internal.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+namespace vx::image {
+namespace {
+
+void ReadRgba(const VxImage *image, const uint8_t *palette, int32_t x, int32_t y, float *out)
+{
+    const uint8_t *p = Row(image, y) + static_cast<size_t>(x) * image->bytesPerPixel;
+    if (image->type == VX_PIXEL_RGBA_FLOAT)
+        std::memcpy(out, p, 16);
+    else
+        ConvertOne(out, VX_PIXEL_RGBA_FLOAT, nullptr, p, image->type, palette);
+}
+
+// Writes an RGBA float pixel as `type` (type 2 through the image's caller inverse table).
+int WriteAs(VxImage *image, int32_t type, const float *rgba, void *out)
+{
+    if (type == VX_PIXEL_RGBA_FLOAT) {
+        std::memcpy(out, rgba, 16);
+        return 1;
+    }
+    const uint8_t *inverse = nullptr;
+    if (type == VX_PIXEL_INDEX) {
+        CKPT_BEGIN_OR_RETURN(0);
+        inverse = CallerInverse(image);
+        CkptEnd();
+    }
+    return ImageConvertPixel(out, type, inverse, rgba, VX_PIXEL_RGBA_FLOAT, nullptr);
+}
+
+int32_t LevelCount(int32_t width, int32_t height)
+{
+    int32_t size = std::max(width, height), count = 1;
+    while (size > 1) {
+        size = (size + 1) >> 1;
+        ++count;
+    }
+    return count;
+}
+
+void DestroyLevelsArm(uintptr_t mipmap, uintptr_t)
+{
+    auto *m = reinterpret_cast<VxMipmap *>(mipmap);
+    for (int32_t i = m->sharesLevel0 ? 1 : 0; i < m->count && m->levels[i]; ++i)
+        ImageDestroy(m->levels[i]);
+}
+
+// The inverse table of the source's palette 0, else palette 1, into `table`; false when the
+// source has neither.
+bool SourceInverse(VxImage *image, uint8_t *table, uint8_t *palette)
+{
+    for (int32_t which = 0; which < 2; ++which)
+        if (image->getPalette(image, which, 0, 0, nullptr) > 0) {
+            image->getPalette(image, which, 0, 256, palette);
+            ImageBuildInverseTable(palette, table);
+            return true;
+        }
+    return false;
+}
+
+// Level pixel (x, y): the mean of the readable pixels among columns 2x, 2x + 1 and rows
+// 2y, 2y + 1 of the level before, summed in float in that order.
+void HalveRow(const float *upper, const float *lower, int32_t prevWidth, int32_t width, float *out)
+{
+    for (int32_t x = 0; x < width; ++x) {
+        const int32_t c0 = 2 * x;
+        const bool right = c0 + 1 < prevWidth;
+        float sum[4];
+        int n = 0;
+        std::memcpy(sum, upper + 4 * c0, 16);
+        ++n;
+        auto add = [&](const float *p) {
+            for (int c = 0; c < 4; ++c)
+                sum[c] += p[c];
+            ++n;
+        };
+        if (right)
+            add(upper + 4 * (c0 + 1));
+        if (lower) {
+            add(lower + 4 * c0);
+            if (right)
+                add(lower + 4 * (c0 + 1));
+        }
+        const float count = static_cast<float>(n);
+        for (int c = 0; c < 4; ++c)
+            out[4 * x + c] = n == 1 ? sum[c] : sum[c] / count;
+    }
+}
+
+void BuildLevel(VxImage *prev, VxImage *level, const uint8_t *inverse, float *upper, float *lower, float *line)
+{
+    for (int32_t y = 0; y < level->height; ++y) {
+        const bool hasLower = 2 * y + 1 < prev->height;
+        if (!prev->getLine(prev, VX_PIXEL_RGBA_FLOAT, 2 * y, upper) ||
+            (hasLower && !prev->getLine(prev, VX_PIXEL_RGBA_FLOAT, 2 * y + 1, lower)))
+            CkptRecover(kLocalFailure);
+        HalveRow(upper, hasLower ? lower : nullptr, prev->width, level->width, line);
+        if (!ConvertRun(Row(level, y), level->type, inverse, line, VX_PIXEL_RGBA_FLOAT, nullptr,
+                        static_cast<size_t>(level->width)))
+            CkptRecover(kLocalFailure);
+    }
+}
+
+// Samples one level at (u, v) in 0..1 as `type`.
+int SampleLevel(VxImage *level, int32_t type, double u, double v, void *out, int32_t bilinear)
+{
+    if (bilinear)
+        return ImageBiLinearPixel(level, type, u, v, out);
+    const auto x = std::min(static_cast<int32_t>(level->width * u), level->width - 1);
+    const auto y = std::min(static_cast<int32_t>(level->height * v), level->height - 1);
+    return level->getPixel(level, type, x, y, out);
+}
+
+double Wrap(double t)
+{
+    if (t >= 0.0 && t < 1.0)
+        return t;
+    t -= std::trunc(t);
+    if (t < 0.0)
+        t += 1.0;
+    return t >= 1.0 ? 0.0 : t;  // -tiny + 1.0 can round to 1.0
+}
+
+double Area(const VxImage *level) { return static_cast<double>(level->width) * level->height; }
+
+}  // namespace
+}  // namespace vx::image
+
+using namespace vx::image;
+
+extern "C" {
+
+VX_API int ImageBiLinearPixel(VxImage *image, int32_t type, double u, double v, void *out)
+{
+    if (!image || !out || !ImageBytesPerPixel(type) || std::isnan(u) || std::isnan(v))
+        return 0;
+    const int32_t w = image->width, h = image->height;
+    const double px = std::clamp(u * w - 0.5, 0.0, w - 1.0), py = std::clamp(v * h - 0.5, 0.0, h - 1.0);
+    const auto x0 = static_cast<int32_t>(px), y0 = static_cast<int32_t>(py);
+    const int32_t x1 = std::min(x0 + 1, w - 1), y1 = std::min(y0 + 1, h - 1);
+    const auto fx = static_cast<float>(px - x0), fy = static_cast<float>(py - y0);
+    const uint8_t *palette = image->type == VX_PIXEL_INDEX ? StoredPalette(image) : nullptr;
+    if (image->type == VX_PIXEL_INDEX && !palette)
+        return 0;
+    float p00[4], p10[4], p01[4], p11[4], result[4];
+    ReadRgba(image, palette, x0, y0, p00);
+    ReadRgba(image, palette, x1, y0, p10);
+    ReadRgba(image, palette, x0, y1, p01);
+    ReadRgba(image, palette, x1, y1, p11);
+    for (int c = 0; c < 4; ++c) {
+        const float upper = p00[c] * (1.0f - fx) + p10[c] * fx;
+        const float lower = p01[c] * (1.0f - fx) + p11[c] * fx;
+        result[c] = upper * (1.0f - fy) + lower * fy;
+    }
+    return WriteAs(image, type, result, out);
+}
+
+VX_API VxMipmap *MipmapCreate(VxImage *image, int32_t type) { return MipmapCreateSmall(image, type, 0); }
+
+VX_API VxMipmap *MipmapCreateSmall(VxImage *image, int32_t type, int32_t sharesLevel0)
+{
+    if (!image || !ImageBytesPerPixel(type))
+        return nullptr;
+    Scratch scratch;
+    VX_IMAGE_BEGIN(nullptr);
+    ArmScratch(scratch);
+    const int32_t count = LevelCount(image->width, image->height);
+    auto **levels = static_cast<VxImage **>(AllocArmed(sizeof(VxImage *) * static_cast<size_t>(count)));
+    auto *mipmap = static_cast<VxMipmap *>(AllocArmed(sizeof(VxMipmap)));
+    mipmap->count = count;
+    mipmap->sharesLevel0 = sharesLevel0 ? 1 : 0;
+    mipmap->levels = levels;
+    CkptArm(DestroyLevelsArm, reinterpret_cast<uintptr_t>(mipmap), 0);
+    const uint8_t *inverse = nullptr;
+    if (type == VX_PIXEL_INDEX) {
+        auto *table = scratch.Take<uint8_t>(kInverseBytes);
+        if (!SourceInverse(image, table, scratch.Take<uint8_t>(kPaletteBytes)))
+            CkptRecover(kLocalFailure);
+        inverse = table;
+    }
+    levels[0] = sharesLevel0 ? image : ImageDuplicate(image, type, nullptr);
+    if (!levels[0])
+        CkptRecover(kLocalFailure);
+    const size_t rowBytes = 16 * static_cast<size_t>(image->width);
+    float *upper = scratch.Take<float>(rowBytes), *lower = scratch.Take<float>(rowBytes);
+    float *line = scratch.Take<float>(rowBytes);
+    for (int32_t i = 1; i < count; ++i) {
+        VxImage *prev = levels[i - 1];
+        if (prev->width < 2 && prev->height < 2)
+            break;
+        levels[i] = ImageCreate(type, std::max(1, (prev->width + 1) >> 1), std::max(1, (prev->height + 1) >> 1));
+        CopyPalettes(levels[i], image);
+        BuildLevel(prev, levels[i], inverse, upper, lower, line);
+    }
+    CkptEnd();
+    scratch.Release();
+    return mipmap;
+}
+
+VX_API int MipmapDestroy(VxMipmap *mipmap)
+{
+    if (!mipmap)
+        return 0;
+    DestroyLevelsArm(reinterpret_cast<uintptr_t>(mipmap), 0);
+    if (mipmap->sharesLevel0)
+        mipmap->levels[0] = nullptr;
+    FreeHeap(mipmap->levels, sizeof(VxImage *) * static_cast<size_t>(mipmap->count));
+    FreeHeap(mipmap, sizeof *mipmap);
+    return 1;
+}
+
+VX_API int MipmapFilteredPixel(VxMipmap *mipmap, int32_t type, double u, double v, void *out, int32_t bilinear,
+                               double filterSize)
+{
+    if (!out || !mipmap || mipmap->count < 1 || !mipmap->levels[0] || std::isnan(u) || std::isnan(v))
+        return 0;
+    u = Wrap(u);
+    v = Wrap(v);
+    VxImage **levels = mipmap->levels;
+    if (!(filterSize > 0.0))
+        return SampleLevel(levels[0], type, u, v, out, bilinear);
+    const double r = 1.0 / filterSize;
+    int32_t last = 0;  // the last level present
+    while (last + 1 < mipmap->count && levels[last + 1])
+        ++last;
+    int32_t chosen = last;
+    for (int32_t i = 0; i <= last; ++i) {
+        const double area = Area(levels[i]);
+        if (area <= r * r) {
+            if (area == r * r)
+                return SampleLevel(levels[i], type, u, v, out, bilinear);
+            chosen = i - 1;
+            break;
+        }
+    }
+    if (chosen < 0 || chosen == last)
+        return SampleLevel(levels[std::max(chosen, 0)], type, u, v, out, bilinear);
+    const double a = std::sqrt(Area(levels[chosen])), b = std::sqrt(Area(levels[chosen + 1]));
+    const double f = (a - r) / (a - b);
+    if (f == 0.0)
+        return SampleLevel(levels[chosen], type, u, v, out, bilinear);
+    float near[4], far[4], blend[4];
+    if (!SampleLevel(levels[chosen], VX_PIXEL_RGBA_FLOAT, u, v, near, bilinear) ||
+        !SampleLevel(levels[chosen + 1], VX_PIXEL_RGBA_FLOAT, u, v, far, bilinear))
+        return 0;
+    const auto ff = static_cast<float>(f);
+    for (int c = 0; c < 4; ++c)
+        blend[c] = near[c] * (1.0f - ff) + far[c] * ff;
+    if (type == VX_PIXEL_RGBA_FLOAT) {
+        std::memcpy(out, blend, 16);
+        return 1;
+    }
+    return ImageConvertPixel(out, type, nullptr, blend, VX_PIXEL_RGBA_FLOAT, nullptr);
+}
+
+}  // extern "C"

@@ -1,0 +1,388 @@
+// Resampling: point/bilinear, footprint mean, area averages and separable cubics. The source
+// is read once into an RGBA float buffer; result rows are computed as RGBA floats and written
+// through the result's set-line operation.
+#include "image/image_internal.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+namespace vx::image {
+namespace {
+
+constexpr size_t kGatherBytes = 16384;
+constexpr int kGatherSamples = kGatherBytes / 16;
+constexpr int kCubicMargin = 2;  // padding columns/rows on each side of the cubic buffer
+
+struct Job {
+    VxImage *source;
+    VxImage *result;
+    const float *pixels;  // source as RGBA floats (padded for the cubic modes)
+    size_t stride;        // floats per source row in `pixels`
+    double sx, sy;
+    float *line;          // one result row
+};
+
+void WriteLine(const Job &job, int32_t y)
+{
+    if (!job.result->setLine(job.result, VX_PIXEL_RGBA_FLOAT, y, job.line))
+        CkptRecover(kLocalFailure);
+}
+
+// ---- mode 0: point sampling, or bilinear when enlarging ----
+
+void PointRows(const Job &job)
+{
+    const int32_t w = job.source->width, h = job.source->height;
+    for (int32_t y = 0; y < job.result->height; ++y) {
+        const int32_t row = std::min(h - 1, static_cast<int32_t>((y + 0.5) * job.sy));
+        const float *src = job.pixels + job.stride * row;
+        for (int32_t x = 0; x < job.result->width; ++x) {
+            const int32_t col = std::min(w - 1, static_cast<int32_t>((x + 0.5) * job.sx));
+            std::memcpy(job.line + 4 * x, src + 4 * col, 16);
+        }
+        WriteLine(job, y);
+    }
+}
+
+struct LinearTap {
+    int32_t i0, i1;
+    float f;
+};
+
+LinearTap LinearAt(int32_t i, double step, int32_t size)
+{
+    const double u = std::clamp((i + 0.5) * step - 0.5, 0.0, static_cast<double>(size - 1));
+    LinearTap tap;
+    tap.i0 = static_cast<int32_t>(u);
+    tap.i1 = std::min(tap.i0 + 1, size - 1);
+    tap.f = static_cast<float>(u - tap.i0);
+    return tap;
+}
+
+void BilinearRows(const Job &job)
+{
+    const int32_t w = job.source->width, h = job.source->height;
+    for (int32_t y = 0; y < job.result->height; ++y) {
+        const LinearTap ty = LinearAt(y, job.sy, h);
+        const float *top = job.pixels + job.stride * ty.i0, *bottom = job.pixels + job.stride * ty.i1;
+        for (int32_t x = 0; x < job.result->width; ++x) {
+            const LinearTap tx = LinearAt(x, job.sx, w);
+            for (int c = 0; c < 4; ++c) {
+                const float upper = top[4 * tx.i0 + c] * (1.0f - tx.f) + top[4 * tx.i1 + c] * tx.f;
+                const float lower = bottom[4 * tx.i0 + c] * (1.0f - tx.f) + bottom[4 * tx.i1 + c] * tx.f;
+                job.line[4 * x + c] = upper * (1.0f - ty.f) + lower * ty.f;
+            }
+        }
+        WriteLine(job, y);
+    }
+}
+
+// ---- modes 1, 2, 3: footprints ----
+
+// The source cells [lo, hi) of a footprint, with the coverage weight of each.
+struct Span {
+    int32_t lo, hi;
+    double firstWeight, lastWeight;  // coverage of the first and last cell (inner cells: 1)
+    double total;
+
+    double Weight(int32_t i) const { return i == lo ? firstWeight : i == hi - 1 ? lastWeight : 1.0; }
+};
+
+Span CoverSpan(double from, double to, int32_t size)
+{
+    from = std::max(from, 0.0);
+    to = std::min(to, static_cast<double>(size));
+    Span s;
+    s.lo = std::min(static_cast<int32_t>(std::floor(from)), size - 1);
+    s.hi = std::max(s.lo + 1, std::min(static_cast<int32_t>(std::ceil(to)), size));
+    s.firstWeight = std::min(s.lo + 1.0, to) - from;
+    s.lastWeight = s.hi - 1 == s.lo ? s.firstWeight : to - (s.hi - 1);
+    s.total = to - from;
+    if (!(s.total > 0.0)) {  // degenerate footprint: take the cell itself
+        s.firstWeight = s.lastWeight = s.total = 1.0;
+    }
+    return s;
+}
+
+// Mode 2: the result pixel's own rectangle; mode 3: the unit square centred on x step.
+Span AreaSpan(int32_t mode, int32_t i, double step, int32_t size)
+{
+    if (mode == 2)
+        return CoverSpan(i * step, (i + 1) * step, size);
+    return CoverSpan(i * step - 0.5, i * step + 0.5, size);
+}
+
+// Mode 1: every source cell the footprint touches, unweighted.
+Span GatherSpan(int32_t i, double step, int32_t size)
+{
+    Span s;
+    s.lo = std::min(static_cast<int32_t>(std::floor(i * step)), size - 1);
+    s.hi = std::clamp(static_cast<int32_t>(std::ceil((i + 1) * step)), s.lo + 1, size);
+    s.firstWeight = s.lastWeight = 1.0;
+    s.total = s.hi - s.lo;
+    return s;
+}
+
+void GatherRows(const Job &job, float *gather)
+{
+    for (int32_t y = 0; y < job.result->height; ++y) {
+        const Span sy = GatherSpan(y, job.sy, job.source->height);
+        for (int32_t x = 0; x < job.result->width; ++x) {
+            const Span sx = GatherSpan(x, job.sx, job.source->width);
+            int n = 0;
+            for (int32_t r = sy.lo; r < sy.hi && n < kGatherSamples; ++r)
+                for (int32_t c = sx.lo; c < sx.hi && n < kGatherSamples; ++c, ++n)
+                    std::memcpy(gather + 4 * n, job.pixels + job.stride * r + 4 * c, 16);
+            double sum[4] = {0, 0, 0, 0};
+            for (int k = 0; k < n; ++k)
+                for (int c = 0; c < 4; ++c)
+                    sum[c] += gather[4 * k + c];
+            for (int c = 0; c < 4; ++c)
+                job.line[4 * x + c] = static_cast<float>(sum[c] / n);
+        }
+        WriteLine(job, y);
+    }
+}
+
+// Separable weighted average: each source row of the footprint is summed across with the
+// column weights, the row sums are summed down with the row weights, both in double, and
+// the total is divided by the product of the weight totals.
+void AreaRows(const Job &job, int32_t mode, double *acc, Span *columns)
+{
+    const int32_t width = job.result->width;
+    for (int32_t x = 0; x < width; ++x)
+        columns[x] = AreaSpan(mode, x, job.sx, job.source->width);
+    for (int32_t y = 0; y < job.result->height; ++y) {
+        const Span sy = AreaSpan(mode, y, job.sy, job.source->height);
+        std::fill(acc, acc + 4 * static_cast<size_t>(width), 0.0);
+        for (int32_t r = sy.lo; r < sy.hi; ++r) {
+            const double wy = sy.Weight(r);
+            const float *src = job.pixels + job.stride * r;
+            for (int32_t x = 0; x < width; ++x) {
+                const Span &sx = columns[x];
+                double h[4] = {0, 0, 0, 0};
+                for (int32_t c = sx.lo; c < sx.hi; ++c) {
+                    const double wx = sx.Weight(c);
+                    for (int k = 0; k < 4; ++k)
+                        h[k] += wx * src[4 * c + k];
+                }
+                for (int k = 0; k < 4; ++k)
+                    acc[4 * x + k] += wy * h[k];
+            }
+        }
+        for (int32_t x = 0; x < width; ++x) {
+            const double total = columns[x].total * sy.total;
+            for (int k = 0; k < 4; ++k)
+                job.line[4 * x + k] = static_cast<float>(acc[4 * x + k] / total);
+        }
+        WriteLine(job, y);
+    }
+}
+
+// ---- modes 4, 5: separable cubics ----
+
+struct CubicTap {
+    int32_t first;  // first of the four taps, in padded coordinates
+    float w[4];
+};
+
+CubicTap CubicAt(int32_t mode, int32_t i, double step)
+{
+    const double u = (i + 0.5) * step - 0.5;
+    double t = u - static_cast<double>(static_cast<int64_t>(u));
+    if (t < 0.0)
+        t += 1.0;
+    double w[4];
+    CubicWeights(mode, t, w);
+    CubicTap tap;
+    tap.first = static_cast<int32_t>(std::floor(u)) - 1 + kCubicMargin;
+    for (int k = 0; k < 4; ++k)
+        tap.w[k] = static_cast<float>(w[k]);
+    return tap;
+}
+
+// Horizontal pass of one padded source row into `out` (result width x 4 floats):
+// ((w0 p0 + w1 p1) + w2 p2) + w3 p3 per channel.
+void CubicAcross(const float *src, const CubicTap *taps, int32_t width, float *out)
+{
+    for (int32_t x = 0; x < width; ++x) {
+        const float *p = src + 4 * taps[x].first;
+        const float *w = taps[x].w;
+        for (int c = 0; c < 4; ++c)
+            out[4 * x + c] = ((w[0] * p[c] + w[1] * p[4 + c]) + w[2] * p[8 + c]) + w[3] * p[12 + c];
+    }
+}
+
+// `rows` holds four horizontal sums, slot r & 3 for padded row r, tagged in `tags`.
+void CubicRows(const Job &job, int32_t mode, CubicTap *columns, float *rows)
+{
+    const int32_t width = job.result->width;
+    const size_t rowFloats = 4 * static_cast<size_t>(width);
+    for (int32_t x = 0; x < width; ++x)
+        columns[x] = CubicAt(mode, x, job.sx);
+    int32_t tags[4] = {-1, -1, -1, -1};
+    for (int32_t y = 0; y < job.result->height; ++y) {
+        const CubicTap ty = CubicAt(mode, y, job.sy);
+        const float *h[4];
+        for (int k = 0; k < 4; ++k) {
+            const int32_t r = ty.first + k;
+            float *slot = rows + rowFloats * (r & 3);
+            if (tags[r & 3] != r) {
+                CubicAcross(job.pixels + job.stride * r, columns, width, slot);
+                tags[r & 3] = r;
+            }
+            h[k] = slot;
+        }
+        const float *w = ty.w;
+        for (size_t i = 0; i < rowFloats; ++i)
+            job.line[i] = ((w[0] * h[0][i] + w[1] * h[1][i]) + w[2] * h[2][i]) + w[3] * h[3][i];
+        WriteLine(job, y);
+    }
+}
+
+// Reads the source into a buffer padded by kCubicMargin repeated edge pixels on every side.
+void ReadPadded(VxImage *source, float *padded, size_t stride, float *row)
+{
+    const int32_t w = source->width, h = source->height, m = kCubicMargin;
+    for (int32_t y = -m; y < h + m; ++y) {
+        if (y >= 0 && y < h && !source->getLine(source, VX_PIXEL_RGBA_FLOAT, y, row))
+            CkptRecover(kLocalFailure);
+        if (y >= 0 && y < h)
+            std::memcpy(padded + stride * (y + m) + 4 * m, row, 16 * static_cast<size_t>(w));
+    }
+    for (int32_t y = 0; y < h; ++y) {
+        float *line = padded + stride * (y + m);
+        for (int32_t i = 0; i < m; ++i) {
+            std::memcpy(line + 4 * i, line + 4 * m, 16);
+            std::memcpy(line + 4 * (w + m + i), line + 4 * (w + m - 1), 16);
+        }
+    }
+    for (int32_t i = 0; i < m; ++i) {
+        std::memcpy(padded + stride * i, padded + stride * m, 4 * stride);
+        std::memcpy(padded + stride * (h + m + i), padded + stride * (h + m - 1), 4 * stride);
+    }
+}
+
+void ScaleAspect(VxImage *result, const VxImage *source)
+{
+    float aspect;
+    if (!result->getAttribute(result, 0, &aspect))
+        return;
+    const double factor = (static_cast<double>(result->width) / result->height) *
+                          (static_cast<double>(source->height) / source->width);
+    aspect = static_cast<float>(aspect * factor);
+    result->setAttribute(result, 0, &aspect);
+}
+
+void RunMode(Job &job, int32_t mode, Scratch &scratch)
+{
+    VxImage *source = job.source;
+    const size_t width = static_cast<size_t>(job.result->width);
+    job.line = scratch.Take<float>((16 * width));
+    if (mode >= 4) {
+        job.stride = 4 * (static_cast<size_t>(source->width) + 2 * kCubicMargin);
+        const size_t bytes = 4 * job.stride * (static_cast<size_t>(source->height) + 2 * kCubicMargin);
+        auto *padded = scratch.Take<float>((bytes));
+        auto *row = scratch.Take<float>((16 * static_cast<size_t>(source->width)));
+        ReadPadded(source, padded, job.stride, row);
+        job.pixels = padded;
+        auto *columns = scratch.Take<CubicTap>((sizeof(CubicTap) * width));
+        CubicRows(job, mode, columns, scratch.Take<float>((64 * width)));
+        return;
+    }
+    job.stride = 4 * static_cast<size_t>(source->width);
+    auto *pixels = scratch.Take<float>((4 * job.stride * static_cast<size_t>(source->height)));
+    if (!ReadRgbaFloat(source, pixels))
+        CkptRecover(kLocalFailure);
+    job.pixels = pixels;
+    if (mode == 0) {
+        const bool enlarging = job.result->width > source->width || job.result->height > source->height;
+        enlarging ? BilinearRows(job) : PointRows(job);
+    } else if (mode == 1) {
+        GatherRows(job, scratch.Take<float>((kGatherBytes)));
+    } else {
+        auto *acc = scratch.Take<double>((4 * sizeof(double) * width));
+        AreaRows(job, mode, acc, scratch.Take<Span>((sizeof(Span) * width)));
+    }
+}
+
+}  // namespace
+
+void CubicWeights(int32_t mode, double t, double w[4])
+{
+    const double d = 1.0 + t, s = 1.0 - t;
+    if (mode == 4) {
+        w[0] = ((-1.0 / 6.0 * d + 1.0) * d - 2.0) * d + 4.0 / 3.0;
+        w[1] = (0.5 * t - 1.0) * t * t + 2.0 / 3.0;
+        w[2] = (0.5 * s - 1.0) * s * s + 2.0 / 3.0;
+        w[3] = 1.0 - w[0] - w[1] - w[2];
+    } else {
+        const double e = 2.0 - t;
+        w[0] = ((-0.5 * d + 2.5) * d - 4.0) * d + 2.0;
+        w[1] = (1.5 * t - 2.5) * t * t + 1.0;
+        w[2] = (1.5 * s - 2.5) * s * s + 1.0;
+        w[3] = ((-0.5 * e + 2.5) * e - 4.0) * e + 2.0;
+    }
+}
+
+}  // namespace vx::image
+
+using namespace vx::image;
+
+extern "C" {
+
+VX_API VxImage *ImageResample(VxImage *image, int32_t type, int32_t width, int32_t height, int32_t mode)
+{
+    if (!image || width < 1 || height < 1 || !ImageBytesPerPixel(type) || mode < 0 || mode > 5)
+        return nullptr;
+    Scratch scratch;
+    VX_IMAGE_BEGIN(nullptr);
+    ArmScratch(scratch);
+    Job job{};
+    job.source = image;
+    job.result = ImageCreate(type, width, height);
+    CkptArm(DestroyImageArm, reinterpret_cast<uintptr_t>(job.result), 0);
+    CopyPalettes(job.result, image);
+    job.sx = static_cast<double>(image->width) / width;
+    job.sy = static_cast<double>(image->height) / height;
+    RunMode(job, mode, scratch);
+    ScaleAspect(job.result, image);
+    VxImage *result = job.result;
+    CkptEnd();
+    scratch.Release();
+    return result;
+}
+
+VX_API VxImage *ImageResample2(VxImage *image, int32_t type, int32_t width, int32_t height, int32_t shrinkMode,
+                               int32_t growMode)
+{
+    if (!image || width < 1 || height < 1)
+        return nullptr;
+    const bool sameWidth = width == image->width, sameHeight = height == image->height;
+    if (sameWidth && sameHeight)
+        return ImageDuplicate(image, type, nullptr);
+    if (sameWidth)
+        return ImageResample(image, type, width, height, height < image->height ? shrinkMode : growMode);
+    if (sameHeight)
+        return ImageResample(image, type, width, height, width < image->width ? shrinkMode : growMode);
+    const bool shrinkW = width < image->width, shrinkH = height < image->height;
+    if (shrinkW == shrinkH)
+        return ImageResample(image, type, width, height, shrinkW ? shrinkMode : growMode);
+    // Mixed: the shrinking direction is resampled into an intermediate that is then discarded;
+    // the result is the grow-mode resample of the source itself.
+    VX_IMAGE_BEGIN(nullptr);
+    VxImage *intermediate = shrinkW ? ImageResample(image, VX_PIXEL_RGBA_FLOAT, width, image->height, shrinkMode)
+                                    : ImageResample(image, VX_PIXEL_RGBA_FLOAT, image->width, height, shrinkMode);
+    if (!intermediate)
+        CkptRecover(kLocalFailure);
+    CkptArm(DestroyImageArm, reinterpret_cast<uintptr_t>(intermediate), 0);
+    VxImage *result = ImageResample(image, type, width, height, growMode);
+    if (!result)
+        CkptRecover(kLocalFailure);
+    CkptEnd();
+    ImageDestroy(intermediate);
+    return result;
+}
+
+}  // extern "C"

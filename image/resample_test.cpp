@@ -1,0 +1,233 @@
+#include <vxtools3/image.h>
+
+#include "image/image_test_util.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+namespace {
+
+using imagetest::Bytes;
+using imagetest::Rgba;
+
+VxImage *ConstantImage(int32_t type, int32_t w, int32_t h, const float *rgba)
+{
+    VxImage *image = ImageCreate(type, w, h);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            image->setPixel(image, VX_PIXEL_RGBA_FLOAT, x, y, rgba);
+    return image;
+}
+
+TEST(ImageResample, ConstantImagesStayConstantInEveryMode)
+{
+    const float colour[4] = {0.2f, 0.55f, 0.9f, 0.75f};
+    VxImage *src = ConstantImage(VX_PIXEL_RGBA_FLOAT, 7, 5, colour);
+    const int32_t sizes[][2] = {{3, 2}, {14, 10}, {7, 5}, {20, 3}, {1, 1}, {16, 16}};
+    for (int32_t mode = 0; mode < 6; ++mode)
+        for (const auto &size : sizes) {
+            VxImage *r = ImageResample(src, VX_PIXEL_RGBA_FLOAT, size[0], size[1], mode);
+            ASSERT_NE(r, nullptr);
+            for (int y = 0; y < r->height; ++y)
+                for (int x = 0; x < r->width; ++x) {
+                    const std::vector<float> p = Rgba(r, x, y);
+                    for (int c = 0; c < 4; ++c) {
+                        // Footprint means are exact; interpolating weights sum to 1 within rounding.
+                        if (mode >= 1 && mode <= 3)
+                            ASSERT_EQ(p[c], colour[c]) << "mode " << mode << " at " << x << "," << y;
+                        else
+                            ASSERT_NEAR(p[c], colour[c], 4e-7) << "mode " << mode << " at " << x << "," << y;
+                    }
+                }
+            ImageDestroy(r);
+        }
+    ImageDestroy(src);
+    // Byte images stay byte-exact in the footprint modes.
+    const float grey[4] = {100.0f / 255.0f, 100.0f / 255.0f, 100.0f / 255.0f, 1.0f};
+    VxImage *bytes = ConstantImage(VX_PIXEL_GREY, 9, 4, grey);
+    for (int32_t mode = 1; mode <= 3; ++mode) {
+        VxImage *r = ImageResample(bytes, VX_PIXEL_GREY, 4, 7, mode);
+        EXPECT_EQ(Bytes(r), std::vector<uint8_t>(28, 100)) << "mode " << mode;
+        ImageDestroy(r);
+    }
+    ImageDestroy(bytes);
+}
+
+VxImage *GreyFloats(int32_t w, int32_t h, const std::vector<float> &values)
+{
+    VxImage *image = ImageCreate(VX_PIXEL_GREY_FLOAT, w, h);
+    std::memcpy(image->priv->pixels, values.data(), values.size() * 4);
+    return image;
+}
+
+std::vector<float> GreyValues(VxImage *image)
+{
+    std::vector<float> v(static_cast<size_t>(image->width) * image->height);
+    std::memcpy(v.data(), image->priv->pixels, v.size() * 4);
+    return v;
+}
+
+TEST(ImageResample, IntegerFactorReductionsAreBlockMeans)
+{
+    // 4 x 4 halved: every result pixel is the mean of its 2 x 2 block.
+    VxImage *src = GreyFloats(4, 4, {0.0f, 0.5f, 0.25f, 0.75f,  //
+                                     1.0f, 0.5f, 0.125f, 0.125f,  //
+                                     0.5f, 0.5f, 1.0f, 1.0f,      //
+                                     0.25f, 0.75f, 0.0f, 0.5f});
+    const std::vector<float> means = {0.5f, 0.3125f, 0.5f, 0.625f};
+    for (int32_t mode : {1, 2}) {
+        VxImage *r = ImageResample(src, VX_PIXEL_GREY_FLOAT, 2, 2, mode);
+        EXPECT_EQ(GreyValues(r), means) << "mode " << mode;
+        ImageDestroy(r);
+    }
+    // Mode 3 centres a unit square on x sx: it covers half of columns 2x - 1 and 2x; at the
+    // left and top edges only the inside half counts.
+    VxImage *r3 = ImageResample(src, VX_PIXEL_GREY_FLOAT, 2, 2, 3);
+    EXPECT_EQ(GreyValues(r3), (std::vector<float>{0.0f, (0.5f + 0.25f) / 2, (1.0f + 0.5f) / 2,
+                                                  (0.5f + 0.125f + 0.5f + 1.0f) / 4}));
+    ImageDestroy(r3);
+    ImageDestroy(src);
+    // 6 x 3 to 2 x 1: means of 3 x 3 blocks.
+    VxImage *wide = GreyFloats(6, 3, {0.1f, 0.2f, 0.3f, 0.9f, 0.9f, 0.9f,  //
+                                      0.4f, 0.5f, 0.6f, 0.0f, 0.0f, 0.0f,  //
+                                      0.7f, 0.8f, 0.9f, 0.3f, 0.3f, 0.3f});
+    VxImage *r = ImageResample(wide, VX_PIXEL_GREY_FLOAT, 2, 1, 2);
+    const std::vector<float> v = GreyValues(r);
+    EXPECT_FLOAT_EQ(v[0], 0.5f);
+    EXPECT_FLOAT_EQ(v[1], 0.4f);
+    ImageDestroy(r);
+    // 3 to 2 columns: the middle column is split between both result pixels by coverage.
+    VxImage *odd = GreyFloats(3, 1, {0.0f, 0.6f, 0.9f});
+    r = ImageResample(odd, VX_PIXEL_GREY_FLOAT, 2, 1, 2);
+    EXPECT_FLOAT_EQ(GreyValues(r)[0], (0.0f * 1.0f + 0.6f * 0.5f) / 1.5f);
+    EXPECT_FLOAT_EQ(GreyValues(r)[1], (0.6f * 0.5f + 0.9f * 1.0f) / 1.5f);
+    ImageDestroy(r);
+    ImageDestroy(odd);
+    ImageDestroy(wide);
+}
+
+TEST(ImageResample, CubicWeightsSumToOneAndKeepTheirShape)
+{
+    for (int i = 0; i <= 10000; ++i) {
+        const double t = i / 10001.0;
+        double b[4], c[4];
+        vx::image::CubicWeights(4, t, b);
+        vx::image::CubicWeights(5, t, c);
+        ASSERT_NEAR(b[0] + b[1] + b[2] + b[3], 1.0, 1e-12) << t;
+        ASSERT_NEAR(c[0] + c[1] + c[2] + c[3], 1.0, 1e-12) << t;
+        for (int k = 0; k < 4; ++k)
+            ASSERT_GE(b[k], -1e-15) << "B-spline weights are never negative";
+        // Both reproduce a linear ramp: the weighted tap position is t.
+        ASSERT_NEAR(-b[0] + b[2] + 2 * b[3], t, 1e-12);
+        ASSERT_NEAR(-c[0] + c[2] + 2 * c[3], t, 1e-12);
+    }
+    double c[4];
+    vx::image::CubicWeights(5, 0.0, c);
+    EXPECT_NEAR(c[0], 0.0, 1e-15);
+    EXPECT_NEAR(c[1], 1.0, 1e-15) << "Catmull-Rom interpolates";
+    double b[4];
+    vx::image::CubicWeights(4, 0.0, b);
+    EXPECT_NEAR(b[0], 1.0 / 6, 1e-15);
+    EXPECT_NEAR(b[1], 2.0 / 3, 1e-15);
+}
+
+// Grey float results pass through the RGB-to-grey weights, hence the tolerances. Pixel
+// centres map to (x + 0.5) sx - 0.5: interpolating modes reproduce a ramp away from
+// the edges, which catches any half-pixel shift.
+TEST(ImageResample, InterpolatingModesFollowARampAtPixelCentres)
+{
+    std::vector<float> ramp(16);
+    for (int x = 0; x < 16; ++x)
+        ramp[x] = static_cast<float>(x) / 16.0f;
+    VxImage *src = GreyFloats(16, 1, ramp);
+    for (int32_t mode : {0, 4, 5}) {
+        VxImage *r = ImageResample(src, VX_PIXEL_GREY_FLOAT, 40, 1, mode);
+        const std::vector<float> v = GreyValues(r);
+        for (int x = 6; x < 34; ++x) {
+            const double u = (x + 0.5) * (16.0 / 40.0) - 0.5;
+            ASSERT_NEAR(v[x], u / 16.0, 2e-6) << "mode " << mode << " x " << x;
+        }
+        if (mode == 0) {
+            EXPECT_NEAR(v[0], 0.0, 1e-6) << "the left edge repeats";
+        }
+        ImageDestroy(r);
+    }
+    VxImage *half = ImageResample(src, VX_PIXEL_GREY_FLOAT, 8, 1, 0);
+    const std::vector<float> v = GreyValues(half);
+    for (int x = 0; x < 8; ++x)
+        EXPECT_NEAR(v[x], (2 * x + 1) / 16.0, 1e-7) << "point sampling takes the pixel under the centre";
+    ImageDestroy(half);
+    ImageDestroy(src);
+}
+
+TEST(ImageResample, GatherTakesAtMost1024Samples)
+{
+    std::vector<float> values(2048, 0.0f);
+    for (size_t i = 1024; i < 2048; ++i)
+        values[i] = 1.0f;
+    VxImage *src = GreyFloats(2048, 1, values);
+    VxImage *r = ImageResample(src, VX_PIXEL_GREY_FLOAT, 1, 1, 1);
+    EXPECT_EQ(GreyValues(r)[0], 0.0f) << "the samples beyond 1024 are not taken";
+    ImageDestroy(r);
+    r = ImageResample(src, VX_PIXEL_GREY_FLOAT, 1, 1, 2);
+    EXPECT_EQ(GreyValues(r)[0], 0.5f);
+    ImageDestroy(r);
+    ImageDestroy(src);
+}
+
+TEST(ImageResample, BadArgumentsAndTheAspectAttribute)
+{
+    VxImage *src = imagetest::RandomImage(VX_PIXEL_RGB, 8, 4, 2);
+    EXPECT_EQ(ImageResample(src, 0, 0, 4, 2), nullptr);
+    EXPECT_EQ(ImageResample(src, 0, 4, -1, 2), nullptr);
+    EXPECT_EQ(ImageResample(src, 0, 4, 4, 6), nullptr);
+    EXPECT_EQ(ImageResample(src, 0, 4, 4, -1), nullptr);
+    EXPECT_EQ(ImageResample(src, 8, 4, 4, 2), nullptr);
+    EXPECT_EQ(ImageResample(nullptr, 0, 4, 4, 2), nullptr);
+    VxImage *r = ImageResample(src, 0, 4, 4, 2);
+    float aspect = 0;
+    r->getAttribute(r, 0, &aspect);
+    EXPECT_FLOAT_EQ(aspect, 0.5f) << "(4 / 4) x (4 / 8)";
+    ImageDestroy(r);
+    VxImage *index = ImageCreate(VX_PIXEL_INDEX, 4, 4);
+    EXPECT_EQ(ImageResample(index, 0, 2, 2, 2), nullptr) << "an index image without a palette cannot be read";
+    ImageDestroy(index);
+    ImageDestroy(src);
+}
+
+TEST(ImageResample2, ChoosesTheModePerDirection)
+{
+    VxImage *src = imagetest::RandomImage(VX_PIXEL_RGBA, 9, 6, 5);
+    auto same = [](VxImage *a, VxImage *b) {
+        const bool equal = a && b && a->width == b->width && a->height == b->height && Bytes(a) == Bytes(b);
+        ImageDestroy(a);
+        ImageDestroy(b);
+        return equal;
+    };
+    EXPECT_TRUE(same(ImageResample2(src, 5, 9, 6, 2, 5), ImageDuplicate(src, 5, nullptr)));
+    EXPECT_TRUE(same(ImageResample2(src, 5, 9, 3, 2, 5), ImageResample(src, 5, 9, 3, 2)));
+    EXPECT_TRUE(same(ImageResample2(src, 5, 9, 12, 2, 5), ImageResample(src, 5, 9, 12, 5)));
+    EXPECT_TRUE(same(ImageResample2(src, 5, 4, 6, 2, 5), ImageResample(src, 5, 4, 6, 2)));
+    EXPECT_TRUE(same(ImageResample2(src, 5, 20, 6, 2, 5), ImageResample(src, 5, 20, 6, 5)));
+    EXPECT_TRUE(same(ImageResample2(src, 5, 4, 3, 2, 5), ImageResample(src, 5, 4, 3, 2)));
+    EXPECT_TRUE(same(ImageResample2(src, 5, 18, 12, 2, 5), ImageResample(src, 5, 18, 12, 5)));
+    // Mixed: the result is the grow-mode resample of the source, not of the intermediate.
+    EXPECT_TRUE(same(ImageResample2(src, 5, 4, 12, 2, 5), ImageResample(src, 5, 4, 12, 5)));
+    EXPECT_TRUE(same(ImageResample2(src, 5, 20, 3, 1, 4), ImageResample(src, 5, 20, 3, 4)));
+    EXPECT_EQ(ImageResample2(src, 5, 20, 3, 9, 4), nullptr) << "a bad shrink mode fails the intermediate";
+    ImageDestroy(src);
+}
+
+TEST(ImageResampleOom, EveryModeAndTheMixedCase)
+{
+    for (int32_t mode = 0; mode < 6; ++mode) {
+        SCOPED_TRACE(mode);
+        imagetest::SweepImageOperation([] { return imagetest::RandomImage(VX_PIXEL_RGB, 6, 5, 3); },
+                                       [mode](VxImage *s) { return ImageResample(s, VX_PIXEL_RGBA, 9, 3, mode); });
+    }
+    imagetest::SweepImageOperation([] { return imagetest::RandomImage(VX_PIXEL_RGBA_FLOAT, 6, 5, 3); },
+                                   [](VxImage *s) { return ImageResample2(s, VX_PIXEL_RGB, 3, 9, 2, 4); });
+}
+
+}  // namespace
