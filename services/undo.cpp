@@ -44,7 +44,13 @@ struct State {
     int32_t outerBalance = 0;
     int32_t maximum = 0;
     VxUndoRecord *executing = nullptr;
+    VxNode *spares = nullptr;  // discarded records kept for reuse, linked through succ
+    int32_t spareCount = 0;
 };
+
+// A steady history discards about as many records as it makes; keeping a few spare records
+// saves the heap a round trip for each.
+constexpr int32_t kMaxSpares = 32;
 
 State g;
 
@@ -74,7 +80,48 @@ void Discard(VxUndoRecord *record)
     Remove(&record->node);
     if (record->data && record->release)
         record->release(g.systemData, record->code, record->data);
-    FreeHeap(record, sizeof(VxUndoRecord));
+    if (g.spareCount < kMaxSpares) {
+        record->node.succ = g.spares;
+        g.spares = &record->node;
+        ++g.spareCount;
+    } else {
+        FreeHeap(record, sizeof(VxUndoRecord));
+    }
+}
+
+void FreeSpares()
+{
+    while (g.spares) {
+        VxNode *next = g.spares->succ;
+        FreeHeap(g.spares, sizeof(VxUndoRecord));
+        g.spares = next;
+    }
+    g.spareCount = 0;
+}
+
+// A zero-filled record, a spare one when there is one. A spare taken is given back when the
+// caller's checkpoint block fails.
+void ReturnSpare(uintptr_t record, uintptr_t)
+{
+    auto *node = reinterpret_cast<VxNode *>(record);
+    node->succ = g.spares;
+    g.spares = node;
+    ++g.spareCount;
+}
+
+VxUndoRecord *AllocRecord()
+{
+    if (!g.spares) {
+        void *block = StdAlloc(sizeof(VxUndoRecord));
+        CkptArm(StdFreeArm, reinterpret_cast<uintptr_t>(block), sizeof(VxUndoRecord));
+        return static_cast<VxUndoRecord *>(block);
+    }
+    VxNode *node = g.spares;
+    g.spares = node->succ;
+    --g.spareCount;
+    CkptArm(ReturnSpare, reinterpret_cast<uintptr_t>(node), 0);
+    *reinterpret_cast<VxUndoRecord *>(node) = VxUndoRecord{};
+    return reinterpret_cast<VxUndoRecord *>(node);
 }
 
 void DiscardOldestUndo()
@@ -127,13 +174,13 @@ void DiscardEverything()
     for (int32_t &b : g.balance)
         b = 0;
     g.outerBalance = 0;
+    FreeSpares();
 }
 
 // Allocates a record inside the caller's checkpoint block, armed to be freed on failure.
 VxUndoRecord *NewRecord(int32_t code, UndoAction *action, uintptr_t data, UndoRelease *release, int32_t marker)
 {
-    auto *record = static_cast<VxUndoRecord *>(StdAlloc(sizeof(VxUndoRecord)));
-    CkptArm(StdFreeArm, reinterpret_cast<uintptr_t>(record), sizeof(VxUndoRecord));
+    VxUndoRecord *record = AllocRecord();
     record->code = code;
     record->action = action;
     record->data = data;
@@ -244,6 +291,8 @@ int32_t RecordCount()
 }
 
 int32_t OpenDepth() { return g.depth + g.extraDepth; }
+int32_t SpareCount() { return g.spareCount; }
+void DropSpares() { FreeSpares(); }
 
 const char *CheckStructure()
 {

@@ -254,33 +254,56 @@ TEST_F(UndoTest, EndThatCannotMakeItsStepLeavesTheBlockOpen)
 // ---- Out-of-memory sweeps ------------------------------------------------------------------
 
 struct Shape {
-    int32_t undo, redo, records, depth;
+    int32_t undo, redo, records, depth, spares;
     size_t calls;
     bool operator==(const Shape &) const = default;
 };
-Shape Now() { return {UndoNumUndo(), UndoNumRedo(), RecordCount(), OpenDepth(), g_calls.size()}; }
+Shape Now()
+{
+    return {UndoNumUndo(), UndoNumRedo(), RecordCount(), OpenDepth(), vx::undo::SpareCount(), g_calls.size()};
+}
 
-// A history of two undo steps and one redo step, so that a failed add must also leave the
-// redo step alone.
-void BuildHistory()
+// A history of two undo steps and one redo step (so that a failed add must also leave the
+// redo step alone), with no spare records; or with one spare and the redo step dropped (a
+// record taken from the spares must go back to them when the markers cannot be made).
+void BuildHistory(bool inBlock, bool oneSpare)
 {
     g_calls.clear();
     UndoSysSetMax(5);
     for (int32_t code = 1; code <= 3; ++code)
         UndoAddComplete(code, Act, static_cast<uintptr_t>(code), Rel);
     UndoSysUndo();
+    if (inBlock)
+        UndoBlockBegin();  // drops the redo step
+    if (oneSpare) {
+        UndoBlockBegin();
+        vx::undo::DropSpares();
+        UndoAddComplete(4, Act, 0, nullptr);
+        UndoBlockAbort();
+    } else {
+        vx::undo::DropSpares();
+    }
+}
+
+void EmptyHistory()
+{
+    while (OpenDepth())
+        UndoBlockAbort();
+    UndoSysShutdown();
 }
 
 TEST_F(UndoTest, OutOfMemoryAddCompleteAndPending)
 {
+    struct Setup {
+        bool inBlock, oneSpare;
+    };
     Shape before{};
     for (bool pending : {false, true}) {
-        for (bool inBlock : {false, true}) {
-            SCOPED_TRACE(::testing::Message() << (pending ? "pending" : "complete") << (inBlock ? " in a block" : ""));
+        for (Setup setup : {Setup{false, false}, Setup{true, false}, Setup{false, true}}) {
+            SCOPED_TRACE(::testing::Message() << (pending ? "pending" : "complete") << (setup.inBlock ? " in a block" : "")
+                                              << (setup.oneSpare ? " with one spare" : ""));
             vxtest::OomSweepAll({[&] {
-                                     BuildHistory();
-                                     if (inBlock)
-                                         UndoBlockBegin();
+                                     BuildHistory(setup.inBlock, setup.oneSpare);
                                      before = Now();
                                  },
                                  [&] {
@@ -290,11 +313,7 @@ TEST_F(UndoTest, OutOfMemoryAddCompleteAndPending)
                                      EXPECT_EQ(Now(), before);
                                      EXPECT_EQ(CheckStructure(), nullptr);
                                  },
-                                 [] {
-                                     while (OpenDepth())
-                                         UndoBlockAbort();
-                                     UndoSysShutdown();
-                                 }});
+                                 EmptyHistory});
         }
     }
 }
@@ -303,19 +322,14 @@ TEST_F(UndoTest, OutOfMemoryBlockEndMarkers)
 {
     Shape before{};
     vxtest::OomSweepAll({[&] {
-                             BuildHistory();
-                             UndoBlockBegin();
+                             BuildHistory(true, false);
                              UndoAddComplete(7, Act, 7, Rel);
                              UndoAddComplete(8, Act, 8, Rel);
                              before = Now();
                          },
                          [] { return UndoBlockEnd() == 1; },
                          [&] { EXPECT_EQ(Now(), before) << "the block stays open"; },
-                         [] {
-                             while (OpenDepth())
-                                 UndoBlockAbort();
-                             UndoSysShutdown();
-                         }});
+                         EmptyHistory});
 }
 
 // ---- The model: a small text document edited, undone and redone ------------------------------

@@ -18,7 +18,10 @@
  * release function is called with (system data, code, data) when both data and release are
  * non-zero. Blocks nest up to 12 levels; deeper levels merge into the twelfth (their records
  * join it, ending them does nothing and aborting them removes nothing). All calls come from
- * one thread; actions and release functions must not record, undo or redo. */
+ * one thread; actions and release functions must not record, undo or redo.
+ *
+ * Memory: a few dozen discarded records are kept for reuse; UndoSysClear and UndoSysShutdown
+ * return them to the heap. */
 #ifndef VXTOOLS3_UNDO_H
 #define VXTOOLS3_UNDO_H
 

@@ -1,0 +1,1 @@
+vx_bench(services_bench services_bench.cpp)
