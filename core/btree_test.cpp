@@ -377,7 +377,8 @@ int32_t Nodes(const BTree *tree)
 // among them are splits of leaves, of inner nodes and of the root.
 TEST(BTreeOom, InsertWithSplits)
 {
-    for (auto [m, maxKeys] : {std::pair{1, 120}, std::pair{2, 120}, std::pair{3, 60}}) {
+    for (const std::pair<int, int> &orderAndSize : {std::pair{1, 120}, std::pair{2, 120}, std::pair{3, 60}}) {
+        const int m = orderAndSize.first, maxKeys = orderAndSize.second;
         int swept = 0, rootSplits = 0, cascades = 0;
         for (int keys = 0; keys <= maxKeys; ++keys) {
             for (int add = 1; add <= 2 * keys + 1; add += 2) {

@@ -8,6 +8,7 @@ namespace {
 
 constexpr DemoSection kSections[] = {
     {"checkpoints, ordered arrays and the global list", [](FILE *out) { return vx_demo_core(out) != 0; }},
+    {"B-trees, block zones, lookup maps and action tables", [](FILE *out) { return vx_demo_containers(out) != 0; }},
 };
 
 }  // namespace

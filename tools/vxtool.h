@@ -27,4 +27,5 @@ struct DemoSection {
 // 1 when every check held.
 extern "C" {
 int vx_demo_core(FILE *out);
+int vx_demo_containers(FILE *out);
 }
