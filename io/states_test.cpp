@@ -1,0 +1,577 @@
+#include <vxtools3/ckpt.h>
+#include <vxtools3/states.h>
+
+#include "testkit/capture.h"
+#include "testkit/fault_alloc.h"
+
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace {
+
+// ---- A model of saved data -------------------------------------------------------------
+
+enum class Kind { Bytes, Shorts, Longs, Ids, Floats, String, Index };
+
+struct Values {
+    Kind kind;
+    std::vector<uint32_t> items;  // raw bits of each item (floats as their bits)
+    std::string text;             // Kind::String
+};
+
+struct Block {
+    const VxBlockDesc *desc = nullptr;
+    std::vector<Values> values;
+    std::vector<Block> kids;
+};
+
+// The blocks a saver may use: plain keywords, a keyword derived from the ID, odd IDs.
+const VxBlockDesc kDescs[] = {
+    {VX_ID('E', 'N', 'V', 'L'), "Envelope"}, {VX_ID('K', 'E', 'Y', ' '), "Key"},
+    {VX_ID('S', 'P', 'A', 'N'), "Span"},     {VX_ID('P', 'R', 'E', ' '), nullptr},
+    {VX_ID('C', 'H', 'A', 'N'), "Channel_2.x-y"}, {0xFF000001u, "Odd"},
+    {0, nullptr},
+};
+constexpr int kDescCount = 6;
+
+uint32_t RandomFloatBits(std::mt19937 &rng)
+{
+    switch (rng() % 8) {
+    case 0: return 0x7F800000u;                          // +inf
+    case 1: return 0xFFC00001u;                          // a NaN with a payload
+    case 2: return 0x80000000u;                          // -0
+    case 3: return rng() % 0x800000u;                    // subnormal
+    case 4: return std::bit_cast<uint32_t>(static_cast<float>(rng() % 1000) / 8.0f);
+    default: {
+        uint32_t bits = static_cast<uint32_t>(rng());
+        return (bits & 0x7F800000u) == 0x7F800000u ? bits ^ 0x40000000u : bits;  // finite
+    }
+    }
+}
+
+std::string RandomString(std::mt19937 &rng)
+{
+    std::string s(rng() % 5 == 0 ? rng() % 200 : rng() % 8, 'x');
+    for (char &c : s) {
+        int r = static_cast<int>(rng() % 10);
+        c = r == 0 ? '"' : r == 1 ? '\\' : r == 2 ? '\n' : r == 3 ? static_cast<char>(1 + rng() % 255)
+                                                                 : static_cast<char>('a' + rng() % 26);
+    }
+    return s;
+}
+
+Values RandomValues(std::mt19937 &rng)
+{
+    Values v{static_cast<Kind>(rng() % 7), {}, {}};
+    int n = v.kind == Kind::String || v.kind == Kind::Index ? 1 : 1 + static_cast<int>(rng() % 5);
+    for (int i = 0; i < n; ++i) {
+        uint32_t r = static_cast<uint32_t>(rng());
+        switch (v.kind) {
+        case Kind::Bytes: v.items.push_back(r & 0xFF); break;
+        case Kind::Shorts: v.items.push_back(r & 0xFFFF); break;
+        case Kind::Longs: v.items.push_back(r); break;
+        case Kind::Ids: v.items.push_back(rng() % 2 ? VX_ID('A' + r % 26, 'x', ' ', '\'') : r); break;
+        case Kind::Floats: v.items.push_back(RandomFloatBits(rng)); break;
+        case Kind::String: v.text = RandomString(rng); break;
+        case Kind::Index: {
+            static constexpr uint32_t kEdges[] = {0, 0xFEFF, 0xFF00, 0xFFFF, 0xFFFFFF};
+            v.items.push_back(rng() % 2 ? kEdges[r % 5] : r % 0x1000000u);
+            break;
+        }
+        }
+    }
+    return v;
+}
+
+Block RandomBlock(std::mt19937 &rng, int depth)
+{
+    Block b;
+    b.desc = &kDescs[rng() % kDescCount];
+    int values = static_cast<int>(rng() % 4);
+    for (int i = 0; i < values; ++i)
+        b.values.push_back(RandomValues(rng));
+    int kids = depth < 4 && rng() % 2 ? static_cast<int>(rng() % 4) : 0;
+    for (int i = 0; i < kids; ++i)
+        b.kids.push_back(RandomBlock(rng, depth + 1));
+    return b;
+}
+
+// ---- Saving and loading the model ------------------------------------------------------
+
+void SaveValues(VxSaveState *s, const Values &v)
+{
+    int32_t n = static_cast<int32_t>(v.items.size());
+    std::vector<uint8_t> b;
+    std::vector<int16_t> h;
+    std::vector<int32_t> l;
+    std::vector<float> f;
+    for (uint32_t x : v.items) {
+        b.push_back(static_cast<uint8_t>(x));
+        h.push_back(static_cast<int16_t>(static_cast<uint16_t>(x)));
+        l.push_back(static_cast<int32_t>(x));
+        f.push_back(std::bit_cast<float>(x));
+    }
+    switch (v.kind) {
+    case Kind::Bytes: ASSERT_EQ(s->writeBytes(s, b.data(), n), 0); break;
+    case Kind::Shorts: ASSERT_EQ(s->writeShorts(s, h.data(), n), 0); break;
+    case Kind::Longs: ASSERT_EQ(s->writeLongs(s, l.data(), n), 0); break;
+    case Kind::Ids: ASSERT_EQ(s->writeIDs(s, v.items.data(), n), 0); break;
+    case Kind::Floats: ASSERT_EQ(s->writeFloats(s, f.data(), n), 0); break;
+    case Kind::String: ASSERT_EQ(s->writeString(s, v.text.c_str()), 0); break;
+    case Kind::Index: ASSERT_EQ(s->writeIndex(s, v.items[0]), 0); break;
+    }
+}
+
+void Save(VxSaveState *s, const Block &b)
+{
+    ASSERT_EQ(s->beginBlock(s, b.desc), 0);
+    for (const Values &v : b.values)
+        SaveValues(s, v);
+    for (const Block &k : b.kids)
+        Save(s, k);
+    ASSERT_EQ(s->endBlock(s), 0);
+}
+
+void ExpectValues(VxLoadState *s, const Values &v)
+{
+    int32_t n = static_cast<int32_t>(v.items.size());
+    std::vector<uint32_t> got(v.items.size() + 1);
+    std::vector<uint8_t> b(got.size());
+    std::vector<int16_t> h(got.size());
+    switch (v.kind) {
+    case Kind::Bytes:
+        ASSERT_EQ(s->readBytes(s, b.data(), n), n);
+        for (int32_t i = 0; i < n; ++i)
+            got[i] = b[i];
+        break;
+    case Kind::Shorts:
+        ASSERT_EQ(s->readShorts(s, h.data(), n), n);
+        for (int32_t i = 0; i < n; ++i)
+            got[i] = static_cast<uint16_t>(h[i]);
+        break;
+    case Kind::Longs: ASSERT_EQ(s->readLongs(s, reinterpret_cast<int32_t *>(got.data()), n), n); break;
+    case Kind::Ids: ASSERT_EQ(s->readIDs(s, got.data(), n), n); break;
+    case Kind::Floats: ASSERT_EQ(s->readFloats(s, reinterpret_cast<float *>(got.data()), n), n); break;
+    case Kind::String: {
+        std::vector<char> text(v.text.size() + 1, '?');
+        ASSERT_EQ(s->readString(s, text.data(), static_cast<int32_t>(text.size())), 1);
+        ASSERT_EQ(std::string(text.data()), v.text);
+        return;
+    }
+    case Kind::Index: ASSERT_EQ(s->readIndex(s, got.data()), 1); break;
+    }
+    got.pop_back();
+    ASSERT_EQ(got, v.items) << "kind " << static_cast<int>(v.kind);
+}
+
+void Load(VxLoadState *s, const Block &b)
+{
+    for (const Values &v : b.values)
+        ExpectValues(s, v);
+    for (const Block &k : b.kids) {
+        ASSERT_EQ(s->findBlock(s, kDescs), k.desc->id) << (s->message ? s->message : "");
+        Load(s, k);
+        ASSERT_EQ(s->endBlock(s), 0);
+    }
+    ASSERT_EQ(s->findBlock(s, kDescs), 0u) << "a block beyond the model";
+    ASSERT_EQ(s->error, 0) << (s->message ? s->message : "") << " at line " << s->line;
+}
+
+std::string Text(VxWriteStrm *w) { return std::string(static_cast<const char *>(w->impl), static_cast<size_t>(w->length)); }
+
+// Saves the top-level blocks through a text state and returns the text.
+std::string SaveText(const std::vector<Block> &top)
+{
+    VxWriteStrm *w = MemStrmWriteCreate();
+    VxSaveState s;
+    StrmInitSaveState(&s, w);
+    for (const Block &b : top)
+        Save(&s, b);
+    EXPECT_EQ(s.depth, 0);
+    std::string text = w->impl ? Text(w) : std::string();
+    StrmWriteDestroy(w);
+    return text;
+}
+
+void LoadText(const std::string &text, const std::vector<Block> &top)
+{
+    VxReadStrm *r = MemStrmReadCreate(text.data(), static_cast<int32_t>(text.size()), 0);
+    VxLoadState s;
+    StrmInitLoadState(&s, r);
+    Block root;
+    root.kids = top;
+    Load(&s, root);
+    StrmReadDestroy(r);
+}
+
+TEST(TextStates, RandomTreesRoundTripEveryValueExactly)
+{
+    for (uint32_t seed = 1; seed <= 200; ++seed) {
+        std::mt19937 rng(seed);
+        std::vector<Block> top;
+        for (int i = 0; i < 3; ++i)
+            top.push_back(RandomBlock(rng, 1));
+        std::string text = SaveText(top);
+        SCOPED_TRACE(text);
+        LoadText(text, top);
+        if (::testing::Test::HasFailure())
+            FAIL() << "seed " << seed;
+    }
+}
+
+TEST(TextStates, TextFileStreamsRoundTrip)
+{
+    vxtest::TempDir dir;
+    std::mt19937 rng(11);
+    Block b = RandomBlock(rng, 0);
+    VxWriteStrm *w = FileStrmWriteText(dir.File("state.txt").c_str());
+    VxSaveState s;
+    StrmInitSaveState(&s, w);
+    Save(&s, b);
+    ASSERT_EQ(StrmWriteDestroy(w), 0);
+    VxReadStrm *r = FileStrmReadOpen(dir.File("state.txt").c_str(), nullptr);
+    VxLoadState l;
+    StrmInitLoadState(&l, r);
+    Block root;
+    root.kids = {b};
+    Load(&l, root);
+    StrmReadDestroy(r);
+}
+
+TEST(TextStates, WriterLayoutIsExact)
+{
+    static const VxBlockDesc entry{VX_ID('P', 'L', 'U', 'G'), "Entry"}, cls{VX_ID('C', 'L', 'A', 'S'), "Class"},
+        tag{VX_ID('I', 'N', 'F', 'O'), "InfoTag"}, span{VX_ID('S', 'P', 'A', 'N'), nullptr};
+    VxWriteStrm *w = MemStrmWriteCreate();
+    VxSaveState s;
+    StrmInitSaveState(&s, w);
+    const int32_t word = 65536;
+    const float floats[3] = {0.1f, -0.0f, 1e30f};
+    const uint32_t ids[2] = {VX_ID('T', 'C', 'B', ' '), VX_ID(0, 1, 2, 3)};
+    s.beginBlock(&s, &entry);
+    s.writeIndex(&s, 7);
+    s.beginBlock(&s, &cls);
+    s.writeString(&s, "Image \"Filter\"\n\x01\\");
+    s.endBlock(&s);
+    s.beginBlock(&s, &tag);
+    s.writeLongs(&s, &word, 1);
+    s.beginBlock(&s, &span);
+    s.writeIDs(&s, ids, 2);
+    s.writeFloats(&s, floats, 3);
+    s.endBlock(&s);
+    s.endBlock(&s);
+    const int16_t after = -5;
+    s.writeShorts(&s, &after, 1);
+    s.endBlock(&s);
+    EXPECT_EQ(Text(w), "Entry 7 {\n"
+                       "  Class \"Image \\\"Filter\\\"\\n\\x01\\\\\"\n"
+                       "  InfoTag 65536 {\n"
+                       "    SPAN 'TCB ' 0x00010203 0.1 -0 1e+30\n"
+                       "  }\n"
+                       "  -5\n"
+                       "}\n");
+    StrmWriteDestroy(w);
+}
+
+// ---- Reading what people write ---------------------------------------------------------
+
+struct TextLoad {
+    std::string text;
+    VxReadStrm *stream;
+    VxLoadState state;
+    explicit TextLoad(std::string t) : text(std::move(t))
+    {
+        stream = MemStrmReadCreate(text.data(), static_cast<int32_t>(text.size()), 0);
+        StrmInitLoadState(&state, stream);
+    }
+    ~TextLoad() { StrmReadDestroy(stream); }
+    VxLoadState *operator->() { return &state; }
+    VxLoadState *get() { return &state; }
+};
+
+const VxBlockDesc kPlug[] = {{VX_ID('P', 'L', 'U', 'G'), "Entry"}, {VX_ID('C', 'L', 'A', 'S'), "Class"},
+                             {VX_ID('K', 'E', 'Y', ' '), "Key"}, {0, nullptr}};
+
+TEST(TextStates, HandEditedTextWithCommentsBracesAndUnknownBlocksReads)
+{
+    TextLoad t("# plug-in database\r\n"
+               "\n"
+               "Unknown 1 2 { nested { \"}\" } more \"{\" }\n"
+               "Entry {   # first entry\r\n"
+               "  Skipped \"x\"\n"
+               "  Class \"Blur\" Key { 1.5\n"
+               "     2 }\n"
+               "  Key 3 4}\n"
+               "Entry 5\n"
+               "6\n");
+    VxLoadState *s = t.get();
+    ASSERT_EQ(s->findBlock(s, kPlug), kPlug[0].id);
+    ASSERT_EQ(s->findBlock(s, kPlug), kPlug[1].id);
+    char name[16];
+    EXPECT_EQ(s->readString(s, name, 16), 1);
+    EXPECT_STREQ(name, "Blur");
+    EXPECT_EQ(s->readString(s, name, 16), 0) << "the head ends at the next keyword";
+    EXPECT_EQ(s->endBlock(s), 0);
+    float f[3];
+    ASSERT_EQ(s->findBlock(s, kPlug), kPlug[2].id);
+    EXPECT_EQ(s->readFloats(s, f, 3), 2);
+    EXPECT_EQ(f[0], 1.5f);
+    EXPECT_EQ(f[1], 2.0f);
+    EXPECT_EQ(s->endBlock(s), 0);
+    ASSERT_EQ(s->findBlock(s, kPlug), kPlug[2].id);
+    int32_t l[2];
+    EXPECT_EQ(s->readLongs(s, l, 2), 2);
+    EXPECT_EQ(l[1], 4);
+    EXPECT_EQ(s->endBlock(s), 0);
+    EXPECT_EQ(s->findBlock(s, kPlug), 0u);
+    EXPECT_EQ(s->endBlock(s), 0);
+    ASSERT_EQ(s->findBlock(s, kPlug), kPlug[0].id);
+    EXPECT_EQ(s->readLongs(s, l, 2), 1) << "a head ends at the line end";
+    EXPECT_EQ(s->endBlock(s), 0);
+    EXPECT_EQ(s->readLongs(s, l, 2), 1) << "a value at the top level";
+    EXPECT_EQ(l[0], 6);
+    EXPECT_EQ(s->findBlock(s, kPlug), 0u);
+    EXPECT_EQ(s->error, 0) << s->message;
+    EXPECT_EQ(s->endBlock(s), VX_ERR_FORMAT) << "no block is open";
+}
+
+TEST(TextStates, MalformedTextFailsWithAMessageAndItsLine)
+{
+    struct Case {
+        const char *text;
+        const char *message;
+        int line;
+        char keyRead = 'l';  // what a Key block is read as: l longs, f floats, i IDs
+    };
+    const Case cases[] = {
+        {"Entry {\n  Class \"open\n}\n", "unterminated string", 2},
+        {"Class \"a\\qb\"\n", "unknown escape in string", 1},
+        {"Class \"a\\x00\"\n", "\\x needs two hex digits, not 00", 1},
+        {"\n\n}\n", "\"}\" without an open block", 3},
+        {"Entry {\n Class \"x\"\n", "missing \"}\" at the end of the text", 3},
+        {"Key 'AB'\n", "an ID is four printable characters between single quotes", 1, 'i'},
+        {"Key \"s\"\n", "a string where a number was expected", 1},
+        {"Key 99999999999\n", "integer out of range", 1},
+        {"Key 12abc\n", "malformed integer", 1},
+        {"Key 1e99\n", "float out of range", 1, 'f'},
+        {"Key @\n", "unexpected character", 1},
+        {"Entry { {\n", "\"{\" must follow a block's keyword and values", 1},
+        {"Class 5\n", "a number or ID where a string was expected", 1},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.text);
+        vxtest::DebugCapture debug;
+        TextLoad t(c.text);
+        VxLoadState *s = t.get();
+        int32_t results = 0;  // values read before the failure; not checked
+        for (int guard = 0; guard < 20 && !s->error; ++guard) {
+            uint32_t id = s->findBlock(s, kPlug);
+            if (id == kPlug[1].id) {
+                char buf[8];
+                results += s->readString(s, buf, 8);
+            } else if (id == kPlug[2].id) {
+                int32_t l;
+                float f;
+                uint32_t i;
+                results += c.keyRead == 'f' ? s->readFloats(s, &f, 1) : c.keyRead == 'i' ? s->readIDs(s, &i, 1) : s->readLongs(s, &l, 1);
+            } else if (!id && s->depth == 0) {
+                break;
+            }
+            if (!id || id != kPlug[0].id)
+                s->endBlock(s);
+        }
+        EXPECT_EQ(s->error, VX_ERR_FORMAT);
+        EXPECT_STREQ(s->message ? s->message : "(none)", c.message);
+        EXPECT_EQ(s->line, c.line);
+        EXPECT_EQ(debug.Text(), "load state: line " + std::to_string(c.line) + ": " + c.message + "\n");
+        EXPECT_EQ(s->findBlock(s, kPlug), 0u) << "the failure is sticky";
+        int32_t l;
+        EXPECT_EQ(s->readLongs(s, &l, 1), -VX_ERR_FORMAT);
+    }
+}
+
+TEST(TextStates, DeepNestingIsRefused)
+{
+    std::string text;
+    for (int i = 0; i < 17; ++i)
+        text += "Key {\n";
+    TextLoad t(text);
+    VxLoadState *s = t.get();
+    while (s->findBlock(s, kPlug)) {
+    }
+    EXPECT_EQ(s->error, VX_ERR_FORMAT);
+    EXPECT_STREQ(s->message, "blocks nested deeper than 16 levels");
+}
+
+TEST(TextStates, EveryPrefixOfAValidTextLoadsCleanly)
+{
+    std::mt19937 rng(21);
+    std::vector<Block> top = {RandomBlock(rng, 1), RandomBlock(rng, 1)};
+    std::string text = SaveText(top);
+    vxtest::FaultAllocator heap;
+    for (size_t n = 0; n <= text.size(); ++n) {
+        TextLoad t(text.substr(0, n));
+        VxLoadState *s = t.get();
+        // Walk everything generically: every block entered, every value read as a string or
+        // a float, until the end or a failure.
+        for (int steps = 0; steps < 10000 && !s->error; ++steps) {
+            char buf[8];
+            float f;
+            if (s->readString(s, buf, 8) == 1 || s->readFloats(s, &f, 1) == 1)
+                continue;
+            if (s->findBlock(s, kDescs))
+                continue;
+            if (s->depth == 0)
+                break;
+            s->endBlock(s);
+        }
+        EXPECT_TRUE(s->error == 0 || s->error == VX_ERR_FORMAT);
+        EXPECT_TRUE(s->error == 0 || s->message != nullptr);
+    }
+    EXPECT_EQ(heap.Allocations(), static_cast<int64_t>(text.size() + 1) * 1) << "one stream record per prefix, nothing else";
+}
+
+// ---- Binary states ---------------------------------------------------------------------
+
+std::vector<uint8_t> SaveBinary(const std::vector<Block> &top, uint32_t formType)
+{
+    VxWriteStrm *w = MemStrmWriteCreate();
+    VxIFFWriter *iw = IFFWCreate(w);
+    IFFWChunkOpen(iw, VX_ID('F', 'O', 'R', 'M'), formType);
+    VxSaveState s;
+    IFFInitSaveState(&s, iw);
+    EXPECT_EQ(iw->level[0].flags & VX_IFF_STATE_BASE, VX_IFF_STATE_BASE);
+    for (const Block &b : top)
+        Save(&s, b);
+    EXPECT_EQ(s.endBlock(&s), VX_ERR_FORMAT) << "the state never closes the FORM";
+    IFFWChunkClose(iw);
+    const auto *p = static_cast<const uint8_t *>(w->impl);
+    std::vector<uint8_t> bytes(p, p + w->length);
+    IFFWDestroy(iw);
+    StrmWriteDestroy(w);
+    return bytes;
+}
+
+TEST(BinaryStates, RandomTreesRoundTripThroughIFF)
+{
+    for (uint32_t seed = 1; seed <= 200; ++seed) {
+        std::mt19937 rng(seed);
+        std::vector<Block> top;
+        for (int i = 0; i < 3; ++i)
+            top.push_back(RandomBlock(rng, 1));
+        // Sub-chunks carry 16-bit lengths: keep the trees small enough.
+        std::vector<uint8_t> bytes = SaveBinary(top, VX_ID('S', 'C', 'N', 'E'));
+        VxReadStrm *r = MemStrmReadCreate(bytes.data(), static_cast<int32_t>(bytes.size()), 0);
+        VxIFFReader *ir = IFFRCreate(r);
+        IFFRFormType(ir, VX_ID('S', 'C', 'N', 'E'));
+        VxLoadState s;
+        IFFInitLoadState(&s, ir);  // before the FORM: the first find reads it
+        Block root;
+        root.kids = top;
+        Load(&s, root);
+        IFFRDestroy(ir);
+        StrmReadDestroy(r);
+        if (::testing::Test::HasFailure())
+            FAIL() << "seed " << seed;
+    }
+}
+
+TEST(BinaryStates, IndexAndStringsHaveTheirFileForm)
+{
+    static const VxBlockDesc envl{VX_ID('E', 'N', 'V', 'L'), "Envelope"};
+    VxWriteStrm *w = MemStrmWriteCreate();
+    VxIFFWriter *iw = IFFWCreate(w);
+    IFFWChunkOpen(iw, VX_ID('F', 'O', 'R', 'M'), VX_ID('T', 'E', 'S', 'T'));
+    VxSaveState s;
+    IFFInitSaveState(&s, iw);
+    s.beginBlock(&s, &envl);
+    s.writeIndex(&s, 0xFEFF);
+    s.writeIndex(&s, 0xFF00);
+    s.writeString(&s, "ab");
+    EXPECT_EQ(s.writeIndex(&s, 0x1000000), VX_ERR_FORMAT);
+    s.error = 0;
+    s.endBlock(&s);
+    IFFWChunkClose(iw);
+    const auto *p = static_cast<const uint8_t *>(w->impl);
+    std::vector<uint8_t> got(p + 12, p + w->length);
+    std::vector<uint8_t> expect = {'E', 'N', 'V', 'L', 0, 0, 0, 10, 0xFE, 0xFF, 0xFF, 0x00, 0xFF, 0x00, 'a', 'b', 0, 0};
+    EXPECT_EQ(got, expect);
+    IFFWDestroy(iw);
+    StrmWriteDestroy(w);
+}
+
+// Reads everything generically inside a checkpoint block; returns whether a failure reached
+// the block.
+bool WalkInsideABlock(VxLoadState *s)
+{
+    if (CkptBegin()) {
+        CkptLatchCode();
+        return true;
+    }
+    for (int steps = 0; steps < 10000 && !s->error; ++steps) {
+        uint8_t b[8];
+        if (s->readBytes(s, b, 8) > 0)
+            continue;
+        if (s->findBlock(s, kDescs))
+            continue;
+        if (s->depth == 0)
+            break;
+        s->endBlock(s);
+    }
+    CkptEnd();
+    return false;
+}
+
+TEST(BinaryStates, WrongFormAndTruncationFailWithoutUnwindingTheCaller)
+{
+    std::mt19937 rng(8);
+    std::vector<Block> top = {RandomBlock(rng, 1), RandomBlock(rng, 1)};
+    std::vector<uint8_t> bytes = SaveBinary(top, VX_ID('S', 'C', 'N', 'E'));
+    {
+        VxReadStrm *r = MemStrmReadCreate(bytes.data(), static_cast<int32_t>(bytes.size()), 0);
+        VxIFFReader *ir = IFFRCreate(r);
+        IFFRFormType(ir, VX_ID('O', 'T', 'H', 'R'));
+        VxLoadState s;
+        IFFInitLoadState(&s, ir);
+        EXPECT_EQ(s.findBlock(&s, kDescs), 0u);
+        EXPECT_EQ(s.error, VX_ERR_FORMAT);
+        IFFRDestroy(ir);
+        StrmReadDestroy(r);
+    }
+    int failures = 0;
+    for (size_t n = 0; n < bytes.size(); ++n) {
+        VxReadStrm *r = MemStrmReadCreate(bytes.data(), static_cast<int32_t>(n), 0);
+        VxIFFReader *ir = IFFRCreate(r);
+        VxLoadState s;
+        IFFInitLoadState(&s, ir);
+        EXPECT_FALSE(WalkInsideABlock(&s)) << "a failure unwound the caller's block";
+        failures += s.error != 0;
+        EXPECT_TRUE(s.error == 0 || s.error == VX_ERR_IO || s.error == VX_ERR_FORMAT);
+        IFFRDestroy(ir);
+        StrmReadDestroy(r);
+    }
+    EXPECT_EQ(failures, static_cast<int>(bytes.size())) << "every truncated file is reported";
+}
+
+TEST(SaveStates, RefuseWhatTheirFormatCannotHold)
+{
+    VxWriteStrm *w = MemStrmWriteCreate();
+    VxSaveState s;
+    StrmInitSaveState(&s, w);
+    EXPECT_EQ(s.endBlock(&s), VX_ERR_FORMAT);
+    static const VxBlockDesc bad{VX_ID('1', 'A', 'B', 'C'), nullptr};
+    EXPECT_EQ(s.beginBlock(&s, &bad), VX_ERR_FORMAT) << "a keyword cannot start with a digit";
+    EXPECT_EQ(s.error, VX_ERR_FORMAT);
+    StrmWriteDestroy(w);
+}
+
+}  // namespace
