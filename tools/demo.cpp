@@ -9,6 +9,8 @@ namespace {
 constexpr DemoSection kSections[] = {
     {"checkpoints, ordered arrays and the global list", [](FILE *out) { return vx_demo_core(out) != 0; }},
     {"B-trees, block zones, lookup maps and action tables", [](FILE *out) { return vx_demo_containers(out) != 0; }},
+    {"ports: an owner and its clients", [](FILE *out) { return vx_demo_ports(out) != 0; }},
+    {"undo: a document edited, undone and redone", [](FILE *out) { return vx_demo_undo(out) != 0; }},
 };
 
 }  // namespace

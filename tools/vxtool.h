@@ -28,4 +28,6 @@ struct DemoSection {
 extern "C" {
 int vx_demo_core(FILE *out);
 int vx_demo_containers(FILE *out);
+int vx_demo_ports(FILE *out);
+int vx_demo_undo(FILE *out);
 }
