@@ -427,6 +427,8 @@ TEST(StreamsOom, CreationReleasesEverythingWhenMemoryRunsOut)
 {
     vxtest::TempDir dir;
     WriteFile(dir.File("f"), Pattern(100, 1));
+    // Paths are made beforehand: a failing run may unwind past the lambdas' frames.
+    const std::string inPath = dir.File("f"), outPath = dir.File("g");
     uint8_t data[16] = {};
     VxReadStrm *r = nullptr;
     VxWriteStrm *w = nullptr;
@@ -435,11 +437,11 @@ TEST(StreamsOom, CreationReleasesEverythingWhenMemoryRunsOut)
                          [&] { StrmReadDestroy(r); r = nullptr; }});
     vxtest::OomSweepAll({nothing, [&] { return (r = MemStrmReadCreate(data, 16, 0)) != nullptr; }, nothing,
                          [&] { StrmReadDestroy(r); r = nullptr; }});
-    vxtest::OomSweepAll({nothing, [&] { return (r = FileStrmReadOpen(dir.File("f").c_str(), nullptr)) != nullptr; },
+    vxtest::OomSweepAll({nothing, [&] { return (r = FileStrmReadOpen(inPath.c_str(), nullptr)) != nullptr; },
                          nothing, [&] { StrmReadDestroy(r); r = nullptr; }});
     vxtest::OomSweepAll({nothing, [&] { return (w = MemStrmWriteCreate()) != nullptr; }, nothing,
                          [&] { StrmWriteDestroy(w); w = nullptr; }});
-    vxtest::OomSweepAll({nothing, [&] { return (w = FileStrmWriteOpen(dir.File("g").c_str())) != nullptr; }, nothing,
+    vxtest::OomSweepAll({nothing, [&] { return (w = FileStrmWriteOpen(outPath.c_str())) != nullptr; }, nothing,
                          [&] { StrmWriteDestroy(w); w = nullptr; }});
 }
 
