@@ -75,7 +75,7 @@ void FilterLine(const BlurKernel &kernel, const uint8_t *in, uint8_t *out, size_
             left[s - pad] = static_cast<uint16_t>(a & 0x3FF);
     }
     acc = 0;
-    for (int32_t s = pad + length - 1 + 3 * (g - 1); s >= pad; --s) {
+    for (int32_t s = pad + length + 1; s >= pad; --s) {
         uint32_t a = (acc >> 10) + t0[work[s]];
         if (g > 1)
             a += t1[work[s + 3]];
@@ -112,7 +112,7 @@ void FilterStrip(const BlurKernel &kernel, const uint8_t *in, uint8_t *out, size
         }
     }
     std::fill(acc, acc + count, 0u);
-    for (int32_t s = pad + height - 1 + 3 * (g - 1); s >= pad; --s) {
+    for (int32_t s = pad + height + 1; s >= pad; --s) {
         const uint8_t *r0 = rowAt(s), *r1 = rowAt(s + 3), *r2 = rowAt(s + 6);
         const bool emit = s < pad + height;
         const uint16_t *l = left + count * (emit ? s - pad : 0);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <climits>
 #include <cstring>
 
 namespace vx::image {
@@ -330,20 +331,30 @@ VX_API int ImageConvertPixel(void *out, int32_t outType, const uint8_t *outInver
 
 VX_API void ImageBuildInverseTable(const uint8_t *palette, uint8_t *table)
 {
-    for (int key = 0; key < 65536; ++key) {
-        const int r5 = key >> 11, g6 = (key >> 5) & 0x3F, b5 = key & 0x1F;
-        const int r = (r5 << 3) | (r5 >> 2), g = (g6 << 2) | (g6 >> 4), b = (b5 << 3) | (b5 >> 2);
-        int best = 0, bestDistance = 1 << 30;
-        for (int i = 0; i < 256 && bestDistance > 0; ++i) {
-            const int dr = palette[3 * i] - r, dg = palette[3 * i + 1] - g, db = palette[3 * i + 2] - b;
-            const int distance = dr * dr + dg * dg + db * db;
-            if (distance < bestDistance) {
-                bestDistance = distance;
-                best = i;
+    // One row of 32 blue cells per red and green key: every entry is measured against the
+    // whole row at once (a loop the compiler vectorises); ties keep the lowest index.
+    int32_t blueOf[32];
+    for (int b5 = 0; b5 < 32; ++b5)
+        blueOf[b5] = (b5 << 3) | (b5 >> 2);
+    for (int r5 = 0; r5 < 32; ++r5)
+        for (int g6 = 0; g6 < 64; ++g6) {
+            const int r = (r5 << 3) | (r5 >> 2), g = (g6 << 2) | (g6 >> 4);
+            // distance << 8 | entry: the minimum is the nearest entry, the lowest on ties.
+            int32_t best[32];
+            for (int b5 = 0; b5 < 32; ++b5)
+                best[b5] = INT32_MAX;
+            for (int32_t entry = 0; entry < 256; ++entry) {
+                const int32_t dr = palette[3 * entry] - r, dg = palette[3 * entry + 1] - g;
+                const int32_t base = dr * dr + dg * dg, blue = palette[3 * entry + 2];
+                for (int b5 = 0; b5 < 32; ++b5) {
+                    const int32_t db = blue - blueOf[b5];
+                    best[b5] = std::min(best[b5], ((base + db * db) << 8) | entry);
+                }
             }
+            uint8_t *row = table + ((r5 << 11) | (g6 << 5));
+            for (int b5 = 0; b5 < 32; ++b5)
+                row[b5] = static_cast<uint8_t>(best[b5] & 0xFF);
         }
-        table[key] = static_cast<uint8_t>(best);
-    }
 }
 
 VX_API VxImage *ImageDuplicate(VxImage *image, int32_t type, const uint8_t *palette)

@@ -1,0 +1,325 @@
+#include <vxtools3/ckpt.h>
+#include <vxtools3/image.h>
+
+#include "image/image_test_util.h"
+#include "testkit/fault_alloc.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+
+using imagetest::Bytes;
+
+std::vector<float> Floats(VxImage *image)
+{
+    std::vector<float> v(vx::image::BufferBytes(image) / 4);
+    std::memcpy(v.data(), image->priv->pixels, v.size() * 4);
+    return v;
+}
+
+// Straightforward convolution: clamped coordinates, matrix row by row, float sums.
+std::vector<float> ReferenceConvolve(VxImage *src, const std::vector<float> &m, int cols, int rows, const float *offset)
+{
+    const int w = src->width, h = src->height;
+    const std::vector<float> in = Floats(src);
+    std::vector<float> out(in.size());
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            for (int c = 0; c < 4; ++c) {
+                float sum = 0.0f;
+                for (int r = 0; r < rows; ++r)
+                    for (int k = 0; k < cols; ++k) {
+                        const int sx = std::clamp(x - cols / 2 + k, 0, w - 1), sy = std::clamp(y - rows / 2 + r, 0, h - 1);
+                        sum += m[r * cols + k] * in[4 * (sy * w + sx) + c];
+                    }
+                if (offset)
+                    sum += offset[c];
+                out[4 * (y * w + x) + c] = std::min(std::max(sum, 0.0f), 1.0f);
+            }
+    return out;
+}
+
+TEST(ImageConvolve, MatchesAPlainConvolutionWithRepeatedEdges)
+{
+    VxImage *src = imagetest::RandomImage(VX_PIXEL_RGBA_FLOAT, 9, 7, 11);
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<float> weight(-0.4f, 0.7f);
+    const float offset[4] = {0.1f, -0.2f, 0.0f, 0.3f};
+    for (auto [cols, rows] : {std::pair{1, 1}, {3, 3}, {5, 5}, {4, 2}, {1, 6}, {7, 3}}) {
+        std::vector<float> m(static_cast<size_t>(cols * rows));
+        for (float &v : m)
+            v = weight(rng);
+        for (const float *off : {static_cast<const float *>(nullptr), offset}) {
+            VxImage *r = ImageConvolve(src, VX_PIXEL_RGBA_FLOAT, m.data(), cols, rows, off);
+            ASSERT_NE(r, nullptr);
+            EXPECT_EQ(Floats(r), ReferenceConvolve(src, m, cols, rows, off)) << cols << "x" << rows;
+            ImageDestroy(r);
+        }
+    }
+    const float identity[9] = {0, 0, 0, 0, 1, 0, 0, 0, 0};
+    VxImage *same = ImageConvolve(src, VX_PIXEL_RGBA_FLOAT, identity, 3, 3, nullptr);
+    EXPECT_EQ(Bytes(same), Bytes(src));
+    ImageDestroy(same);
+    VxImage *grey = ImageConvolve(src, VX_PIXEL_GREY, identity, 3, 3, nullptr);
+    EXPECT_EQ(grey->type, VX_PIXEL_GREY) << "the result has the requested type";
+    ImageDestroy(grey);
+    EXPECT_EQ(ImageConvolve(src, 6, nullptr, 3, 3, nullptr), nullptr);
+    EXPECT_EQ(ImageConvolve(src, 6, identity, 0, 3, nullptr), nullptr);
+    EXPECT_EQ(ImageConvolve(src, 17, identity, 3, 3, nullptr), nullptr);
+    ImageDestroy(src);
+}
+
+TEST(GaussianMatrix, ShapeCentreAndNormalisation)
+{
+    float m[64];
+    fillGaussianMatrix(0, 0, m, 4, 6);
+    for (int i = 0; i < 24; ++i)
+        EXPECT_EQ(m[i], i == 3 * 4 + 2 ? 1.0f : 0.0f) << "a single 1 at (columns / 2, rows / 2)";
+    fillGaussianMatrix(0, 0, m, 3, 5);
+    for (int i = 0; i < 15; ++i)
+        EXPECT_EQ(m[i], 0.0f) << "odd sizes have no element at 0, 0";
+    fillGaussianMatrix(2.0, 0, m, 4, 4);
+    for (int j = 0; j < 4; ++j)
+        for (int i = 0; i < 4; ++i)
+            if (j != 2) {
+                EXPECT_EQ(m[j * 4 + i], 0.0f) << "only the row y = 0";
+            }
+    EXPECT_FLOAT_EQ(m[8] / m[10], std::exp(-4.0f / 2.0f));
+    fillGaussianMatrix(1.5, 3.0, m, 5, 5);
+    double sum = 0;
+    for (int i = 0; i < 25; ++i)
+        sum += m[i];
+    EXPECT_NEAR(sum, 1.0, 1e-6);
+    // x = i - 2.5, y = j - 2.5: the peak is shared by the four elements around (2.5, 2.5).
+    EXPECT_FLOAT_EQ(m[2 * 5 + 2], m[3 * 5 + 3]);
+    EXPECT_NEAR(m[2 * 5 + 2] / m[2 * 5 + 1], std::exp((2.25 - 0.25) / 1.5), 1e-5) << "x = -0.5 against x = -1.5";
+    EXPECT_NEAR(m[2 * 5 + 2] / m[1 * 5 + 2], std::exp((2.25 - 0.25) / 3.0), 1e-5) << "y with its own sigma";
+}
+
+// ---- the fixed-point blur against a plain implementation of its rules ----
+
+struct RefKernel {
+    int groups;
+    int bias;
+    std::vector<int> lane;  // lane value of tap i for byte v: lane[i * 256 + v]
+};
+
+RefKernel ReferenceKernel(int n, double sigma)
+{
+    std::vector<double> w(static_cast<size_t>(n));
+    const double q = std::fabs(sigma) * 10.0;
+    if (q == 0.0) {
+        w[0] = 1.0;
+    } else {
+        for (int i = 0; i < n; ++i)
+            w[i] = std::exp(-static_cast<double>(i * i) / q) - std::exp(-static_cast<double>(n * n) / q);
+    }
+    auto fullSum = [&] {
+        double s = 0;
+        for (int i = 1; i < n; ++i)
+            s += w[i];
+        return w[0] + 2.0 * s;
+    };
+    double sum = fullSum();
+    if (sum != 1.0 && sum != 0.0)
+        for (double &v : w)
+            v /= sum;
+    sum = fullSum();
+    if (std::fabs(sum - 1.0) > 0.001 && sum != 0.0)
+        for (double &v : w)
+            v /= sum;
+    RefKernel k;
+    k.groups = (n + 2) / 3;
+    std::vector<double> taps(static_cast<size_t>(3 * k.groups), 0.0);
+    std::copy(w.begin(), w.end(), taps.begin());
+    taps[0] *= 0.5;
+    k.bias = 0;
+    k.lane.resize(taps.size() * 256);
+    for (size_t i = 0; i < taps.size(); ++i) {
+        const int b = taps[i] < 0 ? static_cast<int>(-taps[i] * 1024.0) : 0;
+        k.bias += 2 * b;
+        for (int v = 0; v < 256; ++v)
+            k.lane[i * 256 + v] = (static_cast<int>(v * taps[i] * 262144.0 + 32768.0) >> 16) + b + (i % 3 == 1 ? 1 : 0);
+    }
+    return k;
+}
+
+// One line: every tap from both sides, edges repeated, minus the bias, quarters, clamped.
+std::vector<uint8_t> ReferenceLine(const RefKernel &k, const std::vector<uint8_t> &in)
+{
+    const int n = static_cast<int>(in.size()), taps = 3 * k.groups;
+    std::vector<uint8_t> out(in.size());
+    for (int x = 0; x < n; ++x) {
+        int sum = 0;
+        for (int i = 0; i < taps; ++i) {
+            sum += k.lane[i * 256 + in[std::clamp(x - i, 0, n - 1)]];
+            sum += k.lane[i * 256 + in[std::clamp(x + i, 0, n - 1)]];
+        }
+        out[x] = static_cast<uint8_t>(std::clamp((sum - k.bias) >> 2, 0, 255));
+    }
+    return out;
+}
+
+std::vector<uint8_t> ReferenceBlur(VxImage *src, int n, double sh, double sv, uint32_t mask)
+{
+    const int w = src->width, h = src->height, bpp = static_cast<int>(src->bytesPerPixel);
+    const std::vector<uint8_t> in = Bytes(src);
+    std::vector<uint8_t> across(in.size()), out(in.size());
+    const RefKernel kh = ReferenceKernel(n, sh), kv = ReferenceKernel(n, sv);
+    for (int c = 0; c < bpp; ++c) {
+        for (int y = 0; y < h; ++y) {
+            std::vector<uint8_t> line(static_cast<size_t>(w));
+            for (int x = 0; x < w; ++x)
+                line[x] = in[(y * w + x) * bpp + c];
+            line = ReferenceLine(kh, line);
+            for (int x = 0; x < w; ++x)
+                across[(y * w + x) * bpp + c] = line[x];
+        }
+        for (int x = 0; x < w; ++x) {
+            std::vector<uint8_t> line(static_cast<size_t>(h));
+            for (int y = 0; y < h; ++y)
+                line[y] = across[(y * w + x) * bpp + c];
+            line = ReferenceLine(kv, line);
+            const bool keep = src->type != VX_PIXEL_GREY && !(mask & (1u << c));
+            for (int y = 0; y < h; ++y)
+                out[(y * w + x) * bpp + c] = keep ? in[(y * w + x) * bpp + c] : line[y];
+        }
+    }
+    return out;
+}
+
+TEST(ImageBlur, FixedPointBlurEqualsThePlainRulesByteForByte)
+{
+    const double sigmas[][2] = {{0.0, 0.0}, {0.5, 1.3}, {2.0, 2.0}, {7.5, -3.0}, {40.0, 0.2}};
+    const int32_t sizes[][2] = {{11, 7}, {1, 1}, {2, 13}, {23, 3}};
+    int compared = 0;
+    for (int32_t type : {VX_PIXEL_GREY, VX_PIXEL_RGB, VX_PIXEL_RGBA})
+        for (const auto &size : sizes) {
+            VxImage *src = imagetest::RandomImage(type, size[0], size[1], static_cast<uint32_t>(type * 100 + size[0]));
+            for (int32_t taps = 1; taps <= 9; ++taps)
+                for (const auto &sigma : sigmas)
+                    for (uint32_t mask = 0; mask < 16; ++mask) {
+                        if (type == VX_PIXEL_GREY && mask > 1)
+                            break;
+                        VxImage *r = ImageBlur(src, taps, sigma[0], sigma[1], mask);
+                        ASSERT_NE(r, nullptr);
+                        ASSERT_EQ(Bytes(r), ReferenceBlur(src, taps, sigma[0], sigma[1], mask))
+                            << "type " << type << " size " << size[0] << "x" << size[1] << " taps " << taps
+                            << " sigma " << sigma[0] << "," << sigma[1] << " mask " << mask;
+                        ImageDestroy(r);
+                        ++compared;
+                    }
+            ImageDestroy(src);
+        }
+    EXPECT_GT(compared, 3000);
+}
+
+TEST(ImageBlur, SmoothsWithoutShiftingAndKeepsUnselectedChannels)
+{
+    // A constant image stays within the rounding of the quarter steps.
+    VxImage *flat = ImageCreate(VX_PIXEL_RGB, 16, 9);
+    std::memset(flat->priv->pixels, 200, vx::image::BufferBytes(flat));
+    VxImage *r = ImageBlur(flat, 9, 3.0, 3.0, 7);
+    for (uint8_t b : Bytes(r))
+        ASSERT_LE(std::abs(b - 200), 2);
+    ImageDestroy(r);
+    r = ImageBlur(flat, 5, 3.0, 3.0, 0);
+    EXPECT_EQ(Bytes(r), Bytes(flat)) << "mask 0 keeps the source's pixels";
+    ImageDestroy(r);
+    ImageDestroy(flat);
+    // A single bright pixel spreads symmetrically.
+    VxImage *dot = ImageCreate(VX_PIXEL_GREY, 9, 9);
+    dot->priv->pixels[4 * 9 + 4] = 255;
+    r = ImageBlur(dot, 4, 1.0, 1.0, 0);
+    const std::vector<uint8_t> b = Bytes(r);
+    EXPECT_GT(b[4 * 9 + 3], 0);
+    for (int y = 0; y < 9; ++y)
+        for (int x = 0; x < 9; ++x)
+            ASSERT_EQ(b[y * 9 + x], b[(8 - y) * 9 + (8 - x)]) << x << "," << y;
+    ImageDestroy(r);
+    ImageDestroy(dot);
+}
+
+TEST(ImageBlur, OtherTypesConvolveWithTheGaussianMatrix)
+{
+    VxImage *src = imagetest::RandomImage(VX_PIXEL_RGB_FLOAT, 8, 6, 3);
+    for (int32_t taps : {1, 2, 4}) {
+        VxImage *blurred = ImageBlur(src, taps, 1.5, 0.7, 0);
+        const int m = 2 * taps - 1;
+        std::vector<float> matrix(static_cast<size_t>(m * m));
+        fillGaussianMatrix(1.5, 0.7, matrix.data(), m, m);
+        VxImage *convolved = ImageConvolve(src, VX_PIXEL_RGB_FLOAT, matrix.data(), m, m, nullptr);
+        EXPECT_EQ(Bytes(blurred), Bytes(convolved)) << taps;
+        ImageDestroy(blurred);
+        ImageDestroy(convolved);
+    }
+    ImageDestroy(src);
+    VxImage *bytes = imagetest::RandomImage(VX_PIXEL_RGB, 4, 4, 3);
+    EXPECT_EQ(ImageBlur(bytes, 10, 1, 1, 7), nullptr) << "the byte path has at most 9 taps";
+    EXPECT_EQ(ImageBlur(bytes, 0, 1, 1, 7), nullptr);
+    ImageDestroy(bytes);
+}
+
+TEST(ImageConvolveOom, ConvolutionAndBothBlurPaths)
+{
+    static const float matrix[6] = {0.1f, 0.2f, 0.3f, 0.1f, 0.2f, 0.1f};
+    imagetest::SweepImageOperation([] { return imagetest::RandomImage(VX_PIXEL_RGBA, 7, 4, 8); },
+                                   [](VxImage *s) { return ImageConvolve(s, VX_PIXEL_RGB, matrix, 3, 2, nullptr); });
+    imagetest::SweepImageOperation([] { return imagetest::RandomImage(VX_PIXEL_RGBA_FLOAT, 7, 4, 8); },
+                                   [](VxImage *s) { return ImageBlur(s, 3, 1.0, 2.0, 0); });
+}
+
+// The separable path creates the result first; when only its work buffer cannot be had the
+// result comes back with its pixels unwritten, even inside an outer block.
+struct BlurRun {
+    VxImage *result;
+    bool unwound;
+};
+
+BlurRun BlurMaybeInsideBlock(VxImage *src, bool outer)
+{
+    VxImage *volatile result = nullptr;
+    if (outer && CkptBegin())
+        return {nullptr, true};
+    result = ImageBlur(src, 5, 2.0, 2.0, 7);
+    if (outer)
+        CkptEnd();
+    return {result, false};
+}
+
+TEST(ImageConvolveOom, SeparableBlurReturnsAnUnwrittenResultWithoutItsWorkBuffer)
+{
+    VxImage *src = imagetest::RandomImage(VX_PIXEL_RGB, 9, 5, 4);
+    VxImage *clean = ImageBlur(src, 5, 2.0, 2.0, 7);
+    const std::vector<uint8_t> expected = Bytes(clean);
+    ImageDestroy(clean);
+    vxtest::FaultAllocator heap;
+    for (bool outer : {false, true}) {
+        for (int k = 1; k <= 5; ++k) {
+            heap.FailAt(k, vxtest::FailMode::Once);
+            const auto [result, unwound] = BlurMaybeInsideBlock(src, outer);
+            CkptLatchCode();
+            heap.Disarm();
+            if (k <= 3) {  // record, private block, pixels of the result
+                EXPECT_EQ(result, nullptr);
+                EXPECT_EQ(unwound, outer) << "k=" << k;
+            } else if (k == 4) {
+                ASSERT_NE(result, nullptr);
+                EXPECT_FALSE(unwound);
+                EXPECT_EQ(Bytes(result), std::vector<uint8_t>(expected.size(), 0));
+            } else {
+                ASSERT_NE(result, nullptr);
+                EXPECT_EQ(Bytes(result), expected);
+            }
+            ImageDestroy(result);
+            EXPECT_EQ(heap.LiveBytes(), 0u) << "k=" << k;
+        }
+    }
+    EXPECT_EQ(heap.BadFrees(), 0);
+    ImageDestroy(src);
+}
+
+}  // namespace

@@ -1,0 +1,218 @@
+#include <vxtools3/image.h>
+
+#include "image/convert.h"
+#include "image/image_test_util.h"
+#include "testkit/fault_alloc.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+namespace {
+
+using imagetest::Bytes;
+using imagetest::Rgba;
+
+std::vector<std::pair<int, int>> LevelSizes(const VxMipmap *m)
+{
+    std::vector<std::pair<int, int>> sizes;
+    for (int i = 0; i < m->count && m->levels[i]; ++i)
+        sizes.emplace_back(m->levels[i]->width, m->levels[i]->height);
+    return sizes;
+}
+
+TEST(Mipmap, LevelSizesHalveRoundingUp)
+{
+    VxImage *src = imagetest::RandomImage(VX_PIXEL_RGB, 5, 3, 1);
+    VxMipmap *m = MipmapCreate(src, VX_PIXEL_RGB);
+    ASSERT_NE(m, nullptr);
+    EXPECT_EQ(m->count, 4);
+    EXPECT_EQ(LevelSizes(m), (std::vector<std::pair<int, int>>{{5, 3}, {3, 2}, {2, 1}, {1, 1}}));
+    EXPECT_EQ(Bytes(m->levels[0]), Bytes(src)) << "level 0 is a copy";
+    EXPECT_NE(m->levels[0], src);
+    MipmapDestroy(m);
+    ImageDestroy(src);
+    for (auto [w, h, levels] : {std::tuple{256, 256, 9}, {1, 1, 1}, {7, 1, 4}, {1, 1000, 11}, {2, 2, 2}}) {
+        VxImage *image = ImageCreate(VX_PIXEL_GREY, w, h);
+        VxMipmap *mm = MipmapCreate(image, VX_PIXEL_GREY);
+        EXPECT_EQ(mm->count, levels) << w << "x" << h;
+        EXPECT_EQ(LevelSizes(mm).back(), (std::pair<int, int>{1, 1}));
+        MipmapDestroy(mm);
+        ImageDestroy(image);
+    }
+    EXPECT_EQ(MipmapCreate(nullptr, 0), nullptr);
+    EXPECT_EQ(MipmapDestroy(nullptr), 0);
+}
+
+TEST(Mipmap, PixelsAreMeansOfTheReadablePixelsBelow)
+{
+    // 3 x 3 RGBA floats: the second level is 2 x 2; its right column and bottom row lie on
+    // the odd edge.
+    VxImage *src = ImageCreate(VX_PIXEL_RGBA_FLOAT, 3, 3);
+    auto *p = reinterpret_cast<float *>(src->priv->pixels);
+    for (int i = 0; i < 36; ++i)
+        p[i] = static_cast<float>(i % 7) / 8.0f;
+    auto at = [&](int x, int y, int c) { return p[4 * (y * 3 + x) + c]; };
+    VxMipmap *m = MipmapCreate(src, VX_PIXEL_RGBA_FLOAT);
+    VxImage *level = m->levels[1];
+    for (int c = 0; c < 4; ++c) {
+        EXPECT_EQ(Rgba(level, 0, 0)[c], (at(0, 0, c) + at(1, 0, c) + at(0, 1, c) + at(1, 1, c)) / 4.0f);
+        EXPECT_EQ(Rgba(level, 1, 0)[c], (at(2, 0, c) + at(2, 1, c)) / 2.0f);
+        EXPECT_EQ(Rgba(level, 0, 1)[c], (at(0, 2, c) + at(1, 2, c)) / 2.0f);
+        EXPECT_EQ(Rgba(level, 1, 1)[c], at(2, 2, c)) << "a single readable pixel is taken as it is";
+    }
+    const std::vector<float> a = Rgba(level, 0, 0), b = Rgba(level, 1, 0), c = Rgba(level, 0, 1), d = Rgba(level, 1, 1);
+    for (int k = 0; k < 4; ++k)
+        EXPECT_EQ(Rgba(m->levels[2], 0, 0)[k], (a[k] + b[k] + c[k] + d[k]) / 4.0f);
+    MipmapDestroy(m);
+    ImageDestroy(src);
+}
+
+TEST(Mipmap, ByteLevelsTruncateTheMean)
+{
+    VxImage *src = ImageCreate(VX_PIXEL_GREY, 2, 2);
+    const uint8_t v[4] = {10, 11, 12, 14};
+    std::memcpy(src->priv->pixels, v, 4);
+    VxMipmap *m = MipmapCreate(src, VX_PIXEL_GREY);
+    const float mean = (10.0f / 255.0f + 11.0f / 255.0f + 12.0f / 255.0f + 14.0f / 255.0f) / 4.0f;
+    EXPECT_EQ(Bytes(m->levels[1])[0], static_cast<uint8_t>(mean * 255.0f));
+    MipmapDestroy(m);
+    ImageDestroy(src);
+}
+
+TEST(Mipmap, SharedLevelZeroOutlivesThePyramid)
+{
+    vxtest::FaultAllocator heap;
+    VxImage *src = imagetest::RandomImage(VX_PIXEL_RGBA, 6, 6, 2);
+    VxMipmap *m = MipmapCreateSmall(src, VX_PIXEL_RGBA, 1);
+    EXPECT_EQ(m->levels[0], src);
+    EXPECT_EQ(MipmapDestroy(m), 1);
+    EXPECT_EQ(src->width, 6) << "the source is alive";
+    ImageDestroy(src);
+    EXPECT_EQ(heap.LiveBytes(), 0u);
+    EXPECT_EQ(heap.BadFrees(), 0);
+}
+
+TEST(Mipmap, IndexPyramidsNeedAPalette)
+{
+    VxImage *bare = ImageCreate(VX_PIXEL_INDEX, 4, 4);
+    EXPECT_EQ(MipmapCreate(bare, VX_PIXEL_INDEX), nullptr);
+    ImageDestroy(bare);
+    VxImage *ramp = ImageIndexCreate(4, 4, 256);
+    for (int i = 0; i < 16; ++i)
+        ramp->priv->pixels[i] = static_cast<uint8_t>(i < 8 ? 0 : 255);
+    VxMipmap *m = MipmapCreate(ramp, VX_PIXEL_INDEX);
+    ASSERT_NE(m, nullptr);
+    for (int i = 1; i < m->count; ++i)
+        EXPECT_EQ(m->levels[i]->getPalette(m->levels[i], 0, 0, 0, nullptr), 256) << "every level has the palette";
+    EXPECT_EQ(Bytes(m->levels[1]), (std::vector<uint8_t>{0, 0, 255, 255}));
+    std::vector<uint8_t> palette(768), inverse(65536);
+    ramp->getPalette(ramp, 0, 0, 256, palette.data());
+    ImageBuildInverseTable(palette.data(), inverse.data());
+    const uint8_t mid = static_cast<uint8_t>(0.5f * 255.0f);
+    EXPECT_EQ(Bytes(m->levels[2])[0], inverse[vx::image::InverseKey(mid, mid, mid)]) << "mid grey, nearest entry";
+    MipmapDestroy(m);
+    ImageDestroy(ramp);
+}
+
+TEST(BiLinearPixel, InterpolatesBetweenPixelCentresAndRepeatsEdges)
+{
+    VxImage *src = ImageCreate(VX_PIXEL_GREY_FLOAT, 4, 2);
+    const float v[8] = {0.0f, 0.25f, 0.5f, 1.0f, 0.5f, 0.5f, 0.5f, 0.5f};
+    std::memcpy(src->priv->pixels, v, sizeof v);
+    float rgba[4];
+    ASSERT_EQ(ImageBiLinearPixel(src, VX_PIXEL_RGBA_FLOAT, 0.375, 0.25, rgba), 1);
+    EXPECT_EQ(rgba[0], 0.25f) << "the centre of pixel (1, 0)";
+    ASSERT_EQ(ImageBiLinearPixel(src, VX_PIXEL_RGBA_FLOAT, 0.5, 0.25, rgba), 1);
+    EXPECT_FLOAT_EQ(rgba[0], 0.375f) << "half way between (1, 0) and (2, 0)";
+    ASSERT_EQ(ImageBiLinearPixel(src, VX_PIXEL_RGBA_FLOAT, 0.5, 0.5, rgba), 1);
+    EXPECT_FLOAT_EQ(rgba[0], (0.375f + 0.5f) / 2);
+    ASSERT_EQ(ImageBiLinearPixel(src, VX_PIXEL_RGBA_FLOAT, 0.0, 0.0, rgba), 1);
+    EXPECT_EQ(rgba[0], 0.0f) << "edges repeat";
+    ASSERT_EQ(ImageBiLinearPixel(src, VX_PIXEL_RGBA_FLOAT, 1.0, 0.0, rgba), 1);
+    EXPECT_EQ(rgba[0], 1.0f);
+    uint8_t grey = 0;
+    ASSERT_EQ(ImageBiLinearPixel(src, VX_PIXEL_GREY, 0.875, 0.25, &grey), 1);
+    EXPECT_EQ(grey, 255) << "converted at the end";
+    EXPECT_EQ(ImageBiLinearPixel(src, VX_PIXEL_GREY, std::nan(""), 0.25, &grey), 0);
+    EXPECT_EQ(ImageBiLinearPixel(src, VX_PIXEL_GREY, 0.5, 0.25, nullptr), 0);
+    EXPECT_EQ(ImageBiLinearPixel(nullptr, VX_PIXEL_GREY, 0.5, 0.25, &grey), 0);
+    ImageDestroy(src);
+}
+
+// An 8 x 8 pyramid whose levels hold distinct constant greys: the level that answers a lookup
+// is visible in its value.
+struct Pyramid {
+    VxImage *src;
+    VxMipmap *m;
+    Pyramid()
+    {
+        src = ImageCreate(VX_PIXEL_GREY_FLOAT, 8, 8);
+        m = MipmapCreate(src, VX_PIXEL_GREY_FLOAT);
+        for (int i = 0; i < m->count; ++i) {
+            VxImage *level = m->levels[i];
+            auto *p = reinterpret_cast<float *>(level->priv->pixels);
+            for (int k = 0; k < level->width * level->height; ++k)
+                p[k] = static_cast<float>(i) / 8.0f + static_cast<float>(k) / 1024.0f;
+        }
+    }
+    ~Pyramid()
+    {
+        MipmapDestroy(m);
+        ImageDestroy(src);
+    }
+    float Lookup(double u, double v, double filter, int bilinear = 0)
+    {
+        float out = -1;
+        EXPECT_EQ(MipmapFilteredPixel(m, VX_PIXEL_GREY_FLOAT, u, v, &out, bilinear, filter), 1);
+        return out;
+    }
+    float Level(int i, double u, double v)
+    {
+        VxImage *level = m->levels[i];
+        const int x = static_cast<int>(level->width * u), y = static_cast<int>(level->height * v);
+        return reinterpret_cast<float *>(level->priv->pixels)[y * level->width + x];
+    }
+};
+
+TEST(MipmapFilteredPixel, WrapsCoordinatesAndChoosesLevels)
+{
+    Pyramid p;
+    EXPECT_EQ(p.Lookup(0.3, 0.6, 0.0), p.Level(0, 0.3, 0.6)) << "filter size 0 reads level 0";
+    EXPECT_EQ(p.Lookup(1.25, 0.5, 0.0), p.Level(0, 0.25, 0.5));
+    EXPECT_EQ(p.Lookup(-0.25, -1.5, 0.0), p.Level(0, 0.75, 0.5));
+    EXPECT_EQ(p.Lookup(0.3, 0.6, 0.25), p.Level(1, 0.3, 0.6)) << "r = 4: level 1 holds exactly 16 pixels";
+    EXPECT_EQ(p.Lookup(0.3, 0.6, 0.5), p.Level(2, 0.3, 0.6));
+    EXPECT_EQ(p.Lookup(0.3, 0.6, 100.0), p.Level(3, 0.3, 0.6)) << "clamped to the last level";
+    EXPECT_EQ(p.Lookup(0.3, 0.6, 0.01), p.Level(0, 0.3, 0.6)) << "r beyond level 0: level 0";
+    // r = 6: between level 0 (side 8) and level 1 (side 4), f = (8 - 6) / (8 - 4).
+    const float near = p.Level(0, 0.3, 0.6), far = p.Level(1, 0.3, 0.6);
+    EXPECT_EQ(p.Lookup(0.3, 0.6, 1.0 / 6.0), near * 0.5f + far * 0.5f);
+    // r = 3: between level 1 (4) and level 2 (2), f = 0.5.
+    EXPECT_EQ(p.Lookup(0.9, 0.1, 1.0 / 3.0), p.Level(1, 0.9, 0.1) * 0.5f + p.Level(2, 0.9, 0.1) * 0.5f);
+    float out;
+    EXPECT_EQ(MipmapFilteredPixel(p.m, VX_PIXEL_GREY_FLOAT, 0.5, 0.5, nullptr, 0, 0), 0);
+    EXPECT_EQ(MipmapFilteredPixel(nullptr, VX_PIXEL_GREY_FLOAT, 0.5, 0.5, &out, 0, 0), 0);
+    float bilinear;
+    ASSERT_EQ(MipmapFilteredPixel(p.m, VX_PIXEL_GREY_FLOAT, 0.5, 0.5, &bilinear, 1, 0), 1);
+    float direct;
+    ImageBiLinearPixel(p.m->levels[0], VX_PIXEL_GREY_FLOAT, 0.5, 0.5, &direct);
+    EXPECT_EQ(bilinear, direct) << "the flag selects bilinear sampling";
+}
+
+TEST(MipmapOom, CreateAndCreateSmall)
+{
+    using Sweep = std::function<VxMipmap *(VxImage *)>;
+    auto check = [](VxMipmap *m) { EXPECT_EQ(m->levels[m->count - 1]->width, 1); };
+    imagetest::SweepOperation<VxMipmap>([] { return imagetest::RandomImage(VX_PIXEL_RGBA, 7, 5, 1); },
+                                        Sweep([](VxImage *s) { return MipmapCreate(s, VX_PIXEL_RGB); }),
+                                        [](VxMipmap *m) { MipmapDestroy(m); }, check);
+    imagetest::SweepOperation<VxMipmap>([] { return imagetest::RandomImage(VX_PIXEL_RGBA, 7, 5, 1); },
+                                        Sweep([](VxImage *s) { return MipmapCreateSmall(s, VX_PIXEL_RGBA, 1); }),
+                                        [](VxMipmap *m) { MipmapDestroy(m); }, check);
+    imagetest::SweepOperation<VxMipmap>([] { return ImageIndexCreate(5, 5, 16); },
+                                        Sweep([](VxImage *s) { return MipmapCreate(s, VX_PIXEL_INDEX); }),
+                                        [](VxMipmap *m) { MipmapDestroy(m); }, check);
+}
+
+}  // namespace
