@@ -178,7 +178,7 @@ void CleanupNamedLists(void *)
 
 VxPort *FindNamed(NamedList &list, const char *name)
 {
-    if (!list.made)
+    if (!list.made || !name)
         return nullptr;
     for (VxNode *n = list.ports.head; n->succ; n = n->succ) {
         auto *port = reinterpret_cast<VxPort *>(n);
@@ -349,6 +349,8 @@ VX_API void PortNotify(VxPort *port, uintptr_t server, uintptr_t clientKey, int3
 
 VX_API int GlobalPortAttach(const char *name, uintptr_t clientKey, uint32_t mask, PortCallback *callback)
 {
+    if (!name)
+        return 0;
     CKPT_BEGIN_OR_RETURN(0);
     VxPort *port = FindOrCreateNamed(g_global, name);
     const int result = AttachRecord(port, clientKey, mask, callback);
@@ -365,6 +367,8 @@ VX_API void GlobalPortDetach(const char *name, uintptr_t clientKey)
 
 VX_API VxPort *GlobalPortAcquire(const char *name, uintptr_t data, uintptr_t server, PortAttachFunc *attachFunction)
 {
+    if (!name)
+        return nullptr;
     CKPT_BEGIN_OR_RETURN(nullptr);
     VxPort *port = FindOrCreateNamed(g_global, name);
     CkptEnd();
@@ -381,6 +385,8 @@ VX_API VxPort *GlobalPortAcquire(const char *name, uintptr_t data, uintptr_t ser
 
 VX_API int PublicPortAttach(const char *name, uintptr_t clientKey, uint32_t mask, PortCallback *callback)
 {
+    if (!name)
+        return 0;
     CKPT_BEGIN_OR_RETURN(0);
     VxPort *port = FindOrCreateNamed(g_public, name);
     const int result = AttachRecord(port, clientKey, mask, callback);

@@ -128,35 +128,6 @@ TEST_F(PortTest, DeliveryFollowsServerMaskAndClientKey)
     PortDestroy(port);
 }
 
-TEST_F(PortTest, DisableNestsAndReattachRevives)
-{
-    VxPort *port = PortCreate(0, kServer, OnAttach);
-    PortAttach(port, 1, 0, Record);
-    PortDisable(port, 1);
-    PortDisable(port, 1);
-    PortEnable(port, 1);
-    PortNotify(port, kServer, 0, 1, 0, 0);
-    EXPECT_TRUE(g_log.empty()) << "two disables and one enable leave it silent";
-    PortEnable(port, 1);
-    PortNotify(port, kServer, 0, 1, 0, 0);
-    EXPECT_EQ(g_log.size(), 1u);
-    PortEnable(port, 1);  // unbalanced: ignored, so one disable silences again
-    PortDisable(port, 1);
-    PortNotify(port, kServer, 0, 1, 0, 0);
-    EXPECT_EQ(g_log.size(), 1u);
-
-    g_attachCalls.clear();
-    PortDisable(port, 1);
-    EXPECT_EQ(PortAttach(port, 1, 0x10, Record), -1) << "same key: replaced, not added";
-    EXPECT_TRUE(g_attachCalls.empty()) << "a replaced attachment is not announced";
-    EXPECT_EQ(RecordCount(port), 1);
-    PortNotify(port, kServer, 0, 1, 0x10, 0);
-    EXPECT_EQ(g_log.size(), 2u) << "re-attaching clears the disable count";
-    PortNotify(port, kServer, 0, 1, 0x01, 0);
-    EXPECT_EQ(g_log.size(), 2u) << "and replaces the mask";
-    PortDestroy(port);
-}
-
 TEST_F(PortTest, AttachFunctionSeesKeyOnAttachAndRecordOnDetach)
 {
     VxPort *port = PortCreate(42, kServer, OnAttach);
@@ -330,6 +301,12 @@ TEST_F(PortTest, NamesCompareByteForByte)
     EXPECT_EQ(vx::port::NamedCount(false), 3);
     EXPECT_EQ(RecordCount(vx::port::FindGlobal("a\xff")), 2);
     EXPECT_EQ(RecordCount(vx::port::FindGlobal("a")), 1);
+    EXPECT_EQ(GlobalPortAttach(nullptr, 1, 0, Record), 0);
+    EXPECT_EQ(PublicPortAttach(nullptr, 1, 0, Record), 0);
+    EXPECT_EQ(GlobalPortAcquire(nullptr, 0, kServer, nullptr), nullptr);
+    GlobalPortDetach(nullptr, 1);
+    PublicPortNotify(nullptr, 0, 0, 0);
+    EXPECT_EQ(vx::port::NamedCount(false), 3);
 }
 
 TEST_F(PortTest, ShutdownCleanupFreesEveryNamedPort)

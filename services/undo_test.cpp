@@ -80,50 +80,6 @@ TEST_F(UndoTest, NothingIsKeptUntilTheMaximumIsSet)
     EXPECT_EQ(UndoSysGetMax(), 0);
 }
 
-TEST_F(UndoTest, MaximumTrimsOldestUndoThenNewestRedo)
-{
-    UndoSysSetMax(3);
-    for (int32_t code = 1; code <= 4; ++code)
-        UndoAddComplete(code, Act, static_cast<uintptr_t>(code * 10), Rel);
-    EXPECT_EQ(UndoNumUndo(), 3);
-    EXPECT_EQ(g_calls, (Calls{"r1:10"}));
-    EXPECT_EQ(UndoSysUndo(), 1);
-    EXPECT_EQ(UndoSysUndo(), 1);  // undo: 2, redo: 4 3
-    g_calls.clear();
-    UndoSysSetMax(2);
-    EXPECT_EQ(g_calls, (Calls{"r2:20"})) << "the oldest undo step goes first";
-    UndoSysSetMax(1);
-    EXPECT_EQ(g_calls, (Calls{"r2:20", "r4:40"})) << "then the newest redo step";
-    EXPECT_EQ(UndoNumUndo(), 0);
-    EXPECT_EQ(UndoNumRedo(), 1);
-    g_calls.clear();
-    EXPECT_EQ(UndoSysRedo(), 1);
-    EXPECT_EQ(g_calls, (Calls{"a3"}));
-    EXPECT_EQ(UndoSysRedo(), 0);
-    EXPECT_EQ(UndoSysGetMax(), 1);
-}
-
-TEST_F(UndoTest, StepsRunNewestFirstBackwardsAndOldestFirstForwards)
-{
-    UndoSysSetMax(-1);
-    EXPECT_EQ(UndoSysUndo(), 0);
-    EXPECT_EQ(UndoSysRedo(), 0);
-    UndoBlockBegin();
-    UndoAddComplete(1, Act, 0, nullptr);
-    UndoBlockBegin();
-    UndoAddComplete(2, Act, 0, nullptr);
-    EXPECT_EQ(UndoBlockEnd(), 1);
-    UndoAddComplete(3, Act, 0, nullptr);
-    EXPECT_EQ(UndoNumUndo(), 0) << "nothing is a step until the outermost block ends";
-    EXPECT_EQ(UndoBlockEnd(), 1);
-    EXPECT_EQ(UndoBlockEnd(), 0) << "no block open";
-    EXPECT_EQ(UndoNumUndo(), 1);
-    EXPECT_EQ(RecordCount(), 5);
-    EXPECT_EQ(UndoSysUndo(), 1);
-    EXPECT_EQ(UndoSysRedo(), 1);
-    EXPECT_EQ(g_calls, (Calls{"a3", "a2", "a1", "a1", "a2", "a3"}));
-}
-
 TEST_F(UndoTest, NewWorkDropsRedoAndBalancedBlocksMakeNoStep)
 {
     UndoSysSetMax(-1);
@@ -198,24 +154,6 @@ TEST_F(UndoTest, RewritingOnlyWhileAnActionRuns)
     EXPECT_EQ(UndoNewCode(5), nullptr);
     UndoSysShutdown();
     EXPECT_EQ(g_calls, (Calls{"r8:80"}));
-}
-
-TEST_F(UndoTest, PendingStepsQueueAndRedoPerformsThem)
-{
-    UndoSysSetMax(-1);
-    UndoAddComplete(1, Act, 0, nullptr);
-    UndoAddPending(2, Act, 0, nullptr);
-    UndoBlockBegin();
-    UndoAddPending(3, Act, 0, nullptr);
-    UndoAddPending(4, Act, 0, nullptr);
-    UndoBlockEnd();
-    EXPECT_EQ(UndoNumUndo(), 1);
-    EXPECT_EQ(UndoNumRedo(), 2) << "queued pending steps are not dropped by new work";
-    EXPECT_EQ(g_calls, Calls{});
-    while (UndoSysRedo()) {
-    }
-    EXPECT_EQ(g_calls, (Calls{"a2", "a3", "a4"}));
-    EXPECT_EQ(UndoNumUndo(), 3);
 }
 
 TEST_F(UndoTest, NestingBeyondTwelveLevelsMergesIntoTheTwelfth)

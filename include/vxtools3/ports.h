@@ -14,7 +14,12 @@
  * record is freed when the outermost PortNotify of the port returns. A client attached during
  * a notification receives the next notification, not the one in progress. A port destroyed
  * during its own notification stops delivering at once and is freed when the outermost
- * PortNotify returns.
+ * PortNotify returns. Callbacks and attach functions must not raise a checkpoint failure out
+ * of themselves: the port would stay marked as notifying.
+ *
+ * Named ports: names are compared byte for byte; a NULL name finds and makes nothing (the
+ * attach calls return 0, GlobalPortAcquire returns NULL). The named lists are freed by
+ * GlobalListCleanup.
  *
  * Port data, server identities, client keys and notification arguments are pointer-sized
  * words; events and masks are 32-bit. */

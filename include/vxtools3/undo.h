@@ -14,11 +14,13 @@
  * kinds cancel out makes no step at all.
  *
  * The history keeps at most UndoSysGetMax() steps. The maximum starts at 0, so nothing is
- * kept until UndoSysSetMax is called; -1 keeps everything. When a record is discarded its
+ * kept until UndoSysSetMax is called; -1 keeps everything. Every call is safe before the first
+ * UndoSysSetMax (the history starts empty). When a record is discarded its
  * release function is called with (system data, code, data) when both data and release are
  * non-zero. Blocks nest up to 12 levels; deeper levels merge into the twelfth (their records
  * join it, ending them does nothing and aborting them removes nothing). All calls come from
- * one thread; actions and release functions must not record, undo or redo.
+ * one thread; actions and release functions must not record, undo or redo, nor raise a
+ * checkpoint failure out of themselves.
  *
  * Memory: a few dozen discarded records are kept for reuse; UndoSysClear and UndoSysShutdown
  * return them to the heap. */
@@ -37,7 +39,7 @@ typedef void UndoAction(uintptr_t systemData, int32_t code, uintptr_t data);
 typedef void UndoRelease(uintptr_t systemData, int32_t code, uintptr_t data);
 
 /* Sets the maximum number of steps (-1: unbounded) and discards the oldest undo steps, then
- * the newest redo steps, until the history fits. The first call also starts the system. */
+ * the newest redo steps, until the history fits. */
 VX_API void UndoSysSetMax(int32_t maximum);
 /* Returns the maximum number of steps. */
 VX_API int32_t UndoSysGetMax(void);
