@@ -296,7 +296,10 @@ TEST(ImageConvolveOom, SeparableBlurReturnsAnUnwrittenResultWithoutItsWorkBuffer
     VxImage *clean = ImageBlur(src, 5, 2.0, 2.0, 7);
     const std::vector<uint8_t> expected = Bytes(clean);
     ImageDestroy(clean);
+    ImageDestroy(src);
     vxtest::FaultAllocator heap;
+    src = imagetest::RandomImage(VX_PIXEL_RGB, 9, 5, 4);
+    const size_t sourceBytes = heap.LiveBytes();
     for (bool outer : {false, true}) {
         for (int k = 1; k <= 5; ++k) {
             heap.FailAt(k, vxtest::FailMode::Once);
@@ -315,11 +318,12 @@ TEST(ImageConvolveOom, SeparableBlurReturnsAnUnwrittenResultWithoutItsWorkBuffer
                 EXPECT_EQ(Bytes(result), expected);
             }
             ImageDestroy(result);
-            EXPECT_EQ(heap.LiveBytes(), 0u) << "k=" << k;
+            EXPECT_EQ(heap.LiveBytes(), sourceBytes) << "k=" << k;
         }
     }
-    EXPECT_EQ(heap.BadFrees(), 0);
     ImageDestroy(src);
+    EXPECT_EQ(heap.LiveBytes(), 0u);
+    EXPECT_EQ(heap.BadFrees(), 0);
 }
 
 }  // namespace

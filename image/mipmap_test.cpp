@@ -210,7 +210,7 @@ TEST(MipmapOom, CreateAndCreateSmall)
     imagetest::SweepOperation<VxMipmap>([] { return imagetest::RandomImage(VX_PIXEL_RGBA, 7, 5, 1); },
                                         Sweep([](VxImage *s) { return MipmapCreateSmall(s, VX_PIXEL_RGBA, 1); }),
                                         [](VxMipmap *m) { MipmapDestroy(m); }, check);
-    imagetest::SweepOperation<VxMipmap>([] { return ImageIndexCreate(5, 5, 16); },
+    imagetest::SweepOperation<VxMipmap>([] { return ImageIndexCreate(3, 2, 16); },
                                         Sweep([](VxImage *s) { return MipmapCreate(s, VX_PIXEL_INDEX); }),
                                         [](VxMipmap *m) { MipmapDestroy(m); }, check);
 }
