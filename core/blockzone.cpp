@@ -9,6 +9,7 @@
 #include <vxtools3/memory.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 using vx::zone::kSlotPrefix;
@@ -33,6 +34,22 @@ BZChunk *SlotMark(const unsigned char *slot)
 }
 
 void SetSlotMark(unsigned char *slot, BZChunk *mark) { std::memcpy(slot, &mark, sizeof mark); }
+
+int32_t SlotIndex(const BZone *zone, BZChunk *chunk, const unsigned char *slot)
+{
+    return static_cast<int32_t>((slot - FirstSlot(chunk)) / zone->slotSize);
+}
+
+void MarkFree(BZChunk *chunk, int32_t index, bool isFree)
+{
+    const uint64_t bit = uint64_t{1} << (index % 64);
+    if (isFree)
+        chunk->freeMap[index / 64] |= bit;
+    else
+        chunk->freeMap[index / 64] &= ~bit;
+}
+
+bool MarkedFree(const BZChunk *chunk, int32_t index) { return (chunk->freeMap[index / 64] >> (index % 64)) & 1; }
 
 BZChunk *AsChunk(VxNode *node) { return reinterpret_cast<BZChunk *>(node); }
 
@@ -92,6 +109,8 @@ BZChunk *NewChunk(BZone *zone)
     chunk->zone = zone;
     chunk->firstFree = FirstSlot(chunk);
     chunk->freeCount = zone->perChunk;
+    for (int32_t slot = 0; slot < zone->perChunk; ++slot)
+        MarkFree(chunk, slot, true);
     return chunk;
 }
 
@@ -134,17 +153,24 @@ void CountUp(BZone *zone, BZChunk *chunk)
         zone->lastWithFree[count + 1] = chunk;
 }
 
+// The lowest free slot after taking one, from the free map.
+unsigned char *LowestFree(const BZone *zone, BZChunk *chunk)
+{
+    for (int32_t word = 0; word < vx::zone::kFreeMapWords; ++word)
+        if (chunk->freeMap[word])
+            return FirstSlot(chunk) + static_cast<size_t>(word * 64 + std::countr_zero(chunk->freeMap[word])) *
+                                          static_cast<size_t>(zone->slotSize);
+    return SlotsEnd(zone, chunk);
+}
+
 void *TakeSlot(BZone *zone, BZChunk *chunk)
 {
     unsigned char *slot = chunk->firstFree;
     SetSlotMark(slot, chunk);
+    MarkFree(chunk, SlotIndex(zone, chunk, slot), false);
     unsigned char *elem = slot + kSlotPrefix;
     std::memset(elem, 0, static_cast<size_t>(zone->elemSize));
-    unsigned char *end = SlotsEnd(zone, chunk);
-    do
-        slot += zone->slotSize;
-    while (slot < end && SlotMark(slot));
-    chunk->firstFree = slot;
+    chunk->firstFree = LowestFree(zone, chunk);
     CountDownHead(zone, chunk);
     return elem;
 }
@@ -162,6 +188,7 @@ void ReturnElement(BZone *zone, void *elem, bool keepLast)
         return;
     }
     SetSlotMark(slot, nullptr);
+    MarkFree(chunk, SlotIndex(zone, chunk, slot), true);
     std::memset(elem, kFreedFill, static_cast<size_t>(zone->elemSize));
     chunk->firstFree = std::min(chunk->firstFree, slot);
     if (chunk->freeCount == 0) {
@@ -327,6 +354,8 @@ int CheckSlots(const BZone *zone, BZChunk *chunk, int index)
         BZChunk *mark = SlotMark(slot);
         if (mark && mark != chunk)
             return Fault(zone, index, "a slot is marked with another chunk");
+        if (MarkedFree(chunk, SlotIndex(zone, chunk, slot)) != !mark)
+            return Fault(zone, index, "the free map disagrees with a slot mark");
         if (mark)
             continue;
         if (!HoldsFill(slot + kSlotPrefix, zone->elemSize))
@@ -334,6 +363,9 @@ int CheckSlots(const BZone *zone, BZChunk *chunk, int index)
         lowestFree = lowestFree ? lowestFree : slot;
         ++freeSlots;
     }
+    for (int32_t extra = zone->perChunk; extra < vx::zone::kFreeMapWords * 64; ++extra)
+        if (MarkedFree(chunk, extra))
+            return Fault(zone, index, "the free map marks a slot beyond the chunk");
     if (chunk->firstFree != (lowestFree ? lowestFree : end))
         return Fault(zone, index, "firstFree is not the lowest free slot");
     if (chunk->freeCount != freeSlots)

@@ -6,15 +6,28 @@
 
 #include <cstdint>
 
+namespace vx::zone {
+
+inline constexpr int32_t kSlotPrefix = 8;
+inline constexpr int32_t kChunkTarget = 2000;
+inline constexpr int32_t kMinPerChunk = 10;
+// Zero-sized elements give the most slots a chunk can have: kChunkTarget / kSlotPrefix + 1.
+inline constexpr int32_t kMaxPerChunk = kChunkTarget / kSlotPrefix + 1;
+inline constexpr int32_t kFreeMapWords = (kMaxPerChunk + 63) / 64;
+
+}  // namespace vx::zone
+
 // A chunk: this header, then perChunk slots of slotSize bytes. A slot starts with a word that
 // holds the owning chunk while the slot is in use and zero while it is free; the element
-// follows it.
+// follows it. `freeMap` mirrors the slot marks (bit i set: slot i is free) so that the next
+// free slot is found without reading the slots themselves.
 struct BZChunk {
     VxNode link;  // in the zone's chunk list; link.seq is unused
     BZone *zone;
     unsigned char *firstFree;  // lowest free slot, or the end of the slots when none is free
     int32_t freeCount;
     int32_t reserved;
+    uint64_t freeMap[vx::zone::kFreeMapWords];
 };
 
 struct BZone {
@@ -44,10 +57,6 @@ struct BTree {
 };
 
 namespace vx::zone {
-
-inline constexpr int32_t kSlotPrefix = 8;
-inline constexpr int32_t kChunkTarget = 2000;
-inline constexpr int32_t kMinPerChunk = 10;
 
 // BZAlloc inside an open checkpoint block, arming the element's return: should the block
 // fail, the element goes back and a chunk made for it is released, so the zone's memory is
