@@ -89,8 +89,8 @@ void *WorkerEntry(void *record)
     return nullptr;
 }
 
-// Waits until every worker function has returned (or a kill has stopped them), then joins
-// the worker threads unless a kill already has.
+// The waiter's wait: until every worker function has returned (or a kill has stopped them),
+// then joins the worker threads unless a kill already has.
 void JoinWorkers(MTGroup *group)
 {
     for (int left; (left = group->liveWorkers.load(std::memory_order_acquire)) != 0;)
@@ -188,6 +188,10 @@ void ResetAfterKill(MTGroup *group)
     for (int i = 0; i < count; ++i)
         group->records[i].running.store(0, std::memory_order_relaxed);
 }
+
+// The header reads the running flag in place (MTThreadTestAbort).
+static_assert(offsetof(MTThread, running) == 0 && sizeof(std::atomic<int>) == sizeof(int) &&
+              std::atomic<int>::is_always_lock_free);
 
 void InitRecords(MTGroup *group, int maxThreads)
 {
@@ -317,7 +321,11 @@ VX_API int MTGroupRun(MTGroupID group)
 {
     if (!group || !StartWorkers(group))
         return 0;
-    JoinWorkers(group);
+    // Only the controller could kill this run, and it is here: join the threads directly.
+    const int count = group->threadCount.load(std::memory_order_relaxed);
+    for (int i = 0; i < count; ++i)
+        pthread_join(group->handles[i], nullptr);
+    group->workersReaped = true;
     ClearRunning(group);
     return 1;
 }
@@ -363,8 +371,8 @@ VX_API void MTGroupKill(MTGroupID group)
         group->workersReaped = true;
     }
     pthread_mutex_unlock(&group->reapLock);
-    // Killed workers never counted themselves out: release whoever waits for the run (the
-    // waiter, or MTGroupRun on another thread), let it finish, then reset what it touched.
+    // Killed workers never counted themselves out: release the waiter, let it finish the
+    // run, then reset what it touched.
     group->liveWorkers.store(0, std::memory_order_release);
     group->liveWorkers.notify_all();
     WaitUntilDone(group);

@@ -11,7 +11,7 @@
 
 // A worker record. Workers receive a pointer to their own record.
 struct MTThread {
-    std::atomic<int> running;  // 1 while the worker should keep going; 0 asks it to stop
+    std::atomic<int> running;  // first: 1 while the worker should keep going; 0 asks it to stop
     MTGroup *lockOwner;        // the group whose lock MTThreadLockCS takes
     void *argument;            // the private copy, or the caller's pointer when argSize is 0
     MTThreadFunc *function;
@@ -36,9 +36,9 @@ struct MTGroup {
     std::atomic<int> threadCount;
     int maxThreads;
 
-    // Ending a run: each worker counts itself out when its function returns; whoever waits
-    // for the run (MTGroupRun or the waiter) then joins the threads under `reapLock`, which
-    // MTGroupKill takes to cancel the workers that are still alive.
+    // Ending a begun run: each worker counts itself out when its function returns; the
+    // waiter then joins the threads under `reapLock`, which MTGroupKill takes to cancel the
+    // workers that are still alive. MTGroupRun joins its threads itself.
     std::atomic<int> liveWorkers;
     pthread_mutex_t reapLock;
     bool workersReaped;  // guarded by reapLock: the threads of the current run are joined

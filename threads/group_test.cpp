@@ -40,7 +40,8 @@ int ProbeWorker(MTThreadID self)
     if (MTThreadGetGroupID(self) != probe->expectedGroup ||
         MTGroupGetThreadID(probe->expectedGroup, MTThreadGetIndex(self)) != self ||
         MTThreadGetThreadCount(self) != MTGroupGetThreadCount(probe->expectedGroup) ||
-        !MTThreadTestRunning(self) || MTThreadTestAbort(self))
+        !MTThreadTestRunning(self) || MTThreadTestAbort(self) || !(MTThreadTestRunning)(self) ||
+        (MTThreadTestAbort)(self))
         probe->mismatches->fetch_add(1);
     return probe->base + MTThreadGetIndex(self);
 }
@@ -293,8 +294,11 @@ TEST(ThreadGroup, AbortStopsPollingWorkersAndFlagsTheRun)
     EXPECT_EQ(MTGroupTestDone(holder.group), 1);
     EXPECT_EQ(MTGroupTestAborted(holder.group), 1);
     for (int i = 0; i < kWorkers; ++i) {
+        // The header's in-place reads and the library's functions agree.
         EXPECT_EQ(MTThreadTestAbort(MTGroupGetThreadID(holder.group, i)), 1);
+        EXPECT_EQ((MTThreadTestAbort)(MTGroupGetThreadID(holder.group, i)), 1);
         EXPECT_EQ(MTThreadTestRunning(MTGroupGetThreadID(holder.group, i)), 0);
+        EXPECT_EQ((MTThreadTestRunning)(MTGroupGetThreadID(holder.group, i)), 0);
         EXPECT_EQ(MTGroupGetReturn(holder.group, i), 2) << "worker " << i << " saw the abort";
     }
     EXPECT_EQ(MTGroupWaitCompletion(holder.group), MT_GROUP_ABORTED);

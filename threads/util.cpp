@@ -96,12 +96,13 @@ VX_API void MTThreadLockCS(MTThreadID thread) { SemWait(&thread->lockOwner->grou
 
 VX_API void MTThreadUnlockCS(MTThreadID thread) { sem_post(&thread->lockOwner->groupLock); }
 
-VX_API int MTThreadTestAbort(MTThreadID thread)
+// The parentheses keep the header's inline versions from expanding here.
+VX_API int(MTThreadTestAbort)(MTThreadID thread)
 {
     return thread->running.load(std::memory_order_relaxed) == 0;
 }
 
-VX_API int MTThreadTestRunning(MTThreadID thread)
+VX_API int(MTThreadTestRunning)(MTThreadID thread)
 {
     return thread->running.load(std::memory_order_relaxed) != 0;
 }

@@ -1,0 +1,1 @@
+vx_bench(threads_bench threads_bench.cpp)
