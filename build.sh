@@ -11,10 +11,10 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 
-BUILD_PACKAGES="cmake ninja-build g++ pkg-config"
+BUILD_PACKAGES="cmake ninja-build g++ pkg-config libpng-dev"
 TEST_PACKAGES="libgtest-dev libgmock-dev sox"
 CLANG_PACKAGES="clang-14 libclang-rt-14-dev"
-BENCH_PACKAGES="libbenchmark-dev libboost-dev libabsl-dev"
+BENCH_PACKAGES="libbenchmark-dev libboost-dev libabsl-dev libopencv-imgproc-dev"
 
 # Installs the named Debian packages that are missing (as root), or names them and stops.
 need() {

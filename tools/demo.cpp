@@ -11,6 +11,7 @@ constexpr DemoSection kSections[] = {
     {"B-trees, block zones, lookup maps and action tables", [](FILE *out) { return vx_demo_containers(out) != 0; }},
     {"ports: an owner and its clients", [](FILE *out) { return vx_demo_ports(out) != 0; }},
     {"undo: a document edited, undone and redone", [](FILE *out) { return vx_demo_undo(out) != 0; }},
+    {"images: blur, resample and mipmap a generated picture", [](FILE *out) { return vx_demo_image(out) != 0; }},
 };
 
 }  // namespace

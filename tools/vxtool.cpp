@@ -13,6 +13,7 @@ struct Command {
 
 constexpr Command kCommands[] = {
     {"demo", "run every subsystem on built-in sample data", vxtool::DemoMain},
+    {"image", "blur, resample, convolve or mipmap PNG files", vxtool::ImageMain},
 };
 
 void Usage(FILE *out)

@@ -14,6 +14,7 @@ enum Exit : int {
 };
 
 int DemoMain(int argc, char **argv);
+int ImageMain(int argc, char **argv);  // `vxtool image`
 
 // A demo section prints what it shows to `out` and returns true when every check held.
 struct DemoSection {
@@ -30,4 +31,5 @@ int vx_demo_core(FILE *out);
 int vx_demo_containers(FILE *out);
 int vx_demo_ports(FILE *out);
 int vx_demo_undo(FILE *out);
+int vx_demo_image(FILE *out);
 }

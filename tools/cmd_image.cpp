@@ -1,0 +1,314 @@
+// `vxtool image`: blur, resample, convolve and mipmap PNG files with the image operations.
+#include "png_io.h"
+#include "vxtool.h"
+
+#include <vxtools3/image.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace vxtool {
+namespace {
+
+constexpr const char *kHelp =
+    "usage: vxtool image <operation> IN.png OUT.png [options]\n"
+    "       vxtool image checker OUT.png [--width W] [--height H]\n"
+    "\n"
+    "operations:\n"
+    "  blur      --taps N (1..9 for byte images, default 5) --sigma S (default 2)\n"
+    "            [--sigma-v S] [--channels MASK (1 R, 2 G, 4 B, 8 A; default 15)]\n"
+    "  resample  --width W and/or --height H, or --scale F; [--mode 0..5] resamples in one\n"
+    "            mode, otherwise --shrink M (default 2) and --grow M (default 5) per direction\n"
+    "            (0 point/bilinear, 1 footprint mean, 2 area, 3 unit-square area,\n"
+    "             4 cubic B-spline, 5 Catmull-Rom)\n"
+    "  convolve  --matrix a,b,c,... (row-major) [--columns C] [--offset r,g,b,a]\n"
+    "  mipmap    writes every level as OUT-<level>.png\n"
+    "  checker   writes a generated gradient and checker picture\n"
+    "\n"
+    "Grey files are processed as grey bytes, colour files as RGB bytes, files with\n"
+    "transparency as RGBA bytes. Exit status: 0 done, 1 the operation or the write failed,\n"
+    "2 bad command line, 3 unreadable input.\n";
+
+struct Options {
+    std::string operation;
+    std::vector<std::string> files;
+    std::map<std::string, std::string> values;
+};
+
+int UsageError(const std::string &message)
+{
+    std::fprintf(stderr, "vxtool image: %s\n(see 'vxtool image --help')\n", message.c_str());
+    return kUsage;
+}
+
+bool ParseNumber(const std::string &text, double &out)
+{
+    char *end = nullptr;
+    out = std::strtod(text.c_str(), &end);
+    return !text.empty() && end && *end == '\0' && std::isfinite(out);
+}
+
+bool ParseList(const std::string &text, std::vector<float> &out)
+{
+    size_t start = 0;
+    while (start <= text.size()) {
+        const size_t comma = std::min(text.find(',', start), text.size());
+        double v;
+        if (!ParseNumber(text.substr(start, comma - start), v))
+            return false;
+        out.push_back(static_cast<float>(v));
+        start = comma + 1;
+    }
+    return !out.empty();
+}
+
+// Fetches option `name` as a number in [low, high]; `fallback` when absent. False (after a
+// message) when present but not such a number.
+bool Number(const Options &o, const char *name, double low, double high, double fallback, double &out, int &status)
+{
+    auto it = o.values.find(name);
+    out = fallback;
+    if (it == o.values.end())
+        return true;
+    if (!ParseNumber(it->second, out) || out < low || out > high) {
+        char range[96];
+        std::snprintf(range, sizeof range, " wants a number from %g to %g, not '", low, high);
+        status = UsageError(std::string("--") + name + range + it->second + "'");
+        return false;
+    }
+    return true;
+}
+
+class Progress {
+public:
+    Progress(const char *what, const VxImage *image)
+        : loud_(static_cast<double>(image->width) * image->height >= 1e6), start_(std::chrono::steady_clock::now())
+    {
+        if (loud_)
+            std::fprintf(stderr, "vxtool image: %s %dx%d (%.1f Mpixel)...\n", what, image->width, image->height,
+                         image->width * static_cast<double>(image->height) / 1e6);
+    }
+    void Done() const
+    {
+        if (loud_)
+            std::fprintf(stderr, "vxtool image: done in %.0f ms\n",
+                         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start_).count());
+    }
+
+private:
+    bool loud_;
+    std::chrono::steady_clock::time_point start_;
+};
+
+int Write(const std::string &path, VxImage *image)
+{
+    std::string error;
+    if (!PngWrite(path.c_str(), image, error)) {
+        std::fprintf(stderr, "vxtool image: %s: cannot write: %s\n", path.c_str(), error.c_str());
+        return kFailed;
+    }
+    std::printf("wrote %s (%dx%d)\n", path.c_str(), image->width, image->height);
+    return kOk;
+}
+
+int Finish(VxImage *result, const Options &o, const char *what)
+{
+    if (!result) {
+        std::fprintf(stderr, "vxtool image: %s: %s failed (out of memory or unsupported parameters)\n",
+                     o.files[0].c_str(), what);
+        return kFailed;
+    }
+    const int status = Write(o.files[1], result);
+    ImageDestroy(result);
+    return status;
+}
+
+int Blur(VxImage *in, const Options &o)
+{
+    int status = kUsage;
+    double taps, sigma, sigmaV, channels;
+    if (!Number(o, "taps", 1, in->type == VX_PIXEL_GREY || in->type == VX_PIXEL_RGB || in->type == VX_PIXEL_RGBA ? 9 : 64,
+                5, taps, status) ||
+        !Number(o, "sigma", -1e6, 1e6, 2.0, sigma, status) || !Number(o, "sigma-v", -1e6, 1e6, sigma, sigmaV, status) ||
+        !Number(o, "channels", 0, 15, 15, channels, status))
+        return status;
+    Progress progress("blurring", in);
+    VxImage *out = ImageBlur(in, static_cast<int32_t>(taps), sigma, sigmaV, static_cast<uint32_t>(channels));
+    progress.Done();
+    return Finish(out, o, "blur");
+}
+
+int Resample(VxImage *in, const Options &o)
+{
+    int status = kUsage;
+    double width, height, scale, mode, shrink, grow;
+    if (!Number(o, "width", 0, 1 << 20, 0, width, status) || !Number(o, "height", 0, 1 << 20, 0, height, status) ||
+        !Number(o, "scale", 1e-4, 64, 0, scale, status) || !Number(o, "mode", 0, 5, -1, mode, status) ||
+        !Number(o, "shrink", 0, 5, 2, shrink, status) || !Number(o, "grow", 0, 5, 5, grow, status))
+        return status;
+    if (scale > 0) {
+        width = std::max(1.0, std::round(in->width * scale));
+        height = std::max(1.0, std::round(in->height * scale));
+    } else if (width < 1 && height < 1) {
+        return UsageError("resample needs --width, --height or --scale");
+    } else if (width < 1) {
+        width = std::max(1.0, std::round(in->width * height / in->height));
+    } else if (height < 1) {
+        height = std::max(1.0, std::round(in->height * width / in->width));
+    }
+    const auto w = static_cast<int32_t>(width), h = static_cast<int32_t>(height);
+    Progress progress("resampling", in);
+    VxImage *out = mode >= 0 ? ImageResample(in, in->type, w, h, static_cast<int32_t>(mode))
+                             : ImageResample2(in, in->type, w, h, static_cast<int32_t>(shrink), static_cast<int32_t>(grow));
+    progress.Done();
+    return Finish(out, o, "resample");
+}
+
+int Convolve(VxImage *in, const Options &o)
+{
+    std::vector<float> matrix, offset;
+    auto m = o.values.find("matrix");
+    if (m == o.values.end() || !ParseList(m->second, matrix))
+        return UsageError("convolve needs --matrix a,b,c,... of numbers");
+    const auto root = static_cast<double>(std::lround(std::sqrt(static_cast<double>(matrix.size()))));
+    int status = kUsage;
+    double columns;
+    if (!Number(o, "columns", 1, static_cast<double>(matrix.size()), root, columns, status))
+        return status;
+    const auto cols = static_cast<int32_t>(columns);
+    if (matrix.size() % static_cast<size_t>(cols) != 0)
+        return UsageError("the matrix's " + std::to_string(matrix.size()) + " numbers do not fill rows of " +
+                          std::to_string(cols));
+    auto off = o.values.find("offset");
+    if (off != o.values.end() && (!ParseList(off->second, offset) || offset.size() != 4))
+        return UsageError("--offset wants four numbers r,g,b,a");
+    Progress progress("convolving", in);
+    VxImage *out = ImageConvolve(in, in->type, matrix.data(), cols, static_cast<int32_t>(matrix.size()) / cols,
+                                 offset.empty() ? nullptr : offset.data());
+    progress.Done();
+    return Finish(out, o, "convolution");
+}
+
+std::string LevelPath(const std::string &out, int level)
+{
+    const size_t dot = out.rfind('.');
+    const size_t slash = out.rfind('/');
+    const bool hasExtension = dot != std::string::npos && (slash == std::string::npos || dot > slash);
+    const std::string stem = hasExtension ? out.substr(0, dot) : out;
+    return stem + "-" + std::to_string(level) + (hasExtension ? out.substr(dot) : ".png");
+}
+
+int Mipmap(VxImage *in, const Options &o)
+{
+    Progress progress("building the mipmap of", in);
+    VxMipmap *m = MipmapCreate(in, in->type);
+    progress.Done();
+    if (!m) {
+        std::fprintf(stderr, "vxtool image: %s: mipmap failed (out of memory)\n", o.files[0].c_str());
+        return kFailed;
+    }
+    int status = kOk;
+    for (int32_t i = 0; i < m->count && m->levels[i] && status == kOk; ++i)
+        status = Write(LevelPath(o.files[1], i), m->levels[i]);
+    MipmapDestroy(m);
+    return status;
+}
+
+// A colour gradient under a checker of dark squares: edges and smooth areas to try filters on.
+int Checker(const Options &o)
+{
+    int status = kUsage;
+    double width, height;
+    if (!Number(o, "width", 1, 1 << 15, 256, width, status) || !Number(o, "height", 1, 1 << 15, 256, height, status))
+        return status;
+    VxImage *image = ImageColorCreate(static_cast<int32_t>(width), static_cast<int32_t>(height));
+    if (!image)
+        return UsageError("cannot create an image of that size");
+    for (int32_t y = 0; y < image->height; ++y)
+        for (int32_t x = 0; x < image->width; ++x) {
+            const bool dark = ((x / 16) + (y / 16)) % 2 == 0;
+            const uint8_t rgb[3] = {static_cast<uint8_t>(255 * x / image->width),
+                                    static_cast<uint8_t>(255 * y / image->height), static_cast<uint8_t>(dark ? 40 : 220)};
+            image->setPixel(image, VX_PIXEL_RGB, x, y, rgb);
+        }
+    status = Write(o.files[0], image);
+    ImageDestroy(image);
+    return status;
+}
+
+bool ParseArguments(int argc, char **argv, Options &o, int &status)
+{
+    o.operation = argv[1];
+    for (int i = 2; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg.rfind("--", 0) == 0) {
+            if (i + 1 >= argc) {
+                status = UsageError("option " + arg + " needs a value");
+                return false;
+            }
+            o.values[arg.substr(2)] = argv[++i];
+        } else {
+            o.files.push_back(arg);
+        }
+    }
+    static const char *const kKnown[] = {"taps",  "sigma",  "sigma-v", "channels", "width",  "height",
+                                         "scale", "mode",   "shrink",  "grow",     "matrix", "columns", "offset"};
+    for (const auto &[name, value] : o.values) {
+        bool known = false;
+        for (const char *k : kKnown)
+            known = known || name == k;
+        if (!known) {
+            status = UsageError("unknown option --" + name);
+            return false;
+        }
+    }
+    const size_t wanted = o.operation == "checker" ? 1 : 2;
+    if (o.files.size() != wanted) {
+        status = UsageError(o.operation + " takes " + (wanted == 1 ? "OUT.png" : "IN.png OUT.png"));
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+int ImageMain(int argc, char **argv)
+{
+    if (argc < 2) {
+        std::fputs(kHelp, stderr);
+        return kUsage;
+    }
+    if (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h")) {
+        std::fputs(kHelp, stdout);
+        return kOk;
+    }
+    Options o;
+    int status = kUsage;
+    if (!ParseArguments(argc, argv, o, status))
+        return status;
+    if (o.operation == "checker")
+        return Checker(o);
+    int (*run)(VxImage *, const Options &) = o.operation == "blur"       ? Blur
+                                             : o.operation == "resample" ? Resample
+                                             : o.operation == "convolve" ? Convolve
+                                             : o.operation == "mipmap"   ? Mipmap
+                                                                         : nullptr;
+    if (!run)
+        return UsageError("unknown operation '" + o.operation + "'");
+    std::string error;
+    VxImage *in = PngRead(o.files[0].c_str(), error);
+    if (!in) {
+        std::fprintf(stderr, "vxtool image: %s: cannot read as PNG: %s\n", o.files[0].c_str(), error.c_str());
+        return kBadInput;
+    }
+    status = run(in, o);
+    ImageDestroy(in);
+    return status;
+}
+
+}  // namespace vxtool
