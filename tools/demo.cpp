@@ -12,6 +12,7 @@ constexpr DemoSection kSections[] = {
     {"ports: an owner and its clients", [](FILE *out) { return vx_demo_ports(out) != 0; }},
     {"undo: a document edited, undone and redone", [](FILE *out) { return vx_demo_undo(out) != 0; }},
     {"images: blur, resample and mipmap a generated picture", [](FILE *out) { return vx_demo_image(out) != 0; }},
+    {"thread groups: a parallel prime count, progress signals, abort and kill", [](FILE *out) { return vx_demo_threads(out) != 0; }},
 };
 
 }  // namespace

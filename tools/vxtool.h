@@ -32,4 +32,5 @@ int vx_demo_containers(FILE *out);
 int vx_demo_ports(FILE *out);
 int vx_demo_undo(FILE *out);
 int vx_demo_image(FILE *out);
+int vx_demo_threads(FILE *out);
 }
