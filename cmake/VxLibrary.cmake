@@ -47,6 +47,8 @@ function(vx_finish_library)
     LINKER_LANGUAGE CXX)
   set_target_properties(vxtools3_static PROPERTIES
     OUTPUT_NAME vxtools3 LINKER_LANGUAGE CXX)
+  target_link_options(vxtools3 PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/vxtools3.map)
+  set_property(TARGET vxtools3 APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/vxtools3.map)
   # Every symbol the shared library needs must resolve at its own link. Sanitizer builds
   # leave the runtime's symbols to the program, so they cannot ask for this.
   string(FIND "${CMAKE_CXX_FLAGS}" "-fsanitize" sanitizing)
