@@ -99,7 +99,7 @@ int32_t ReadItems(VxIFFReader *r, StreamRead read, void *buf, int32_t count, int
     if (n == 0)
         return 0;
     int32_t got = read(r->stream, buf, n);
-    if (got < 0 || (got < n && r->depth >= 0))
+    if (got < 0 || (got < n && (r->depth >= 0 || count > 0)))
         return ReaderFail(r, VX_ERR_IO) - VX_ERR_IO;
     r->position += got * size;
     if (r->depth >= 0)

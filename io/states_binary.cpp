@@ -35,6 +35,8 @@ __attribute__((noinline)) int32_t Guarded(VxLoadState *st, Op op)
     CkptEnd();
     if (st->reader->error && !st->error)
         st->error = st->reader->error;
+    if (result < 0 && !st->error)
+        st->error = -result;
     return st->error ? -st->error : result;
 }
 
@@ -117,7 +119,8 @@ int32_t BinReadString(VxLoadState *st, char *buf, int32_t max)
             if (length < max - 1)
                 buf[length] = c;
             ++length;
-            IFFReadBytes(r, &c, 1);  // the block must hold the rest: raises otherwise
+            if (IFFReadBytes(r, &c, 1) != 1)  // the block must hold the rest
+                return -VX_ERR_IO;
         }
         if (max > 0)
             buf[std::min(length, max - 1)] = 0;
