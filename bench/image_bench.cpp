@@ -1,5 +1,6 @@
 // Image operations against OpenCV, single-threaded: blur, resampling, convolution, mipmap
-// building, and bilinear lookups. Results are reported per pixel (items are pixels).
+// building, and bilinear lookups. Results are reported per pixel (items are pixels). Like
+// ours, which return new images, the peers write into a fresh output every iteration.
 #include <vxtools3/image.h>
 
 #include "bench/ratio_reporter.h"
@@ -135,9 +136,9 @@ void BlurCv(benchmark::State &state)
     VxImage *image = Picture(VX_PIXEL_RGB, 3840, 2160);
     const cv::Mat src = ToMat(image, VX_PIXEL_RGB, CV_8UC3);
     ImageDestroy(image);
-    cv::Mat dst;
     const double sigma = std::sqrt(5.0 * kBlurSigma);
     for (auto _ : state) {
+        cv::Mat dst;
         cv::GaussianBlur(src, dst, cv::Size(2 * kBlurTaps - 1, 2 * kBlurTaps - 1), sigma, sigma, cv::BORDER_REPLICATE);
         benchmark::DoNotOptimize(dst.data);
     }
@@ -152,8 +153,8 @@ void ResampleCv(benchmark::State &state, Resample r)
     ImageDestroy(image);
     const auto W = static_cast<int32_t>(w * r.scale), H = static_cast<int32_t>(h * r.scale);
     const int interpolation = r.mode == 2 ? cv::INTER_AREA : cv::INTER_CUBIC;
-    cv::Mat dst;
     for (auto _ : state) {
+        cv::Mat dst;
         cv::resize(src, dst, cv::Size(W, H), 0, 0, interpolation);
         benchmark::DoNotOptimize(dst.data);
     }
@@ -167,8 +168,8 @@ void ConvolveCv(benchmark::State &state, int size)
     ImageDestroy(image);
     const std::vector<float> k = Kernel(size);
     const cv::Mat kernel(size, size, CV_32F, const_cast<float *>(k.data()));
-    cv::Mat dst;
     for (auto _ : state) {
+        cv::Mat dst;
         cv::filter2D(src, dst, -1, kernel, cv::Point(-1, -1), 0, cv::BORDER_REPLICATE);
         benchmark::DoNotOptimize(dst.data);
     }
@@ -181,8 +182,8 @@ void MipmapCv(benchmark::State &state)
     VxImage *image = Picture(VX_PIXEL_RGBA, 4096, 4096);
     const cv::Mat src = ToMat(image, VX_PIXEL_RGBA, CV_8UC4);
     ImageDestroy(image);
-    std::vector<cv::Mat> levels(13);
     for (auto _ : state) {
+        std::vector<cv::Mat> levels(13);
         const cv::Mat *prev = &src;
         for (size_t i = 1; prev->cols > 1 || prev->rows > 1; ++i) {
             const cv::Size half((prev->cols + 1) / 2, (prev->rows + 1) / 2);

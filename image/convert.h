@@ -147,6 +147,25 @@ inline bool ConvertOne(void *out, int32_t outType, const uint8_t *inverse, const
     return d.isFloat ? EncodeFromFloats(out, outType, inverse, d) : EncodeFromBytes(out, outType, inverse, d);
 }
 
+// Byte RGB(A) to RGBA floats and back, the conversions every operation's reads and writes
+// make: the same formulas as ConvertOne, in loops without a per-pixel switch.
+inline void BytesToRgbaFloat(float *out, const uint8_t *in, size_t count, int channels)
+{
+    for (size_t i = 0; i < count; ++i, in += channels, out += 4) {
+        out[0] = kByteToFloat[in[0]];
+        out[1] = kByteToFloat[in[channels == 1 ? 0 : 1]];
+        out[2] = kByteToFloat[in[channels == 1 ? 0 : 2]];
+        out[3] = channels == 4 ? kByteToFloat[in[3]] : 1.0f;
+    }
+}
+
+inline void RgbaFloatToBytes(uint8_t *out, const float *in, size_t count, int channels)
+{
+    for (size_t i = 0; i < count; ++i, in += 4, out += channels)
+        for (int c = 0; c < channels; ++c)
+            out[c] = FloatToByte(in[c]);
+}
+
 // Converts `count` pixels; false at the first pixel that cannot be converted.
 inline bool ConvertRun(void *out, int32_t outType, const uint8_t *inverse, const void *in, int32_t inType,
                        const uint8_t *palette, size_t count)
@@ -155,6 +174,14 @@ inline bool ConvertRun(void *out, int32_t outType, const uint8_t *inverse, const
         return false;
     auto *o = static_cast<uint8_t *>(out);
     const auto *p = static_cast<const uint8_t *>(in);
+    if (outType == 6 && (inType == 0 || inType == 1 || inType == 5)) {
+        BytesToRgbaFloat(reinterpret_cast<float *>(o), p, count, inType == 0 ? 3 : inType == 1 ? 1 : 4);
+        return true;
+    }
+    if (inType == 6 && (outType == 0 || outType == 5)) {
+        RgbaFloatToBytes(o, reinterpret_cast<const float *>(p), count, outType == 0 ? 3 : 4);
+        return true;
+    }
     const size_t outStep = kBytesPerPixel[outType], inStep = kBytesPerPixel[inType];
     for (size_t i = 0; i < count; ++i, o += outStep, p += inStep)
         if (!ConvertOne(o, outType, inverse, p, inType, palette))

@@ -11,34 +11,48 @@
 namespace vx::image {
 namespace {
 
-// Reads the source as RGBA floats into rows padded left and right by repeated edge pixels.
-void ReadPaddedRows(VxImage *source, float *padded, size_t stride, int32_t left, int32_t right)
-{
-    const int32_t w = source->width;
-    for (int32_t y = 0; y < source->height; ++y) {
-        float *line = padded + stride * y;
-        if (!source->getLine(source, VX_PIXEL_RGBA_FLOAT, y, line + 4 * left))
+// Source rows as RGBA floats padded left and right by repeated edge pixels, kept in a ring
+// of `count` slots (slot r % count for source row r): each source row is read once.
+struct RowRing {
+    VxImage *source;
+    float *rows;
+    int32_t *tags;
+    int32_t count, left, right;
+    size_t stride;
+
+    const float *Get(int32_t r)
+    {
+        const int32_t slot = r % count;
+        float *line = rows + stride * slot;
+        if (tags[slot] == r)
+            return line;
+        const int32_t w = source->width;
+        if (!source->getLine(source, VX_PIXEL_RGBA_FLOAT, r, line + 4 * left))
             CkptRecover(kLocalFailure);
         for (int32_t i = 0; i < left; ++i)
             std::memcpy(line + 4 * i, line + 4 * left, 16);
         for (int32_t i = 0; i < right; ++i)
             std::memcpy(line + 4 * (left + w + i), line + 4 * (left + w - 1), 16);
+        tags[slot] = r;
+        return line;
     }
-}
+};
 
 float Clamp01(float v) { return v < 0.0f ? 0.0f : v > 1.0f ? 1.0f : v; }
 
-void ConvolveRows(VxImage *source, VxImage *result, const float *matrix, int32_t columns, int32_t rows,
-                  const float *offset, const float *padded, size_t stride, float *acc)
+// Result row y: the matrix rows in order, each of its columns in order, summed in float.
+void ConvolveRows(VxImage *result, const float *matrix, int32_t columns, int32_t rows, const float *offset,
+                  RowRing &ring, float *acc)
 {
-    const size_t rowFloats = 4 * static_cast<size_t>(source->width);
-    for (int32_t y = 0; y < source->height; ++y) {
+    const int32_t h = ring.source->height;
+    const size_t rowFloats = 4 * static_cast<size_t>(ring.source->width);
+    for (int32_t y = 0; y < h; ++y) {
         std::fill(acc, acc + rowFloats, 0.0f);
         for (int32_t r = 0; r < rows; ++r) {
-            const int32_t sy = std::clamp(y - (rows >> 1) + r, 0, source->height - 1);
+            const float *line = ring.Get(std::clamp(y - (rows >> 1) + r, 0, h - 1));
             for (int32_t k = 0; k < columns; ++k) {
                 const float m = matrix[r * columns + k];
-                const float *p = padded + stride * sy + 4 * k;
+                const float *p = line + 4 * k;
                 for (size_t i = 0; i < rowFloats; ++i)
                     acc[i] += m * p[i];
             }
@@ -292,18 +306,23 @@ VX_API VxImage *ImageConvolve(VxImage *image, int32_t type, const float *matrix,
 {
     if (!image || !matrix || columns < 1 || rows < 1 || !ImageBytesPerPixel(type))
         return nullptr;
-    const int32_t left = columns >> 1, right = columns - 1 - left;
-    const size_t stride = 4 * (static_cast<size_t>(image->width) + static_cast<size_t>(columns) - 1);
     Scratch scratch;
     VX_IMAGE_BEGIN(nullptr);
     ArmScratch(scratch);
-    float *padded = scratch.Take<float>(sizeof(float) * stride * static_cast<size_t>(image->height));
-    ReadPaddedRows(image, padded, stride, left, right);
+    RowRing ring;
+    ring.source = image;
+    ring.count = std::min(rows, image->height);
+    ring.left = columns >> 1;
+    ring.right = columns - 1 - ring.left;
+    ring.stride = 4 * (static_cast<size_t>(image->width) + static_cast<size_t>(columns) - 1);
+    ring.rows = scratch.Take<float>(sizeof(float) * ring.stride * static_cast<size_t>(ring.count));
+    ring.tags = scratch.Take<int32_t>(sizeof(int32_t) * static_cast<size_t>(ring.count));
+    std::fill(ring.tags, ring.tags + ring.count, -1);
     float *acc = scratch.Take<float>(16 * static_cast<size_t>(image->width));
     VxImage *result = ImageCreate(type, image->width, image->height);
     CkptArm(DestroyImageArm, reinterpret_cast<uintptr_t>(result), 0);
     CopyPalettes(result, image);
-    ConvolveRows(image, result, matrix, columns, rows, offset, padded, stride, acc);
+    ConvolveRows(result, matrix, columns, rows, offset, ring, acc);
     CkptEnd();
     scratch.Release();
     return result;

@@ -324,9 +324,10 @@ VX_API void ImageDestroy(VxImage *image)
 VX_API int ImageConvertPixel(void *out, int32_t outType, const uint8_t *outInverse, const void *in, int32_t inType,
                              const uint8_t *inPalette)
 {
-    if (!out || !in)
+    if (!out || !in || !ImageBytesPerPixel(outType) || !ImageBytesPerPixel(inType))
         return 0;
-    return ConvertRun(out, outType, outInverse, in, inType, inPalette, 1) ? 1 : 0;
+    // One pixel through the general path: the line loops' fast paths are checked against it.
+    return ConvertOne(out, outType, outInverse, in, inType, inPalette) ? 1 : 0;
 }
 
 VX_API void ImageBuildInverseTable(const uint8_t *palette, uint8_t *table)
