@@ -1,4 +1,4 @@
-/* vxtools3 — platform services: fatal errors. */
+/* vxtools3 — platform services: fatal errors and system paths. */
 #ifndef VXTOOLS3_PLATFORM_H
 #define VXTOOLS3_PLATFORM_H
 
@@ -15,6 +15,23 @@ __attribute__((noreturn))
 VX_API void panic(const char *message);
 /* Does nothing: a place for a debugger breakpoint, called by panic just before the exit. */
 VX_API void Crash(void);
+
+/* ---- System paths ----------------------------------------------------------------------
+ * A table of SYSTEM_PATH_COUNT numbered directories. Numbers in use:
+ *   0  SYSTEM_PATH_HOST    the host directory; defaults to the directory of the running
+ *                          program (read through /proc/self/exe, "." when unreadable).
+ *   5  SYSTEM_PATH_CONFIG  the configuration directory; ConfigStartup sets it and
+ *                          ConfigGenerateName reads it when given no directory.
+ * Every other number is free for applications. A path that was never set (or was cleared)
+ * reads as path 0. Paths are stored by copy, up to 4095 bytes; meant for the main thread. */
+enum { SYSTEM_PATH_HOST = 0, SYSTEM_PATH_CONFIG = 5, SYSTEM_PATH_COUNT = 16 };
+
+/* Returns path `number` (valid until that path is set again), or NULL when `number` is not
+ * within 0 .. SYSTEM_PATH_COUNT-1. */
+VX_API const char *FileSystemPath(int number);
+/* Sets path `number` to a copy of `path`; NULL or "" returns it to its default. Returns 1, or
+ * 0 (nothing changed) for a number out of range or a path of 4096 bytes or more. */
+VX_API int FileSetSystemPath(int number, const char *path);
 
 VX_END_DECLS
 
