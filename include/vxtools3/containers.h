@@ -53,8 +53,9 @@ VX_API void *BZAlloc(BZone *zone);
  * that is not in use in this zone is reported to the debug output and ignored, as far as that
  * can be seen from its slot. */
 VX_API void BZFree(BZone *zone, void *elem);
-/* Adds chunks until at least `n` slots are free. Returns 1, or 0 when memory runs out (the
- * chunks added by this call are then given back). */
+/* Adds chunks until at least `n` slots are free. The new chunks take their place in the
+ * order (behind the partly used ones), so the fullest chunks are still filled first. Returns 1,
+ * or 0 when memory runs out (the chunks added by this call are then given back). */
 VX_API int BZPreAlloc(BZone *zone, int32_t n);
 /* Releases every chunk and the zone itself, whatever is still allocated. NULL is ignored. */
 VX_API void BZDestroy(BZone *zone);
