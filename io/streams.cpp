@@ -92,7 +92,10 @@ int32_t MemReadItems(VxReadStrm *s, void *buf, int32_t n)
         return 0;
     MemReadImpl *m = MemRead(s);
     int32_t bytes = n * Size;
-    CopyItems<Size, Swap>(static_cast<uint8_t *>(buf), m->data + m->position, n);
+    if (n == 1)  // single values: a copy of constant size
+        CopyItems<Size, Swap>(static_cast<uint8_t *>(buf), m->data + m->position, 1);
+    else
+        CopyItems<Size, Swap>(static_cast<uint8_t *>(buf), m->data + m->position, n);
     m->position += bytes;
     s->remaining -= bytes;
     return n;
@@ -190,7 +193,10 @@ int32_t FileReadItems(VxReadStrm *s, void *buf, int32_t n)
     int32_t bytes = n * Size;
     auto *dst = static_cast<uint8_t *>(buf);
     FileReadImpl *f = FileRead(s);
-    if (f->fill - f->pos >= bytes) {  // the common case: everything is buffered
+    if (n == 1 && f->fill - f->pos >= Size) {  // a single buffered value
+        std::memcpy(dst, f->buffer + f->pos, Size);
+        f->pos += Size;
+    } else if (f->fill - f->pos >= bytes) {  // the common case: everything is buffered
         std::memcpy(dst, f->buffer + f->pos, static_cast<size_t>(bytes));
         f->pos += bytes;
     } else if (int32_t code = FileFetch(s, dst, bytes)) {

@@ -1,0 +1,1 @@
+vx_bench(io_bench io_bench.cpp)
