@@ -13,6 +13,7 @@
 #include "vxtools3/streams.h"
 #include "vxtools3/iff.h"
 #include "vxtools3/states.h"
+#include "vxtools3/envelope.h"
 #include "vxtools3/image.h"
 #include "vxtools3/ports.h"
 #include "vxtools3/undo.h"
