@@ -169,6 +169,7 @@ bool StartWorkers(MTGroup *group)
     for (int i = 0; i < count; ++i) {
         MTThread *thread = &group->records[i];
         thread->running.store(1, std::memory_order_relaxed);
+        thread->killHolds = 0;  // a bracket left open by the last run ended with its thread
         if (g_startThread(&group->handles[i], WorkerEntry, thread) != 0) {
             AbandonStart(group, i);
             return false;

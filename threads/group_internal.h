@@ -21,6 +21,7 @@ struct MTThread {
     std::atomic<int> *threadCount;
     MTGroup *group;
     std::atomic<int> exitValue;  // written by the worker when its function returns
+    int killHolds;               // the worker's own depth of MTThreadHoldKill brackets
 };
 
 struct MTGroup {

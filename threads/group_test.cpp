@@ -379,6 +379,49 @@ TEST(ThreadGroup, KillReleasesLocksHeldOrAwaitedByKilledWorkers)
     MTGroupUnlockCS(holder.group);
 }
 
+// Holds kills off in two nested brackets.
+struct Bracket {
+    std::atomic<int> inside{0};
+    std::atomic<int> leave{0};
+    std::atomic<int> afterInner{0};
+    std::atomic<int> afterBracket{0};
+};
+
+int SpinInsideBracket(MTThreadID self)
+{
+    auto *bracket = static_cast<Bracket *>(MTThreadGetArg(self));
+    MTThreadHoldKill(self);
+    MTThreadHoldKill(self);
+    bracket->inside.store(1, std::memory_order_release);
+    while (!bracket->leave.load(std::memory_order_acquire)) {
+    }
+    MTThreadAllowKill(self);  // still held by the outer bracket
+    bracket->afterInner.store(1, std::memory_order_release);
+    MTThreadAllowKill(self);  // a pending kill takes effect here
+    bracket->afterBracket.store(1, std::memory_order_release);
+    return 0;
+}
+
+TEST(ThreadGroup, KillWaitsForTheOutermostHoldKillBracketToEnd)
+{
+    Watchdog watchdog(60s);
+    GroupHolder holder(1);
+    Bracket bracket;
+    ASSERT_NE(MTGroupAddThread(holder.group, SpinInsideBracket, &bracket, 0), nullptr);
+    ASSERT_EQ(MTGroupBegin(holder.group), 1);
+    AwaitFlag(bracket.inside);
+    std::thread leaver([&] {
+        std::this_thread::sleep_for(30ms);
+        bracket.leave.store(1, std::memory_order_release);
+    });
+    MTGroupKill(holder.group);
+    EXPECT_EQ(bracket.leave.load(), 1) << "the kill cut into the bracket";
+    EXPECT_EQ(bracket.afterInner.load(), 1) << "the inner bracket's end let the kill in";
+    EXPECT_EQ(bracket.afterBracket.load(), 0) << "the worker outlived the kill";
+    EXPECT_EQ(MTGroupTestDone(holder.group), 1);
+    leaver.join();
+}
+
 // ---- Signals ---------------------------------------------------------------------------------
 
 struct SignalScript {

@@ -1,8 +1,10 @@
 // Stress tests, meant for ThreadSanitizer: the shared counters are plain integers guarded only
 // by the group's locks, so a lock that fails to order the workers shows as a reported race or
 // a wrong total. Each test runs under a watchdog, so a lost wake-up ends it with a message.
+#include <vxtools3/memory.h>
 #include <vxtools3/threads.h>
 
+#include "testkit/fault_alloc.h"
 #include "threads/thread_test_support.h"
 
 #include <gtest/gtest.h>
@@ -258,6 +260,47 @@ TEST(ThreadGroupStress, KillsAtRandomMomentsLeaveTheGroupReusable)
         }
         MTGroupDestroy(group);
     }
+}
+
+// Allocates and frees in a loop, holding kills off around the heap in nested brackets.
+int AllocateInBrackets(MTThreadID self)
+{
+    auto *rounds = static_cast<std::atomic<int> *>(MTThreadGetArg(self));
+    for (;;) {
+        MTThreadHoldKill(self);
+        void *outer = StdAlloc(48);
+        MTThreadHoldKill(self);
+        void *inner = StdAlloc(16);
+        MTThreadAllowKill(self);
+        FreeHeap(inner, 16);
+        FreeHeap(outer, 48);
+        MTThreadAllowKill(self);
+        rounds->fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+TEST(ThreadGroupStress, KillsOfWorkersThatBracketTheHeapLoseNothing)
+{
+    Watchdog watchdog(60s);
+    vxtest::FaultAllocator heap;
+    std::mt19937 rng(5);
+    std::atomic<int> rounds{0};
+    MTGroupID group = MTGroupCreate(4);
+    for (int i = 0; i < 4; ++i)
+        ASSERT_NE(MTGroupAddThread(group, AllocateInBrackets, &rounds, 0), nullptr);
+    const size_t groupBytes = heap.LiveBytes();
+    for (int cycle = 0; cycle < 40; ++cycle) {
+        const int before = rounds.load();
+        ASSERT_EQ(MTGroupBegin(group), 1);
+        while (rounds.load() < before + 8)
+            std::this_thread::yield();
+        std::this_thread::sleep_for(std::chrono::microseconds(rng() % 500));
+        MTGroupKill(group);
+        ASSERT_EQ(heap.LiveBytes(), groupBytes) << "cycle " << cycle;
+    }
+    MTGroupDestroy(group);
+    EXPECT_EQ(heap.LiveBytes(), 0u);
+    EXPECT_EQ(heap.BadFrees(), 0);
 }
 #endif
 

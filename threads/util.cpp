@@ -107,6 +107,25 @@ VX_API int(MTThreadTestRunning)(MTThreadID thread)
     return thread->running.load(std::memory_order_relaxed) != 0;
 }
 
+VX_API void MTThreadHoldKill(MTThreadID thread)
+{
+    if (thread->killHolds++ == 0) {
+        // Deferred before disabled: a kill signal already on its way then finds the thread
+        // deferred and only marks the kill pending, where a disabled state alone is not
+        // checked by every C library's handler.
+        pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    }
+}
+
+VX_API void MTThreadAllowKill(MTThreadID thread)
+{
+    if (thread->killHolds > 0 && --thread->killHolds == 0) {
+        pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+        pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);  // a pending kill acts here
+    }
+}
+
 VX_API int MTSystemCountProcs(void)
 {
     const long online = sysconf(_SC_NPROCESSORS_ONLN);

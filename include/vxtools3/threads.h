@@ -21,11 +21,13 @@
  *     it has open is abandoned without running its armed actions.
  * It must not be killed inside the heap (StdAlloc, FreeHeap, malloc), the debug output,
  * stdio, or any lock of its own: those would stay locked for the rest of the process. A
- * worker that needs them brackets the call with
- *     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old); ...; pthread_setcancelstate(old, 0);
- * and MTGroupKill then waits for the bracket to end. A C++ worker killed runs no destructors
- * of its own frames unless it is built with exceptions, and must not swallow the unwind with
- * catch (...). MTGroupAbort is the orderly way to stop workers; kill is the last resort. */
+ * worker that needs them brackets the calls with MTThreadHoldKill and MTThreadAllowKill;
+ * MTGroupKill then waits for the bracket to end. (Use these rather than
+ * pthread_setcancelstate alone: with asynchronous cancellation some C libraries still act on
+ * a kill that was under way when the state changed.) A C++ worker that is killed runs no
+ * destructors of its own frames unless it is built with exceptions, and must not swallow the
+ * unwind with catch (...). MTGroupAbort is the orderly way to stop workers; kill is the last
+ * resort. */
 #ifndef VXTOOLS3_THREADS_H
 #define VXTOOLS3_THREADS_H
 
@@ -116,6 +118,12 @@ VX_API void MTThreadUnlockCS(MTThreadID thread);
 VX_API int MTThreadTestAbort(MTThreadID thread);
 /* Returns 1 while the worker has not been asked to stop, else 0. */
 VX_API int MTThreadTestRunning(MTThreadID thread);
+
+/* Called by a worker on its own record: hold off MTGroupKill until the matching
+ * MTThreadAllowKill (brackets nest). A kill requested meanwhile waits and takes effect when
+ * the outermost bracket ends. */
+VX_API void MTThreadHoldKill(MTThreadID thread);
+VX_API void MTThreadAllowKill(MTThreadID thread);
 
 /* A worker record begins with its running flag, an int read and written atomically. Where the
  * compiler offers atomic built-ins the two tests read it in place instead of calling the
