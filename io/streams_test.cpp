@@ -443,48 +443,75 @@ TEST(StreamsOom, CreationReleasesEverythingWhenMemoryRunsOut)
                          [&] { StrmWriteDestroy(w); w = nullptr; }});
     vxtest::OomSweepAll({nothing, [&] { return (w = FileStrmWriteOpen(outPath.c_str())) != nullptr; }, nothing,
                          [&] { StrmWriteDestroy(w); w = nullptr; }});
+    vxtest::OomSweepAll({nothing, [&] { return (w = FileStrmWriteText(outPath.c_str())) != nullptr; }, nothing,
+                         [&] { StrmWriteDestroy(w); w = nullptr; }});
 }
 
-// Growth of a memory write stream catches an exhausted heap itself: the write reports it, the
-// stream keeps its old block and every byte written before, stays failed, and an enclosing
-// checkpoint block is not disturbed.
+// Growth of a memory write stream catches an exhausted heap itself: the failing write reports
+// it, the stream keeps its old block and every byte written before, stays failed, and an
+// enclosing checkpoint block is not disturbed. Swept over every growth of a write sequence.
+int32_t WriteSequence(VxWriteStrm *s, const Bytes &src, int32_t *failedAt)
+{
+    static constexpr int32_t kSizes[] = {1000, 4000, 20000, 3};
+    int32_t offset = 0;
+    for (int32_t size : kSizes) {
+        if (int32_t code = s->writeBytes(s, src.data() + offset, size)) {
+            *failedAt = offset;
+            return code;
+        }
+        offset += size;
+    }
+    return 0;
+}
+
+int32_t WriteInsideABlock(VxWriteStrm *s, const Bytes &src, int32_t *failedAt, bool *unwound)
+{
+    if (CkptBegin()) {
+        CkptLatchCode();
+        *unwound = true;
+        return 0;
+    }
+    int32_t result = WriteSequence(s, src, failedAt);
+    CkptEnd();
+    return result;
+}
+
 TEST(StreamsOom, MemoryGrowthFailureKeepsTheDataAndFailsTheStream)
 {
-    Bytes src = Pattern(5000, 4);
+    Bytes src = Pattern(25003, 4);
     for (bool outer : {false, true}) {
         for (vxtest::FailMode mode : {vxtest::FailMode::Once, vxtest::FailMode::FromThen}) {
-            vxtest::FaultAllocator heap;
-            VxWriteStrm *s = MemStrmWriteCreate();
-            s->writeBytes(s, src.data(), 1000);
-            heap.FailAt(1, mode);
-            volatile int unwound = 0;
-            int32_t result = 0;
-            if (outer && CkptBegin()) {
-                unwound = 1;
-            } else {
-                result = s->writeBytes(s, src.data() + 1000, 4000);
-                if (outer)
-                    CkptEnd();
+            for (int k = 1;; ++k) {
+                vxtest::FaultAllocator heap;
+                VxWriteStrm *s = MemStrmWriteCreate();
+                heap.FailAt(k, mode);
+                int32_t failedAt = -1;
+                bool unwound = false;
+                int32_t result = outer ? WriteInsideABlock(s, src, &failedAt, &unwound) : WriteSequence(s, src, &failedAt);
+                bool injected = heap.Failures() > 0;
+                heap.Disarm();
+                EXPECT_FALSE(unwound);
+                if (!injected) {
+                    EXPECT_EQ(result, 0);
+                    EXPECT_GT(k, 3) << "three growths were swept";
+                    StrmWriteDestroy(s);
+                    break;
+                }
+                EXPECT_EQ(result, VX_ERR_NOMEM) << "k=" << k;
+                EXPECT_EQ(s->error, VX_ERR_IO);
+                EXPECT_EQ(s->length, failedAt) << "nothing written before the failure is lost";
+                if (failedAt > 0) {
+                    EXPECT_EQ(std::memcmp(s->impl, src.data(), static_cast<size_t>(failedAt)), 0);
+                }
+                EXPECT_EQ(s->writeBytes(s, src.data(), 1), VX_ERR_IO);
+                EXPECT_EQ(s->seek(s, 0), VX_ERR_IO);
+                StrmWriteDestroy(s);
+                EXPECT_EQ(heap.LiveBytes(), 0u);
+                EXPECT_EQ(heap.BadFrees(), 0);
+                EXPECT_EQ(CkptLevel(), -1);
+                if (::testing::Test::HasFailure())
+                    return;
             }
-            CkptLatchCode();
-            heap.Disarm();
-            EXPECT_EQ(unwound, 0);
-            EXPECT_EQ(result, VX_ERR_NOMEM);
-            EXPECT_EQ(s->error, VX_ERR_IO);
-            EXPECT_EQ(s->length, 1000);
-            EXPECT_EQ(vx::io::BlockCapacity(s->impl), 1020);
-            EXPECT_EQ(std::memcmp(s->impl, src.data(), 1000), 0);
-            EXPECT_EQ(s->writeBytes(s, src.data(), 1), VX_ERR_IO);
-            EXPECT_EQ(s->seek(s, 0), VX_ERR_IO);
-            int32_t length = s->length;
-            void *block = MemStrmWritePurge(s, nullptr);  // purge makes it healthy again
-            EXPECT_EQ(length, 1000);
-            EXPECT_EQ(s->writeBytes(s, src.data(), 4000), 0);
-            MemStrmFreeBlock(block);
-            StrmWriteDestroy(s);
-            EXPECT_EQ(heap.LiveBytes(), 0u);
-            EXPECT_EQ(heap.BadFrees(), 0);
-            EXPECT_EQ(CkptLevel(), -1);
         }
     }
 }
