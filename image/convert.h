@@ -151,19 +151,37 @@ inline bool ConvertOne(void *out, int32_t outType, const uint8_t *inverse, const
 // make: the same formulas as ConvertOne, in loops without a per-pixel switch.
 inline void BytesToRgbaFloat(float *out, const uint8_t *in, size_t count, int channels)
 {
+    if (channels == 4) {  // v / 255 computed in place of the table lookup: the same value
+        for (size_t i = 0; i < 4 * count; ++i)
+            out[i] = static_cast<float>(in[i]) / 255.0f;
+        return;
+    }
     for (size_t i = 0; i < count; ++i, in += channels, out += 4) {
         out[0] = kByteToFloat[in[0]];
         out[1] = kByteToFloat[in[channels == 1 ? 0 : 1]];
         out[2] = kByteToFloat[in[channels == 1 ? 0 : 2]];
-        out[3] = channels == 4 ? kByteToFloat[in[3]] : 1.0f;
+        out[3] = 1.0f;
     }
+}
+
+// FloatToByte without branches, so that the loop below vectorises.
+inline uint8_t FloatToByteFlat(float f)
+{
+    const float low = f > 0.0f ? f : 0.0f;  // NaN fails the test and becomes 0
+    const float clamped = low < 1.0f ? low : 1.0f;
+    return static_cast<uint8_t>(static_cast<int32_t>(clamped * 255.0f));
 }
 
 inline void RgbaFloatToBytes(uint8_t *out, const float *in, size_t count, int channels)
 {
+    if (channels == 4) {
+        for (size_t i = 0; i < 4 * count; ++i)
+            out[i] = FloatToByteFlat(in[i]);
+        return;
+    }
     for (size_t i = 0; i < count; ++i, in += 4, out += channels)
         for (int c = 0; c < channels; ++c)
-            out[c] = FloatToByte(in[c]);
+            out[c] = FloatToByteFlat(in[c]);
 }
 
 // Converts `count` pixels; false at the first pixel that cannot be converted.

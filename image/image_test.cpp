@@ -436,3 +436,37 @@ TEST(ImageOom, PaletteWriteAndLazyInverseTable)
 }
 
 }  // namespace
+
+namespace {
+
+// The line loops' branch-free conversions against the per-pixel path, over every byte and
+// over floats around and beyond the 0..1 range.
+TEST(ImageConvert, LineFastPathsMatchThePixelPath)
+{
+    std::vector<uint8_t> bytes(4 * 256);
+    for (int i = 0; i < 1024; ++i)
+        bytes[i] = static_cast<uint8_t>(i * 37 + i / 4);
+    std::vector<float> fast(1024), slow(1024);
+    vx::image::ConvertRun(fast.data(), 6, nullptr, bytes.data(), 5, nullptr, 256);
+    for (int i = 0; i < 256; ++i)
+        ASSERT_EQ(ImageConvertPixel(&slow[4 * i], 6, nullptr, &bytes[4 * i], 5, nullptr), 1);
+    ASSERT_EQ(fast, slow);
+    std::mt19937 rng(9);
+    std::uniform_real_distribution<float> wide(-0.5f, 1.5f);
+    std::vector<float> floats(4096);
+    for (float &f : floats)
+        f = wide(rng);
+    for (int i = 0; i < 256; ++i)
+        floats[i] = static_cast<float>(i) / 255.0f;
+    floats[300] = std::nanf("");
+    for (int32_t type : {0, 5}) {
+        const size_t n = 1024, bpp = type == 0 ? 3 : 4;
+        std::vector<uint8_t> a(n * bpp), b(n * bpp);
+        vx::image::ConvertRun(a.data(), type, nullptr, floats.data(), 6, nullptr, n);
+        for (size_t i = 0; i < n; ++i)
+            ASSERT_EQ(ImageConvertPixel(&b[i * bpp], type, nullptr, &floats[4 * i], 6, nullptr), 1);
+        ASSERT_EQ(a, b) << "type " << type;
+    }
+}
+
+}  // namespace
