@@ -258,7 +258,10 @@ int EnvShiftKeys(VxEnvelope *env, VxEnvKey *first, VxEnvKey *last, double dt)
     Run run;
     if (!ResolveRun(env, first, last, run))
         return 0;
-    const int64_t delta = TickOf(dt);
+    const double ticks = std::floor(dt * 3600.0 + 0.5);
+    if (!(std::fabs(ticks) <= 4294967296.0))
+        return 0;
+    const auto delta = static_cast<int64_t>(ticks);
     auto shifted = [delta](const VxEnvKey *k) { return k->tick + delta; };
     if (!RunStaysOrdered(run, shifted))
         return 0;
