@@ -20,7 +20,8 @@
  *     off its argument): whatever the worker alone knows of is lost, and a checkpoint block
  *     it has open is abandoned without running its armed actions.
  * It must not be killed inside the heap (StdAlloc, FreeHeap, malloc), the debug output,
- * stdio, or any lock of its own: those would stay locked for the rest of the process. A
+ * stdio, any lock of its own, or a run of another group: those would stay locked (or
+ * running) for the rest of the process. A
  * worker that needs them brackets the calls with MTThreadHoldKill and MTThreadAllowKill;
  * MTGroupKill then waits for the bracket to end. (Use these rather than
  * pthread_setcancelstate alone: with asynchronous cancellation some C libraries still act on
