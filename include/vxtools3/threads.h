@@ -72,15 +72,17 @@ VX_API int MTGroupModifyArg(MTGroupID group, int index, void *argument, int argS
  * waited for, and the aborted flag is set). */
 VX_API int MTGroupRun(MTGroupID group);
 /* Starts every worker and a waiter thread that marks the group done when they have ended;
- * returns 1, or 0 as MTGroupRun. A completion signal left over from an earlier run is dropped. */
+ * returns 1, or 0 as MTGroupRun. A completion signal left over from an earlier run is dropped.
+ * The waiter of a finished run is joined by the next group call. */
 VX_API int MTGroupBegin(MTGroupID group);
 /* Sets the aborted flag, asks every worker to stop (MTThreadTestAbort returns 1) and waits
  * until all have ended. Ignored when the group is NULL or not running. */
 VX_API void MTGroupAbort(MTGroupID group);
-/* Stops every worker by force (see the top of this header), then resets the group lock, the
- * user mutexes and the completion signal and gate, and clears the flags. Exit values of the
- * run are not collected; the workers and their arguments stay, so the group can run again.
- * Ignored when the group is NULL or not running. */
+/* Stops every worker by force (see the top of this header; a worker inside a MTThreadHoldKill
+ * bracket is waited for), then resets the group lock, the user mutexes and the completion
+ * signal and gate to their free states, and clears the flags. The caller must not hold any of
+ * those locks across the kill. Exit values of the run are not collected; the workers and their
+ * arguments stay, so the group can run again. Ignored when the group is NULL or not running. */
 VX_API void MTGroupKill(MTGroupID group);
 /* Waits until a run started by MTGroupBegin has ended, clears the running flag and returns the
  * flags (MT_GROUP_ABORTED tells of an abort). Returns at once when nothing runs; 0 for NULL. */
