@@ -162,11 +162,15 @@ void AreaRows(const Job &job, int32_t mode, double *acc, Span *columns)
             for (int32_t x = 0; x < width; ++x) {
                 const Span &sx = columns[x];
                 double h[4] = {0, 0, 0, 0};
-                for (int32_t c = sx.lo; c < sx.hi; ++c) {
-                    const double wx = sx.Weight(c);
+                const float *p = src + 4 * sx.lo;
+                for (int k = 0; k < 4; ++k)
+                    h[k] += sx.firstWeight * p[k];
+                for (int32_t c = sx.lo + 1; c < sx.hi - 1; ++c)  // inner cells weigh 1
                     for (int k = 0; k < 4; ++k)
-                        h[k] += wx * src[4 * c + k];
-                }
+                        h[k] += src[4 * c + k];
+                if (sx.hi - 1 > sx.lo)
+                    for (int k = 0; k < 4; ++k)
+                        h[k] += sx.lastWeight * src[4 * (sx.hi - 1) + k];
                 for (int k = 0; k < 4; ++k)
                     acc[4 * x + k] += wy * h[k];
             }
@@ -292,10 +296,15 @@ void RunMode(Job &job, int32_t mode, Scratch &scratch)
         return;
     }
     job.stride = 4 * static_cast<size_t>(source->width);
-    auto *pixels = scratch.Take<float>((4 * job.stride * static_cast<size_t>(source->height)));
-    if (!ReadRgbaFloat(source, pixels))
-        CkptRecover(kLocalFailure);
-    job.pixels = pixels;
+    if (source->type == VX_PIXEL_RGBA_FLOAT) {
+        // Already the float RGBA buffer the other types are read into: used in place.
+        job.pixels = reinterpret_cast<const float *>(source->priv->pixels);
+    } else {
+        auto *pixels = scratch.Take<float>((4 * job.stride * static_cast<size_t>(source->height)));
+        if (!ReadRgbaFloat(source, pixels))
+            CkptRecover(kLocalFailure);
+        job.pixels = pixels;
+    }
     if (mode == 0) {
         const bool enlarging = job.result->width > source->width || job.result->height > source->height;
         enlarging ? BilinearRows(job) : PointRows(job);
