@@ -63,7 +63,7 @@ case "${1:-}" in
     need $BUILD_PACKAGES $CLANG_PACKAGES
     clang_on_path
     cmake --preset fuzz >/dev/null
-    cmake --build --preset fuzz
+    cmake --build --preset fuzz --target vx_fuzzers
     seconds="${2:-20}"
     for target in build/fuzz/fuzz/fuzz_*; do
       [ -x "$target" ] || continue
