@@ -16,6 +16,7 @@
 #include "vxtools3/envelope.h"
 #include "vxtools3/image.h"
 #include "vxtools3/ports.h"
+#include "vxtools3/host.h"
 #include "vxtools3/undo.h"
 #include "vxtools3/threads.h"
 

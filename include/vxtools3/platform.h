@@ -33,6 +33,34 @@ VX_API const char *FileSystemPath(int number);
  * 0 (nothing changed) for a number out of range or a path of 4096 bytes or more. */
 VX_API int FileSetSystemPath(int number, const char *path);
 
+/* ---- Dynamic modules -------------------------------------------------------------------
+ * Thin wrappers over the system's dynamic loader, used by the plug-in host's standard loader.
+ * Modules are loaded with every symbol resolved at once (a module with an unresolved symbol
+ * fails to load). */
+
+/* Returns 1 when the file starts with the ELF magic bytes, 0 when it does not (or is shorter),
+ * -1 when it cannot be opened. */
+VX_API int DynLoadCheckMagic(const char *path);
+/* Loads the shared object at `path`; returns its handle, or NULL (see DynLoadError). */
+VX_API void *DynLoadOpen(const char *path);
+/* Returns the address of the symbol `name` in the module, or NULL when it has none. */
+VX_API void *DynLoadSymbol(void *handle, const char *name);
+/* Unloads a module loaded by DynLoadOpen; NULL is ignored. */
+VX_API void DynLoadClose(void *handle);
+/* Returns the loader's description of the last failure ("" when there is none); valid until
+ * the next call of these functions. */
+VX_API const char *DynLoadError(void);
+
+/* ---- Language --------------------------------------------------------------------------
+ * The current language identifier picks among translated texts (the plug-in host's info
+ * tags). Low 10 bits: the base language; 0 means none set. Language-aware comparison is plain
+ * byte order. */
+
+/* Returns the current language identifier (0 until set). */
+VX_API int32_t LocusLanguage(void);
+/* Sets the current language identifier. */
+VX_API void LocusSetLanguage(int32_t id);
+
 VX_END_DECLS
 
 #endif

@@ -1,0 +1,140 @@
+// The plug-in host's records and the pieces its source files share.
+#pragma once
+
+#include <vxtools3/host.h>
+#include <vxtools3/lists.h>
+#include <vxtools3/ports.h>
+
+namespace vx::host {
+
+struct HostModule;
+struct HostClass;
+
+struct ServerTag {
+    VxNode node;
+    char *string;
+    uint32_t tagWord;
+};
+
+struct HostServer {
+    char *name;
+    HostClass *cls;
+    HostActivateFunc *activate;
+    HostCallWrapper *wrapper;
+    HostModule *module;  // NULL for a built-in
+    VxList tags;
+    int32_t lockCount;
+    bool stale;
+    bool unannounced;
+    // A registration in progress (see Txn): what the server becomes when it commits.
+    HostServer *txnNext;
+    bool txnNew;
+    bool txnTouched;
+    bool txnReplace;  // clear activation, wrapper and lock count, take the pending module
+    HostModule *pendingModule;
+    HostActivateFunc *pendingActivate;
+    VxList pendingTags;
+};
+
+struct HostClass {
+    char *name;
+    int32_t version;
+    VxOrd servers;  // HostServer pointers by name
+    HostClass *txnNext;
+};
+
+struct HostModule {
+    VxNode node;
+    char *path;      // relative to the host directory when inside it
+    char *fullPath;  // the file name handed to the loaders
+    LoaderRequest request;
+    HostServer *loader;  // the `_PluginLoader` server that loaded it (locked meanwhile)
+    void *startupData;   // non-NULL exactly while usable
+    int32_t useCount;
+    int32_t age;
+    bool loading;
+    HostModule *txnNext;
+};
+
+// A registration: everything it creates is listed so that a failure can take it back and a
+// success can apply the pending changes at once. Allocations happen before any change that
+// could not be undone.
+struct Txn {
+    HostClass *newClasses;
+    HostModule *newModules;
+    HostServer *touched;  // newest first
+    HostServer *touchedTail;
+};
+
+struct HostState {
+    int32_t nesting;
+    VxOrd classes;   // HostClass pointers by name
+    VxList modules;  // newest first
+    const char *const *exclusions;
+    HostGlobalFunc *global;
+    HostMissingFunc_t *missing;
+    void *missingData;
+    int32_t flushThreshold;
+    char *hostDir;
+    char modulePath[512];
+    char *databaseDir;
+    int32_t totalLocks;
+    bool deferred;
+    int32_t globalNesting;
+    bool catalogueMode;
+    bool databaseWritten;
+    bool readingDatabase;
+    bool startedByClasses;
+    bool eventsAttached;
+    HostModule *scanning;
+    VxPort *port;
+};
+
+extern HostState g_host;
+
+extern const char kLoaderClass[];  // "_PluginLoader"
+extern const char kGlobalClass[];  // "Global"
+extern const char kStandardLoaderName[];
+
+// Registry (host.cpp).
+HostClass *FindClass(const char *name);
+HostServer *FindServer(const char *className, const char *name);
+HostServer *FindServerIn(HostClass *cls, const char *name);
+int32_t DeclareClass(const char *name, int32_t version);
+bool DatabaseModifiable();
+void Notify(int32_t subject, HostServer *server, HostClass *cls);
+void TxnBegin(Txn *txn);
+void TxnArmRollback(Txn *txn);
+// Takes back everything the registration created or staged.
+void TxnRollback(Txn *txn);
+// Stages a server for registration; NULL when refused. `module` NULL makes a built-in.
+HostServer *TxnStageServer(Txn *txn, const char *className, const char *name, HostModule *module,
+                           HostActivateFunc *activate);
+void TxnStageTag(HostServer *server, const char *string, uint32_t tagWord);
+// Applies the staged changes (no allocation) and returns the touched servers, oldest first,
+// linked through txnNext; announce them with TxnAnnounce.
+HostServer *TxnCommit(Txn *txn);
+void TxnAnnounce(HostServer *first, HostModuleCallback *callback);
+void RemoveServer(HostServer *server);
+void FreeAllClasses();
+int LockServer(HostServer *server);
+int UnlockServer(HostServer *server);
+
+// Modules (modules.cpp).
+HostModule *FindOrCreateModule(Txn *txn, const char *path);
+void LoadModule(HostModule *module);
+void UnloadModule(HostModule *module);
+bool ModuleLoaded(const HostModule *module);
+void FreeAllModules();
+void FreeModule(HostModule *module);
+int32_t StandardLoader(int32_t version, HostGlobalFunc *global, void *local, void *serverData);
+
+// Database and catalogue (database.cpp, catalogue.cpp).
+// Reads the database file into the catalogue; false when the file could not be opened or was
+// damaged (complete entries before the damage are kept). Raises when memory runs out.
+bool ReadDatabaseFile(const char *path);
+bool WriteDatabaseFile(const char *path);
+void RegisterCatalogue();
+int32_t CatalogueRowCount();
+
+}  // namespace vx::host

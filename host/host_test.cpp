@@ -1,0 +1,742 @@
+// The plug-in host against the real example modules of examples/plugins.
+#include <vxtools3/ckpt.h>
+#include <vxtools3/host.h>
+#include <vxtools3/lists.h>
+#include <vxtools3/platform.h>
+#include <vxtools3/ports.h>
+
+#include "host/host_internal.h"
+#include "testkit/capture.h"
+#include "testkit/oom_sweep.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+using vx::host::g_host;
+
+namespace {
+
+const std::string kPlugins = VX_PLUGIN_DIR;
+
+std::string ReadFile(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+void WriteFile(const std::string &path, const std::string &text)
+{
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+// Every class, server, module and tag, in order: what "unchanged" means for the catalogue.
+std::string Snapshot()
+{
+    std::ostringstream out;
+    for (int32_t c = 0; c < g_host.classes.count; ++c) {
+        auto *cls = static_cast<vx::host::HostClass *>(g_host.classes.items[c]);
+        out << cls->name << " v" << cls->version << "\n";
+        for (int32_t s = 0; s < cls->servers.count; ++s) {
+            auto *server = static_cast<vx::host::HostServer *>(cls->servers.items[s]);
+            out << "  " << server->name << " [" << (server->module ? server->module->path : "built-in") << "] locks "
+                << server->lockCount << (server->activate ? " bound" : "");
+            for (VxNode *n = server->tags.head; n->succ; n = n->succ) {
+                auto *tag = reinterpret_cast<vx::host::ServerTag *>(n);
+                out << " {" << tag->string << "," << std::hex << tag->tagWord << std::dec << "}";
+            }
+            out << "\n";
+        }
+    }
+    std::vector<std::string> modules;  // the list's order is not part of the catalogue
+    for (VxNode *n = g_host.modules.head; n && n->succ; n = n->succ) {
+        auto *module = reinterpret_cast<vx::host::HostModule *>(n);
+        modules.push_back("module " + std::string(module->path) + (module->startupData ? " loaded" : "") + " use " +
+                          std::to_string(module->useCount) + "\n");
+    }
+    std::sort(modules.begin(), modules.end());
+    for (const std::string &line : modules)
+        out << line;
+    return out.str();
+}
+
+struct Note {
+    int32_t event;
+    int32_t subject;
+    std::string text;  // class, or class:server
+    bool operator==(const Note &) const = default;
+};
+std::vector<Note> g_notes;
+
+void Listen(uintptr_t, uintptr_t, int32_t event, uintptr_t argument)
+{
+    const auto *note = reinterpret_cast<const HostNote *>(argument);
+    std::string text;
+    if (note->payload) {
+        text = note->payload;
+        if (note->subject != HOST_NOTE_CLASS)
+            text += std::string(":") + (note->payload + text.size() + 1);
+    }
+    g_notes.push_back({event, note->subject, text});
+}
+
+int32_t g_builtInCalls = 0;
+int32_t BuiltIn(int32_t version, HostGlobalFunc *global, void *local, void *serverData)
+{
+    ++g_builtInCalls;
+    EXPECT_EQ(global, HostGetGlobal());
+    EXPECT_EQ(serverData, nullptr);
+    if (local)
+        *static_cast<int32_t *>(local) = version;
+    return 0;
+}
+
+class HostTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        FileSetSystemPath(SYSTEM_PATH_HOST, kPlugins.c_str());
+        HostSetDatabase(db_.Path().c_str());
+        g_notes.clear();
+    }
+    void TearDown() override
+    {
+        StopHost();
+        HostSetDatabase(nullptr);
+        HostExcludeServers(nullptr);
+        LocusSetLanguage(0);
+        GlobalListCleanup();
+        FileSetSystemPath(SYSTEM_PATH_HOST, nullptr);
+        EXPECT_EQ(CkptLevel(), -1);
+    }
+    static void StopHost()
+    {
+        while (HostRunning())
+            HostShutdown();
+    }
+    std::string DbFile() const { return db_.File("VXEXT3.CFG"); }
+
+    vxtest::TempDir db_;
+};
+
+TEST_F(HostTest, ClassesVersionsAndConflicts)
+{
+    ASSERT_EQ(HostStartup(), 1);
+    vxtest::DebugCapture capture;
+    const HostClassDecl table[] = {{"Shader", 4}, {"ImageLoader", -1}, {"Shader", 5}, {nullptr, 0}};
+    EXPECT_EQ(HostAddClasses(table), 1);
+    const HostClassDecl later[] = {{"Shader", -1}, {"ImageLoader", 2}, {"ImageLoader", 2}, {nullptr, 0}};
+    EXPECT_EQ(HostAddClasses(later), 1);
+    EXPECT_EQ(capture.Text(), "Plugin class Shader -- confliting versions\n");
+    EXPECT_EQ(HostClassVersion("Shader"), 4);
+    EXPECT_EQ(HostClassVersion("ImageLoader"), 2);
+    EXPECT_EQ(HostClassVersion("Global"), 1);
+    EXPECT_EQ(HostClassVersion("_PluginLoader"), 1);
+    EXPECT_EQ(HostClassVersion("Nothing"), -1);
+    // Registering under an unknown class makes it silently, without a version.
+    EXPECT_EQ(HostAddBuiltIn("Fresh", "a", nullptr, BuiltIn), 1);
+    EXPECT_EQ(HostClassVersion("Fresh"), -1);
+    std::vector<std::string> scanned;
+    HostScanServers([](void *data, const char *cls) { static_cast<std::vector<std::string> *>(data)->push_back(cls); },
+                    nullptr, &scanned);
+    EXPECT_EQ(scanned, (std::vector<std::string>{"Global", "ImageLoader", "Shader", "_PluginLoader"}));
+}
+
+TEST_F(HostTest, AddClassesStartsTheHostAndClearClassesStopsIt)
+{
+    const HostClassDecl table[] = {{"Shader", 1}, {nullptr, 0}};
+    EXPECT_EQ(HostAddClasses(table), 1);
+    EXPECT_EQ(HostRunning(), 1);
+    HostClearClasses();
+    EXPECT_EQ(HostRunning(), 0);
+    HostClearClasses();  // only once
+    EXPECT_EQ(HostRunning(), 0);
+}
+
+TEST_F(HostTest, BuiltInsReplaceAndRefuseAsTheRulesSay)
+{
+    ASSERT_EQ(HostStartup(), 1);
+    vxtest::DebugCapture capture;
+    EXPECT_EQ(HostAddPlugIn("Tool", "Mod", "Module one", "a.so"), 1);
+    EXPECT_EQ(HostAddBuiltIn("Tool", "In", "Inside", BuiltIn), 1);
+    // A module server cannot replace a built-in.
+    EXPECT_EQ(HostAddPlugIn("Tool", "In", nullptr, "b.so"), 0);
+    // A built-in replaces a module server silently, dropping its tags.
+    EXPECT_EQ(HostAddBuiltIn("Tool", "Mod", nullptr, BuiltIn), 1);
+    EXPECT_EQ(ServerGetModule("Tool", ServerGetIndex("Tool", "Mod")), nullptr);
+    EXPECT_STREQ(ServerGetUserName("Tool", ServerGetIndex("Tool", "Mod")), "Mod");
+    // ... unless it is locked.
+    EXPECT_EQ(HostLockServer("Tool", "In"), 1);
+    EXPECT_EQ(HostAddBuiltIn("Tool", "In", nullptr, BuiltIn), 0);
+    EXPECT_EQ(HostRemServer("Tool", "In"), 0);
+    EXPECT_EQ(HostUnlockServer("Tool", "In"), 1);
+    EXPECT_EQ(HostUnlockServer("Tool", "In"), 0);
+    EXPECT_EQ(capture.Text(), "attempt to replace built-in server Tool:In\n"
+                              "attempt to replace locked server Tool:In\n");
+    // Tags are only added to built-ins.
+    EXPECT_EQ(HostAddPlugIn("Tool", "Other", nullptr, "a.so"), 1);
+    EXPECT_EQ(HostAddTag("Tool", "Other", "x", 0x10000), 0);
+    EXPECT_EQ(HostAddTag("Tool", "In", "In!", 0x10000), 1);
+    EXPECT_STREQ(ServerGetInfoTag("Tool", ServerGetIndex("Tool", "In"), 1), "In!");
+    // Exclusions refuse both kinds silently.
+    const char *const excluded[] = {"Tool", "Banned", "Tool", "Banned2", nullptr};
+    HostExcludeServers(excluded);
+    EXPECT_EQ(HostAddBuiltIn("Tool", "Banned", nullptr, BuiltIn), 0);
+    EXPECT_EQ(HostAddPlugIn("Tool", "Banned2", nullptr, "a.so"), 0);
+    EXPECT_EQ(HostAddPlugIn("Tool", "Banned3", nullptr, "a.so"), 1);
+    EXPECT_EQ(HostNumServers("Tool"), 4);
+    EXPECT_EQ(HostRemServer("Tool", "Banned3"), 1);
+    EXPECT_EQ(HostRemServer("Tool", "Banned3"), 0);
+    EXPECT_EQ(ServerGetIndex("Tool", "Other"), 2);
+    EXPECT_EQ(ServerGetIndex("Tool", "Nope"), -1);
+    EXPECT_EQ(ServerGetIndex("Nope", "Other"), -1);
+    EXPECT_EQ(ServerGetName("Tool", 3), nullptr);
+    EXPECT_EQ(HostNumServers("Nope"), 0);
+}
+
+TEST_F(HostTest, InfoTagFollowsTheLanguage)
+{
+    ASSERT_EQ(HostStartup(), 1);
+    ASSERT_EQ(HostAddBuiltIn("Tool", "T", nullptr, BuiltIn), 1);
+    HostAddTag("Tool", "T", "any-kind0", 0x0000);
+    HostAddTag("Tool", "T", "german", 0x0407);
+    HostAddTag("Tool", "T", "german-base", 0x0407);  // (0x407 & 0x3FF) | 0x400 is itself
+    HostAddTag("Tool", "T", "french-base", 0x040C);
+    HostAddTag("Tool", "T", "swiss-french", 0x100C);
+    HostAddTag("Tool", "T", "label-de", 0x10407);
+    const int32_t i = 0;
+    LocusSetLanguage(0x0407);
+    EXPECT_STREQ(ServerGetUserName("Tool", i), "german");
+    LocusSetLanguage(0x100C);
+    EXPECT_STREQ(ServerGetUserName("Tool", i), "swiss-french");
+    LocusSetLanguage(0x080C);  // Belgian French: falls back to the base language
+    EXPECT_STREQ(ServerGetUserName("Tool", i), "french-base");
+    LocusSetLanguage(0x0409);
+    EXPECT_STREQ(ServerGetUserName("Tool", i), "any-kind0");
+    EXPECT_STREQ(ServerGetInfoTag("Tool", i, 1), "label-de");  // no neutral one: the first at all
+    EXPECT_EQ(ServerGetInfoTag("Tool", i, 2), nullptr);
+    ASSERT_EQ(ServerSetUserName("Tool", i, "Renamed"), 1);
+    LocusSetLanguage(0x0407);
+    EXPECT_STREQ(ServerGetUserName("Tool", i), "Renamed");
+    EXPECT_STREQ(ServerGetInfoTag("Tool", i, 1), "label-de");
+    EXPECT_EQ(ServerGetUserName("Tool", 5), nullptr);
+}
+
+TEST_F(HostTest, NotificationsAndReplayForNewListeners)
+{
+    GlobalPortAttach("plugin-database", 1, 0, Listen);  // before the host owns the port
+    ASSERT_EQ(HostStartup(), 1);
+    EXPECT_EQ(g_notes, (std::vector<Note>{{2, 0, "Global"}, {2, 0, "_PluginLoader"},
+                                          {2, 1, "_PluginLoader:VX_StandardLoader"}}));
+    g_notes.clear();
+    const HostClassDecl table[] = {{"Tool", 2}, {nullptr, 0}};
+    HostAddClasses(table);
+    HostAddBuiltIn("Tool", "B", "Bee", BuiltIn);
+    HostAddTag("Tool", "B", "b", 0x10000);
+    ServerSetUserName("Tool", 0, "Bea");
+    HostAddBuiltIn("Tool", "B", nullptr, BuiltIn);  // replaced: changed, not added
+    HostRemServer("Tool", "B");
+    EXPECT_EQ(g_notes, (std::vector<Note>{{2, 0, "Tool"}, {2, 1, "Tool:B"}, {2, 3, "Tool:B"}, {2, 3, "Tool:B"},
+                                          {2, 3, "Tool:B"}, {2, 4, "Tool:B"}}));
+    HostAddBuiltIn("Tool", "C", nullptr, BuiltIn);
+    g_notes.clear();
+    GlobalPortAttach("plugin-database", 2, 0, Listen);
+    EXPECT_EQ(g_notes, (std::vector<Note>{{1, 0, "Global"}, {1, 0, "Tool"}, {1, 1, "Tool:C"}, {1, 0, "_PluginLoader"},
+                                          {1, 1, "_PluginLoader:VX_StandardLoader"}}));
+    g_notes.clear();
+    HostShutdown();
+    EXPECT_EQ(g_notes, (std::vector<Note>{{4, 2, ""}, {4, 2, ""}}));
+    GlobalPortDetach("plugin-database", 1);
+    GlobalPortDetach("plugin-database", 2);
+}
+
+TEST_F(HostTest, EveryFailureFixtureIsRefusedWithItsMessage)
+{
+    ASSERT_EQ(HostStartup(), 1);
+    struct Case {
+        const char *file;
+        int result;
+        std::string text;
+    };
+    const std::string dir = kPlugins + "/";
+    const Case cases[] = {
+        {"fixture_notelf.so", -1,
+         "loader VX_StandardLoader activation error\ncould not load module fixture_notelf.so\n"},
+        {"absent.so", -1,
+         "File not opened: " + dir + "absent.so \nloader VX_StandardLoader activation error\n"
+         "could not load module absent.so\n"},
+        {"fixture_nodescrip.so", -1,
+         "DLL without _mod_descrip symbol -- " + dir + "fixture_nodescrip.so\n"
+         "could not load module fixture_nodescrip.so\n"},
+        {"fixture_unresolved.so", -1,
+         "DLL not found -- " + dir + "fixture_unresolved.so: undefined symbol: vx_fixture_missing_symbol\n"
+         "could not load module fixture_unresolved.so\n"},
+        {"fixture_badsync.so", -1,
+         "module fixture_badsync.so is not a plug-in; sync=0x19941204\n"
+         "plug-in module fixture_badsync.so returned NULL startup data\n"},
+        {"fixture_version4.so", -1,
+         "plug-in module fixture_version4.so is out of date; version=4\n"
+         "plug-in module fixture_version4.so returned NULL startup data\n"},
+        {"fixture_othercpu.so", -1,
+         "plug-in module fixture_othercpu.so is for a different cpu; type=0x400\n"
+         "plug-in module fixture_othercpu.so returned NULL startup data\n"},
+        {"fixture_nullstartup.so", -1, "plug-in module fixture_nullstartup.so returned NULL startup data\n"},
+    };
+    const std::string before = Snapshot();
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.file);
+        vxtest::DebugCapture capture;
+        EXPECT_EQ(HostAddModule(c.file, nullptr), c.result);
+        EXPECT_EQ(capture.Text(), c.text);
+        EXPECT_EQ(Snapshot(), before);  // nothing registered, loader unlocked, no record left
+        EXPECT_EQ(g_host.totalLocks, 0);
+    }
+    // A registered server of a refused module: activation reports no function.
+    ASSERT_EQ(HostAddPlugIn("CommandSequence", "Example_Fixture", nullptr, "fixture_version4.so"), 1);
+    {
+        vxtest::DebugCapture capture;
+        EXPECT_EQ(HostActivateVer("CommandSequence", "Example_Fixture", nullptr, -1), -2);
+        EXPECT_EQ(ServerLoadPlugin("CommandSequence", "Example_Fixture"), nullptr);
+        EXPECT_EQ(capture.Text(), "plug-in module fixture_version4.so is out of date; version=4\n"
+                                      "plug-in module fixture_version4.so returned NULL startup data\n"
+                                      "plug-in module fixture_version4.so is out of date; version=4\n"
+                                      "plug-in module fixture_version4.so returned NULL startup data\n");
+    }
+    // The host is still usable.
+    EXPECT_EQ(HostAddModule("example_shapes.so", nullptr), 3);
+    int32_t count = 0;
+    EXPECT_EQ(HostActivateVer("MeshEditTool", "Example_Box", &count, 1), 0);
+    EXPECT_EQ(count, 1);
+}
+
+TEST_F(HostTest, ModulesLoadOnDemandBindLockAndFlush)
+{
+    ASSERT_EQ(HostStartup(), 1);
+    std::vector<std::string> seen;
+    static std::vector<std::string> *s_seen;
+    s_seen = &seen;
+    const std::string absolute = kPlugins + "/example_shapes.so";
+    EXPECT_EQ(HostAddModule(absolute.c_str(),
+                            [](const char *c, const char *n) { s_seen->push_back(std::string(c) + ":" + n); }),
+              3);
+    EXPECT_EQ(seen, (std::vector<std::string>{"MeshEditTool:Example_Box", "CommandSequence:Example_Sum",
+                                              "Global:Example Math"}));
+    // The absolute path inside the host directory was kept relative; the scan left it unloaded.
+    const int32_t box = ServerGetIndex("MeshEditTool", "Example_Box");
+    EXPECT_STREQ(ServerGetModule("MeshEditTool", box), "example_shapes.so");
+    EXPECT_EQ(ServerModuleLoaded("MeshEditTool", "Example_Box"), 0);
+    // Tags up to the first empty string, in order.
+    LocusSetLanguage(0x0407);
+    EXPECT_STREQ(ServerGetUserName("MeshEditTool", box), "Kiste");
+    EXPECT_STREQ(ServerGetInfoTag("MeshEditTool", box, 2), "create");
+    EXPECT_STREQ(ServerGetUserName("CommandSequence", 0), "Sum of two");
+    EXPECT_EQ(ServerGetInfoTag("CommandSequence", 0, 5), nullptr);
+
+    int32_t count = 0;
+    EXPECT_EQ(HostActivateVer("MeshEditTool", "Example_Box", &count, -1), 5);  // class version -1
+    EXPECT_EQ(ServerModuleLoaded("MeshEditTool", "Example_Box"), 1);
+    EXPECT_EQ(HostActivateVer("MeshEditTool", "Example_Box", &count, 2), 0);
+    EXPECT_EQ(count, 1);
+    // The standard loader stays locked while the module is loaded.
+    EXPECT_EQ(ServerIsLocked("_PluginLoader", 0), 1);
+    HostFlush();
+    EXPECT_EQ(ServerModuleLoaded("MeshEditTool", "Example_Box"), 0);
+    EXPECT_EQ(ServerIsLocked("_PluginLoader", 0), 0);
+    EXPECT_EQ(HostActivateVer("MeshEditTool", "Example_Box", &count, 2), 0);
+    EXPECT_EQ(count, 1);  // a fresh load
+
+    // Locks keep the module through a flush; the use count is the sum of the locks.
+    EXPECT_EQ(HostLockServer("MeshEditTool", "Example_Box"), 1);
+    EXPECT_EQ(HostLockServer("CommandSequence", "Example_Sum"), 1);
+    HostFlush();
+    EXPECT_EQ(HostActivateVer("MeshEditTool", "Example_Box", &count, 2), 0);
+    EXPECT_EQ(count, 2);
+    EXPECT_EQ(g_host.totalLocks, 3);
+    HostUnlockServer("MeshEditTool", "Example_Box");
+    HostFlush();
+    EXPECT_EQ(ServerModuleLoaded("MeshEditTool", "Example_Box"), 1);
+    HostUnlockServer("CommandSequence", "Example_Sum");
+    HostFlush();
+    EXPECT_EQ(ServerModuleLoaded("MeshEditTool", "Example_Box"), 0);
+    EXPECT_EQ(g_host.totalLocks, 0);
+
+    // ServerLoadPlugin hands out the loader request of a loaded module.
+    const LoaderRequest *request = ServerLoadPlugin("MeshEditTool", "Example_Box");
+    ASSERT_NE(request, nullptr);
+    EXPECT_STREQ(request->fileName, (kPlugins + "/example_shapes.so").c_str());
+    EXPECT_NE(request->handle, nullptr);
+    EXPECT_EQ(request->wrapper, nullptr);
+    EXPECT_EQ(ServerLoadPlugin("_PluginLoader", "VX_StandardLoader"), nullptr);  // built-in
+
+    // A version-2 module: three-word rows, no tags.
+    EXPECT_EQ(HostAddModule("example_legacy.so", nullptr), 1);
+    int32_t version = 0;
+    EXPECT_EQ(HostActivateVer("ImageLoader", "Example_Legacy", &version, 1), 0);
+    EXPECT_EQ(version, 2);
+    EXPECT_STREQ(ServerGetUserName("ImageLoader", 0), "Example_Legacy");
+
+    // A loaded module accepts no new servers; one in use cannot be scanned.
+    EXPECT_EQ(HostAddPlugIn("Tool", "Late", nullptr, "example_legacy.so"), 0);
+    HostLockServer("ImageLoader", "Example_Legacy");
+    EXPECT_EQ(HostAddModule("example_legacy.so", nullptr), -2);
+    HostUnlockServer("ImageLoader", "Example_Legacy");
+}
+
+TEST_F(HostTest, AutoFlushUnloadsIdleModulesByAge)
+{
+    ASSERT_EQ(HostStartup(), 1);
+    ASSERT_EQ(HostAddModule("example_shapes.so", nullptr), 3);
+    ASSERT_EQ(HostAddModule("example_legacy.so", nullptr), 1);
+    ASSERT_EQ(HostAddModule("fixture_badsync.so", nullptr), -1);
+    ASSERT_EQ(HostActivateVer("MeshEditTool", "Example_Box", nullptr, 1), 0);
+    ASSERT_EQ(HostActivateVer("ImageLoader", "Example_Legacy", nullptr, 1), 0);
+    HostAutoFlush(1);
+    EXPECT_EQ(HostAddModule("fixture_badsync.so", nullptr), -1);  // 2 loaded: ages 2 and 1, limit 2
+    EXPECT_EQ(ServerModuleLoaded("MeshEditTool", "Example_Box"), 1);
+    EXPECT_EQ(ServerModuleLoaded("ImageLoader", "Example_Legacy"), 1);
+    // Threshold 0: loading a third module unloads each idle one that aged past 0; a locked
+    // one stays.
+    HostAutoFlush(0);
+    HostLockServer("ImageLoader", "Example_Legacy");
+    EXPECT_EQ(HostAddModule("example_wraploader.so", nullptr), 2);
+    EXPECT_EQ(ServerModuleLoaded("MeshEditTool", "Example_Box"), 0);
+    EXPECT_EQ(ServerModuleLoaded("ImageLoader", "Example_Legacy"), 1);
+    HostUnlockServer("ImageLoader", "Example_Legacy");
+    HostAutoFlush(-1);
+    ASSERT_EQ(HostActivateVer("MeshEditTool", "Example_Box", nullptr, 1), 0);
+    EXPECT_EQ(ServerModuleLoaded("ImageLoader", "Example_Legacy"), 1);
+}
+
+TEST_F(HostTest, GlobalLookupThroughTheGlobalListAndGlobalServers)
+{
+    ASSERT_EQ(HostStartup(), 1);
+    static int listed = 42;
+    GlobalListDefine("Listed Service", &listed);
+    EXPECT_EQ(HostFindGlobal("Listed Service", HOST_GLOBAL_TRANSIENT), &listed);
+    ASSERT_EQ(HostAddModule("example_shapes.so", nullptr), 3);
+    // A module server finds a service of another server through the lookup it is handed.
+    int32_t values[3] = {20, 22, 0};
+    EXPECT_EQ(HostActivateVer("CommandSequence", "Example_Sum", values, 1), 0);
+    EXPECT_EQ(values[2], 42);
+    // Acquire locks the Global server, release unlocks it.
+    EXPECT_NE(HostFindGlobal("Example Math", HOST_GLOBAL_ACQUIRE), nullptr);
+    EXPECT_EQ(ServerIsLocked("Global", ServerGetIndex("Global", "Example Math")), 1);
+    EXPECT_EQ(HostFindGlobal("Example Math", HOST_GLOBAL_RELEASE), nullptr);
+    EXPECT_EQ(ServerIsLocked("Global", ServerGetIndex("Global", "Example Math")), 0);
+    // An unknown service: no missing-server call during a global lookup, and an acquire undone.
+    static int missingCalls = 0;
+    HostMissingFunc([](void *, const char *, const char *) { return ++missingCalls, 0; }, nullptr);
+    {
+        vxtest::DebugCapture capture;
+        EXPECT_EQ(HostFindGlobal("No Service", HOST_GLOBAL_ACQUIRE), nullptr);
+        EXPECT_EQ(capture.Text(), "can't activate Global:No Service -- no such server\n");
+    }
+    EXPECT_EQ(missingCalls, 0);
+    // A replaced lookup function is what activations receive.
+    static HostGlobalFunc *s_default = HostGetGlobal();
+    EXPECT_EQ(s_default, HostDefaultGlobal);
+    HostSetGlobal([](const char *name, int32_t use) -> void * {
+        return std::string(name) == "Example Math" ? nullptr : s_default(name, use);
+    });
+    EXPECT_EQ(HostActivateVer("CommandSequence", "Example_Sum", values, 1), 6);
+    HostSetGlobal(nullptr);
+    EXPECT_EQ(HostGetGlobal(), HostDefaultGlobal);
+}
+
+TEST_F(HostTest, MissingServerFunctionMayRegisterIt)
+{
+    ASSERT_EQ(HostStartup(), 1);
+    static std::vector<std::string> asked;
+    asked.clear();
+    HostMissingFunc(
+        [](void *, const char *cls, const char *name) {
+            asked.push_back(std::string(cls) + ":" + name);
+            return std::string(name) == "Later" ? HostAddBuiltIn(cls, name, nullptr, BuiltIn) : 0;
+        },
+        nullptr);
+    int32_t version = 0;
+    EXPECT_EQ(HostActivateVer("Tool", "Later", &version, 3), 0);
+    EXPECT_EQ(version, 3);
+    vxtest::DebugCapture capture;
+    EXPECT_EQ(HostActivateVer("Tool", "Never", nullptr, 3), -1);
+    EXPECT_EQ(capture.Text(), "can't activate Tool:Never -- no such server\n");
+    EXPECT_EQ(asked, (std::vector<std::string>{"Tool:Later", "Tool:Never"}));
+    HostMissingFunc(nullptr, nullptr);
+}
+
+TEST_F(HostTest, CustomLoaderSetsACallWrapper)
+{
+    ASSERT_EQ(HostStartup(), 1);
+    ASSERT_EQ(HostAddModule("example_wraploader.so", nullptr), 2);
+    EXPECT_EQ(ServerGetIndex("_PluginLoader", "Example_WrapLoader"), 0);  // tried first
+    ASSERT_EQ(HostAddModule("example_wrapped.so", nullptr), 1);
+    int32_t value = 0;
+    EXPECT_EQ(HostActivateVer("CommandSequence", "Example_Wrapped", &value, 1), 0);
+    EXPECT_EQ(value, 7);
+    const LoaderRequest *request = ServerLoadPlugin("CommandSequence", "Example_Wrapped");
+    ASSERT_NE(request, nullptr);
+    EXPECT_NE(request->wrapper, nullptr);
+    auto *calls = static_cast<int32_t *>(HostFindGlobal("Example Wrap Count", HOST_GLOBAL_TRANSIENT));
+    ASSERT_NE(calls, nullptr);
+    EXPECT_EQ(*calls, 1);
+    // The wrapping loader stays locked while its module is loaded; other modules pass it by.
+    EXPECT_EQ(ServerIsLocked("_PluginLoader", 0), 1);
+    EXPECT_EQ(HostAddModule("example_legacy.so", nullptr), 1);
+    EXPECT_EQ(HostActivateVer("ImageLoader", "Example_Legacy", nullptr, 1), 0);
+    EXPECT_EQ(*calls, 1);
+    HostFlush();
+    EXPECT_EQ(g_host.totalLocks, 0);
+}
+
+TEST_F(HostTest, ShutdownWithALockedServerIsDeferred)
+{
+    GlobalPortAttach("plugin-database", 1, 0, Listen);
+    ASSERT_EQ(HostStartup(), 1);
+    ASSERT_EQ(HostStartup(), 1);  // nested
+    ASSERT_EQ(HostAddModule("example_shapes.so", nullptr), 3);
+    ASSERT_EQ(HostLockServer("MeshEditTool", "Example_Box"), 1);
+    HostShutdown();
+    EXPECT_EQ(HostRunning(), 1);
+    g_notes.clear();
+    {
+        vxtest::DebugCapture capture;
+        HostShutdown();
+        EXPECT_EQ(capture.Text(), "HOST shutdown deferred! 2 servers still locked.\n");
+    }
+    EXPECT_EQ(HostRunning(), 0);
+    EXPECT_TRUE(g_notes.empty());
+    EXPECT_EQ(HostActivateVer("MeshEditTool", "Example_Box", nullptr, 1), 0);  // still there
+    EXPECT_EQ(HostUnlockServer("MeshEditTool", "Example_Box"), 1);
+    EXPECT_EQ(g_notes, (std::vector<Note>{{4, 2, ""}}));
+    EXPECT_EQ(g_host.classes.count, 0);
+    EXPECT_EQ(g_host.port, nullptr);
+    GlobalPortDetach("plugin-database", 1);
+    // The database was written before the teardown waited.
+    EXPECT_NE(ReadFile(DbFile()).find("Example_Box"), std::string::npos);
+}
+
+// End to end: scan, write, restart, read back, activate on demand.
+TEST_F(HostTest, DatabaseRoundTripAndExpectedText)
+{
+    ASSERT_EQ(HostStartup(), 1);
+    EXPECT_FALSE(std::ifstream(DbFile()).good());  // no database yet, nothing written
+    ASSERT_EQ(HostAddModule("example_shapes.so", nullptr), 3);
+    ASSERT_EQ(HostAddModule("example_legacy.so", nullptr), 1);
+    ASSERT_EQ(HostAddModule("example_wraploader.so", nullptr), 2);
+    ASSERT_EQ(HostAddModule("example_wrapped.so", nullptr), 1);
+    ASSERT_EQ(HostAddBuiltIn("MeshEditTool", "Built", "never written", BuiltIn), 1);
+    ASSERT_EQ(HostAddPlugIn("Shader", "Quote\"d", "Tab\there", "/opt/elsewhere/x.so"), 1);
+    HostFlush();
+    const std::string before = Snapshot();
+    HostShutdown();
+    EXPECT_EQ(ReadFile(DbFile()), ReadFile(VX_HOST_TESTDATA "/plugins_expected.db"));
+
+    HostSetDatabase(db_.Path().c_str());  // the teardown forgot it
+    ASSERT_EQ(HostStartup(), 1);
+    ASSERT_EQ(HostAddBuiltIn("MeshEditTool", "Built", "never written", BuiltIn), 1);
+    EXPECT_EQ(Snapshot(), before);
+    int32_t count = 0;
+    EXPECT_EQ(HostActivateVer("MeshEditTool", "Example_Box", &count, 1), 0);
+    EXPECT_EQ(count, 1);
+    int32_t value = 0;
+    EXPECT_EQ(HostActivateVer("CommandSequence", "Example_Wrapped", &value, 1), 0);
+    EXPECT_EQ(value, 7);
+    HostFlush();
+    // Unchanged since it was read: shutting down does not write it again.
+    std::remove(DbFile().c_str());
+    HostShutdown();
+    EXPECT_FALSE(std::ifstream(DbFile()).good());
+}
+
+TEST_F(HostTest, DatabaseReadRefreshesAndRemovesStaleServers)
+{
+    WriteFile(DbFile(), "Directory \"ignored\"\n"
+                        "Other { Class \"X\" }\n"
+                        "Entry {\n  InfoTag 0 \"dropped: before the module\"\n  Class \"Tool\"\n  Name \"A\"\n"
+                        "  Module \"a.so\"\n  InfoTag 0 \"Ay\"\n  InfoTag 65536 \"A!\"\n}\n"
+                        "Entry {\n  Class \"Tool\"\n  Name \"NoModule\"\n  InfoTag 0 \"lost\"\n}\n"
+                        "Entry { Class \"Tool\" Name \"B\" Module \"b.so\" }\n");
+    ASSERT_EQ(HostStartup(), 1);
+    EXPECT_EQ(Snapshot(), "Global v1\n"
+                          "Tool v-1\n"
+                          "  A [a.so] locks 0 {Ay,0} {A!,10000}\n"
+                          "  B [b.so] locks 0\n"
+                          "_PluginLoader v1\n"
+                          "  VX_StandardLoader [built-in] locks 0 bound\n"
+                          "module a.so use 0\n"
+                          "module b.so use 0\n");
+    // Read again over a changed file: A refreshed, B gone (not named), C new.
+    WriteFile(DbFile(), "Entry { Class \"Tool\" Name \"A\" Module \"a.so\" }\n"
+                        "Entry { Class \"Tool\" Name \"C\" Module \"a.so\" }\n");
+    ASSERT_TRUE(vx::host::ReadDatabaseFile(DbFile().c_str()));
+    EXPECT_EQ(HostNumServers("Tool"), 2);
+    EXPECT_STREQ(ServerGetName("Tool", 1), "C");
+    EXPECT_STREQ(ServerGetUserName("Tool", 0), "A");
+}
+
+TEST_F(HostTest, DamagedDatabasesNeverCrashAndKeepWhatTheyCannotProve)
+{
+    ASSERT_EQ(HostStartup(), 1);
+    ASSERT_EQ(HostAddPlugIn("Tool", "Kept", nullptr, "k.so"), 1);
+    const std::string full = "Entry {\n  Class \"Tool\"\n  Name \"A\"\n  Module \"a.so\"\n  InfoTag 0 \"Ay\"\n}\n"
+                             "Entry {\n  Class \"Tool\"\n  Name \"B\"\n  Module \"b.so\"\n}\n";
+    for (size_t cut = 0; cut < full.size(); ++cut) {
+        WriteFile(DbFile(), full.substr(0, cut));
+        vxtest::DebugCapture capture;
+        const bool whole = vx::host::ReadDatabaseFile(DbFile().c_str());
+        // Only a complete file removes servers it does not name.
+        EXPECT_EQ(ServerGetIndex("Tool", "Kept") >= 0, !whole) << "cut " << cut;
+        if (!whole) {
+            EXPECT_NE(capture.Text().find("is damaged at line"), std::string::npos);
+        }
+        HostAddPlugIn("Tool", "Kept", nullptr, "k.so");
+    }
+    WriteFile(DbFile(), "Entry {\n  Class \"Tool\"\n  Name \"A\"\n  Module \"a.so\"\n  InfoTag \"no word\"\n");
+    EXPECT_FALSE(vx::host::ReadDatabaseFile(DbFile().c_str()));
+    EXPECT_GE(ServerGetIndex("Tool", "A"), 0);
+    // An unreadable database changes nothing.
+    const std::string before = Snapshot();
+    EXPECT_FALSE(vx::host::ReadDatabaseFile((db_.Path() + "/absent").c_str()));
+    EXPECT_EQ(Snapshot(), before);
+}
+
+TEST_F(HostTest, CatalogueModeRegistersTheBuiltInCatalogue)
+{
+    GlobalListDefine("Product Info", reinterpret_cast<void *>(uintptr_t{0x23}));
+    ASSERT_EQ(HostStartup(), 1);
+    EXPECT_EQ(vx::host::CatalogueRowCount(), 102);
+    int32_t total = 0;
+    for (int32_t c = 0; c < g_host.classes.count; ++c)
+        total += static_cast<vx::host::HostClass *>(g_host.classes.items[c])->servers.count;
+    EXPECT_EQ(total, 102 + 32 + 1);  // rows, their second classes, the standard loader
+    EXPECT_EQ(HostNumServers("ImageSaver"), 13);
+    EXPECT_EQ(HostNumServers("DisplacementHandler"), 8);
+    EXPECT_EQ(HostNumServers("DisplacementInterface"), 7);
+    EXPECT_EQ(HostNumServers("CustomObjHandler"), 11);
+    EXPECT_EQ(HostNumServers("LayoutGeneric"), 11);
+    const int32_t cel = ServerGetIndex("ShaderHandler", "VX_SuperCelShader");
+    EXPECT_STREQ(ServerGetUserName("ShaderHandler", cel), "Super Cel Shader");
+    EXPECT_STREQ(ServerGetModule("ShaderHandler", cel), "Plugins/SuperCelShader.p");
+    EXPECT_STREQ(ServerGetModule("LayoutGeneric", ServerGetIndex("LayoutGeneric", "Add_Comet")),
+                 "Plugins/Add_Comet.lsc");
+    EXPECT_STREQ(ServerGetInfoTag("MeshEditTool", ServerGetIndex("MeshEditTool", "VXSpikeyTool"), 1), "Spikey");
+    // Catalogue mode refuses changes to module servers and writes no database.
+    EXPECT_EQ(HostAddPlugIn("Shader", "New", nullptr, "n.so"), 0);
+    EXPECT_EQ(HostRemServer("ShaderHandler", "VX_SuperCelShader"), 0);
+    EXPECT_EQ(HostWriteDatabase(), 0);
+    HostShutdown();
+    EXPECT_FALSE(std::ifstream(DbFile()).good());
+}
+
+// ---- Out-of-memory sweeps ------------------------------------------------------------------
+
+class HostOomTest : public HostTest {
+protected:
+    void SetUp() override
+    {
+        HostTest::SetUp();
+        HostSetDatabase(nullptr);  // made again inside each sweep's setup, under its heap
+        s_dir = db_.Path();
+    }
+    // The state every sweep starts from: a database directory, and the global port list's
+    // one-time clean-up registration made before the heap is counted.
+    static void Prepare()
+    {
+        HostSetDatabase(s_dir.c_str());
+        GlobalPortAttach("warm-up", 1, 0, Listen);
+        GlobalPortDetach("warm-up", 1);
+    }
+    static void Finish(bool keepDatabase = false)
+    {
+        if (!keepDatabase)
+            std::remove((s_dir + "/VXEXT3.CFG").c_str());
+        StopHost();
+        HostSetDatabase(nullptr);
+        GlobalListCleanup();
+    }
+    static std::string s_dir;
+};
+std::string HostOomTest::s_dir;
+
+TEST_F(HostOomTest, Startup)
+{
+    WriteFile(DbFile(), "Entry { Class \"Tool\" Name \"A\" Module \"a.so\" InfoTag 0 \"Ay\" }\n"
+                        "Entry { Class \"Tool\" Name \"B\" Module \"b.so\" }\n");
+    vxtest::OomSweepAll({
+        [] { Prepare(); },
+        [] { return HostStartup() == 1 && HostNumServers("Tool") == 2; },
+        [] {
+            EXPECT_EQ(HostRunning(), 0);
+            EXPECT_EQ(g_host.classes.count, 0);
+            EXPECT_EQ(g_host.port, nullptr);
+        },
+        [] { Finish(true); },
+    });
+}
+
+TEST_F(HostOomTest, AddPlugInNewAndReplacing)
+{
+    for (const char *module : {"new.so", "old.so"}) {
+        for (const char *cls : {"Tool", "NewClass"}) {
+            SCOPED_TRACE(std::string(module) + " " + cls);
+            static std::string before;
+            vxtest::OomSweepAll({
+                [] {
+                    Prepare();
+                    HostStartup();
+                    HostAddPlugIn("Tool", "S", "old name", "old.so");
+                    HostAddPlugIn("Tool", "T", "other", "other.so");
+                    before = Snapshot();
+                },
+                [module, cls] { return HostAddPlugIn(cls, "S", "A user name", module) == 1; },
+                [] { EXPECT_EQ(Snapshot(), before); },
+                [] { Finish(); },
+            });
+        }
+    }
+}
+
+TEST_F(HostOomTest, AddModule)
+{
+    static std::string before;
+    vxtest::OomSweepAll({
+        [] {
+            Prepare();
+            HostStartup();
+            HostAddPlugIn("MeshEditTool", "Example_Box", "stale name", "example_shapes.so");
+            before = Snapshot();
+        },
+        [] { return HostAddModule("example_shapes.so", nullptr) == 3; },
+        [] { EXPECT_EQ(Snapshot(), before); },
+        [] { Finish(); },
+    });
+}
+
+TEST_F(HostOomTest, DatabaseRead)
+{
+    static std::string before;
+    static std::string file;
+    file = DbFile() + ".in";
+    WriteFile(file, "Entry { Class \"Tool\" Name \"A\" Module \"a.so\" InfoTag 0 \"Ay\" InfoTag 1 \"Ay1\" }\n"
+                    "Entry { Class \"New\" Name \"B\" Module \"b.so\" }\n");
+    vxtest::OomSweepAll({
+        [] {
+            Prepare();
+            HostStartup();
+            HostAddPlugIn("Tool", "A", "old tag", "a.so");
+            HostAddPlugIn("Tool", "Stale", nullptr, "s.so");
+            before = Snapshot();
+        },
+        [] { return vx::host::ReadDatabaseFile(file.c_str()); },
+        [] { EXPECT_EQ(Snapshot(), before); },
+        [] { Finish(); },
+    });
+}
+
+}  // namespace
