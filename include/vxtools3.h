@@ -18,6 +18,7 @@
 #include "vxtools3/ports.h"
 #include "vxtools3/host.h"
 #include "vxtools3/undo.h"
+#include "vxtools3/config.h"
 #include "vxtools3/threads.h"
 
 #endif
