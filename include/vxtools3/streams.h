@@ -79,8 +79,9 @@ typedef struct VxStrmMonitor {
 } VxStrmMonitor;
 
 /* Opens `path` for binary reading; `monitor` (may be NULL) is started with the file size and
- * stepped with every read and skip. Returns NULL when the file cannot be opened, is larger
- * than 2147483647 bytes, or memory runs out (raised through an open checkpoint block). */
+ * stepped with every read and skip. Returns NULL when the file cannot be opened, is not a
+ * regular file, is larger than 2147483647 bytes, or memory runs out (raised through an open
+ * checkpoint block). */
 VX_API VxReadStrm *FileStrmReadOpen(const char *path, const VxStrmMonitor *monitor);
 /* Creates or truncates `path` for binary writing; NULL when it cannot be created or memory
  * runs out. The stream buffers for itself: call StrmWriteDestroy to flush and close. */
@@ -89,7 +90,7 @@ VX_API VxWriteStrm *FileStrmWriteOpen(const char *path);
 VX_API VxWriteStrm *FileStrmWriteText(const char *path);
 /* A read stream over `size` bytes at `data`: with `copy` non-zero the stream reads its own
  * copy, otherwise the caller's bytes in place (they must outlive the stream). NULL when
- * memory runs out or `size` is negative. */
+ * memory runs out, `size` is negative, or `data` is NULL with a positive size. */
 VX_API VxReadStrm *MemStrmReadCreate(const void *data, int32_t size, int copy);
 /* An empty memory write stream; NULL when memory runs out. */
 VX_API VxWriteStrm *MemStrmWriteCreate(void);
