@@ -9,6 +9,8 @@ int EnvAddFilter(VxEnvelope *env, VxEnvFilter *filter)
 
 int32_t EnvFilterIndex(const VxEnvelope *env, const VxEnvFilter *filter)
 {
+    if (!filter)
+        return -1;
     int32_t index = 0;
     for (VxNode *n = env->filters.head; n->succ; n = n->succ, ++index)
         if (n == &filter->node)

@@ -232,7 +232,7 @@ VX_API int EnvRemoveFilter(VxEnvelope *env, VxEnvFilter *filter);
 VX_API VxEnvFilter *EnvFilterInstance(const VxEnvelope *env, int32_t index);
 /* The filter's server name, or NULL. */
 VX_API const char *EnvFilterName(const VxEnvFilter *filter);
-/* The index of `filter` in the list, or -1. */
+/* The index of `filter` in the list, or -1 (also for NULL). */
 VX_API int32_t EnvFilterIndex(const VxEnvelope *env, const VxEnvFilter *filter);
 
 /* ---- Saved form ----------------------------------------------------------------------- */
