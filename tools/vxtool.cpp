@@ -14,6 +14,7 @@ struct Command {
 constexpr Command kCommands[] = {
     {"demo", "run every subsystem on built-in sample data", vxtool::DemoMain},
     {"image", "blur, resample, convolve or mipmap PNG files", vxtool::ImageMain},
+    {"env", "evaluate or plot the envelopes of a saved file", vxtool::EnvMain},
     {"iff", "print the chunk tree of an IFF file (iff dump FILE)", vxtool::IffMain},
 };
 

@@ -15,6 +15,7 @@ enum Exit : int {
 
 int DemoMain(int argc, char **argv);
 int ImageMain(int argc, char **argv);  // `vxtool image`
+int EnvMain(int argc, char **argv);    // `vxtool env`
 int IffMain(int argc, char **argv);    // `vxtool iff`
 
 // A demo section prints what it shows to `out` and returns true when every check held.
@@ -34,6 +35,7 @@ int vx_demo_ports(FILE *out);
 int vx_demo_undo(FILE *out);
 int vx_demo_image(FILE *out);
 int vx_demo_threads(FILE *out);
+int vx_demo_env(FILE *out);
 int vx_demo_io(FILE *out);
 // Prints the chunk tree of the IFF data at `data` as `vxtool iff dump` does; 1 when well formed.
 int vx_iff_dump(FILE *out, const void *data, size_t size);
