@@ -687,6 +687,15 @@ VX_API int HostRemServer(const char *className, const char *name)
 
 VX_API void HostExcludeServers(const char *const *list) { g_host.exclusions = list; }
 
+VX_API int32_t HostClassCount(void) { return g_host.classes.count; }
+
+VX_API const char *HostClassName(int32_t index)
+{
+    if (index < 0 || index >= g_host.classes.count)
+        return nullptr;
+    return static_cast<HostClass *>(g_host.classes.items[index])->name;
+}
+
 VX_API int32_t HostNumServers(const char *className)
 {
     const HostClass *cls = FindClass(className);

@@ -13,8 +13,10 @@ constexpr DemoSection kSections[] = {
     {"undo: a document edited, undone and redone", [](FILE *out) { return vx_demo_undo(out) != 0; }},
     {"images: blur, resample and mipmap a generated picture", [](FILE *out) { return vx_demo_image(out) != 0; }},
     {"thread groups: a parallel prime count, progress signals, abort and kill", [](FILE *out) { return vx_demo_threads(out) != 0; }},
+    {"plug-in host: scan the example modules, write the database, activate on demand", [](FILE *out) { return vx_demo_plugins(out) != 0; }},
     {"envelopes: every curve shape and behaviour, plotted", [](FILE *out) { return vx_demo_env(out) != 0; }},
     {"streams, IFF files and save states", [](FILE *out) { return vx_demo_io(out) != 0; }},
+    {"configuration: write a settings file and read it back", [](FILE *out) { return vx_demo_config(out) != 0; }},
 };
 
 }  // namespace

@@ -14,8 +14,10 @@ struct Command {
 constexpr Command kCommands[] = {
     {"demo", "run every subsystem on built-in sample data", vxtool::DemoMain},
     {"image", "blur, resample, convolve or mipmap PNG files", vxtool::ImageMain},
+    {"plugins", "scan plug-in modules, list the catalogue, activate a server", vxtool::PluginsMain},
     {"env", "evaluate or plot the envelopes of a saved file", vxtool::EnvMain},
     {"iff", "print the chunk tree of an IFF file (iff dump FILE)", vxtool::IffMain},
+    {"config", "list, get or set the entries of a configuration file", vxtool::ConfigMain},
 };
 
 void Usage(FILE *out)

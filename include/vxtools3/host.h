@@ -186,6 +186,10 @@ VX_API int HostRemServer(const char *className, const char *name);
 /* Sets the exclusion list: (class, name) string pairs, flattened, ended by a NULL class; the
  * array is kept, not copied (NULL clears it). Excluded servers are never registered. */
 VX_API void HostExcludeServers(const char *const *list);
+/* Returns the number of classes, declared or made by registrations. */
+VX_API int32_t HostClassCount(void);
+/* Returns the name of class `index` (classes in byte order of their names), or NULL. */
+VX_API const char *HostClassName(int32_t index);
 /* Returns the number of servers of a class, 0 when unknown. */
 VX_API int32_t HostNumServers(const char *className);
 /* Returns the name of server `index` of the class, or NULL. */

@@ -1,0 +1,290 @@
+// `vxtool plugins`: scan module files into the plug-in database, list the catalogue, activate
+// a server.
+#include "vxtool.h"
+
+#include <vxtools3/debug.h>
+#include <vxtools3/host.h>
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace vxtool {
+namespace {
+
+constexpr const char *kHelp =
+    "usage: vxtool plugins scan DIR... [--db PATH] [--verbose]\n"
+    "       vxtool plugins list [--class CLASS] [--json] [--db PATH]\n"
+    "       vxtool plugins activate CLASS NAME [--version N] [--db PATH] [--verbose]\n"
+    "\n"
+    "  scan      loads every regular file of each DIR as a plug-in module and records its\n"
+    "            servers in the plug-in database (refused files are named on stderr)\n"
+    "  list      prints the module servers of the database: class, name, user name, module\n"
+    "  activate  activates one server (its module is loaded on demand) with zeroed local data\n"
+    "\n"
+    "--db names the database directory (file VXEXT3.CFG inside it) or the database file itself;\n"
+    "the default is the current directory. --verbose shows the host's diagnostics on stderr.\n"
+    "Exit status: 0 done, 1 the activation or the database write failed, 2 bad command line,\n"
+    "3 a directory or the database is missing or unreadable.\n";
+
+struct Options {
+    std::vector<std::string> words;
+    std::string db = ".";
+    std::string className;
+    int32_t version = -1;
+    bool json = false;
+    bool verbose = false;
+};
+
+int UsageError(const std::string &message)
+{
+    std::fprintf(stderr, "vxtool plugins: %s\n(see 'vxtool plugins --help')\n", message.c_str());
+    return kUsage;
+}
+
+// Fills `o` from the arguments after the subcommand; a non-empty message on a bad line.
+std::string Parse(int argc, char **argv, Options &o)
+{
+    for (int i = 0; i < argc; ++i) {
+        const std::string arg = argv[i];
+        const bool hasValue = i + 1 < argc;
+        if (arg == "--json") {
+            o.json = true;
+        } else if (arg == "--verbose") {
+            o.verbose = true;
+        } else if (arg == "--db" || arg == "--class" || arg == "--version") {
+            if (!hasValue)
+                return arg + " wants a value";
+            const std::string value = argv[++i];
+            if (arg == "--db") {
+                o.db = value;
+            } else if (arg == "--class") {
+                o.className = value;
+            } else {
+                char *end = nullptr;
+                const long v = std::strtol(value.c_str(), &end, 10);
+                if (value.empty() || *end || v < 0 || v > INT32_MAX)
+                    return "--version wants a number from 0, not '" + value + "'";
+                o.version = static_cast<int32_t>(v);
+            }
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            return "unknown option '" + arg + "'";
+        } else {
+            o.words.push_back(arg);
+        }
+    }
+    return "";
+}
+
+// Starts the host over the chosen database; false (after a message) when it cannot start.
+bool Start(const Options &o)
+{
+    if (o.verbose) {
+        DBenable(1);
+        DBfile(nullptr);
+    }
+    if (!HostSetDatabase(o.db.c_str()) || !HostStartup()) {
+        std::fprintf(stderr, "vxtool plugins: the plug-in host could not start\n");
+        return false;
+    }
+    return true;
+}
+
+std::vector<std::string> RegularFiles(const std::string &dir, bool &ok)
+{
+    std::vector<std::string> files;
+    DIR *d = opendir(dir.c_str());
+    ok = d != nullptr;
+    if (!d)
+        return files;
+    while (dirent *entry = readdir(d)) {
+        const std::string path = dir + "/" + entry->d_name;
+        struct stat info;
+        if (entry->d_name[0] != '.' && stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode))
+            files.push_back(path);
+    }
+    closedir(d);
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+int Scan(const Options &o)
+{
+    if (o.words.size() < 2)
+        return UsageError("scan wants at least one directory");
+    std::vector<std::string> dirs;
+    for (size_t i = 1; i < o.words.size(); ++i) {
+        char absolute[PATH_MAX];
+        if (!realpath(o.words[i].c_str(), absolute)) {
+            std::fprintf(stderr, "vxtool plugins: %s: no such directory\n", o.words[i].c_str());
+            return kBadInput;
+        }
+        dirs.push_back(absolute);
+    }
+    if (!Start(o))
+        return kFailed;
+    int status = kOk, servers = 0, modules = 0;
+    for (const std::string &dir : dirs) {
+        bool ok = false;
+        for (const std::string &file : RegularFiles(dir, ok)) {
+            const int count = HostAddModule(file.c_str(), nullptr);
+            if (count < 0) {
+                std::fprintf(stderr, "vxtool plugins: %s: %s\n", file.c_str(),
+                             count == -2 ? "module in use" : count == -3 ? "out of memory" : "not a usable plug-in module");
+                continue;
+            }
+            std::printf("%s: %d server%s\n", file.c_str(), count, count == 1 ? "" : "s");
+            servers += count;
+            ++modules;
+        }
+        if (!ok) {
+            std::fprintf(stderr, "vxtool plugins: %s: cannot read the directory\n", dir.c_str());
+            status = kBadInput;
+        }
+    }
+    const std::string database = HostDatabaseFile() ? HostDatabaseFile() : "";
+    const int written = HostWriteDatabase();
+    HostShutdown();
+    if (!written) {
+        std::fprintf(stderr, "vxtool plugins: cannot write the database %s\n", database.c_str());
+        return kFailed;
+    }
+    std::printf("%d server%s from %d module%s; database %s\n", servers, servers == 1 ? "" : "s", modules,
+                modules == 1 ? "" : "s", database.c_str());
+    return status;
+}
+
+std::string JsonString(const char *text)
+{
+    std::string out = "\"";
+    for (const unsigned char *p = reinterpret_cast<const unsigned char *>(text ? text : ""); *p; ++p) {
+        if (*p == '"' || *p == '\\') {
+            out += '\\';
+            out += static_cast<char>(*p);
+        } else if (*p < 0x20) {
+            char escape[8];
+            std::snprintf(escape, sizeof escape, "\\u%04x", *p);
+            out += escape;
+        } else {
+            out += static_cast<char>(*p);
+        }
+    }
+    return out + "\"";
+}
+
+struct ListState {
+    const Options *options;
+    int printed;
+};
+
+void ListServer(void *data, const char *className, int32_t index)
+{
+    auto *state = static_cast<ListState *>(data);
+    const char *module = ServerGetModule(className, index);
+    if (!module || (!state->options->className.empty() && state->options->className != className))
+        return;
+    const char *name = ServerGetName(className, index);
+    const char *userName = ServerGetUserName(className, index);
+    if (state->options->json) {
+        std::printf("%s\n  {\"class\": %s, \"name\": %s, \"userName\": %s, \"module\": %s}",
+                    state->printed ? "," : "", JsonString(className).c_str(), JsonString(name).c_str(),
+                    JsonString(userName).c_str(), JsonString(module).c_str());
+    } else {
+        std::printf("%s\t%s\t%s\t%s\n", className, name, userName, module);
+    }
+    ++state->printed;
+}
+
+int List(const Options &o)
+{
+    if (o.words.size() != 1)
+        return UsageError("list takes no other words");
+    if (!Start(o))
+        return kFailed;
+    const char *file = HostDatabaseFile();
+    struct stat info;
+    if (!file || stat(file, &info) != 0) {
+        std::fprintf(stderr, "vxtool plugins: no plug-in database at %s\n", file ? file : o.db.c_str());
+        HostShutdown();
+        return kBadInput;
+    }
+    if (!o.className.empty() && !HostNumServers(o.className.c_str())) {
+        std::fprintf(stderr, "vxtool plugins: no class '%s'\n", o.className.c_str());
+        HostShutdown();
+        return kFailed;
+    }
+    ListState state{&o, 0};
+    if (o.json)
+        std::printf("[");
+    // Every class, declared or not: the classes of module servers often have no version.
+    for (int32_t c = 0; c < HostClassCount(); ++c)
+        for (int32_t i = 0; i < HostNumServers(HostClassName(c)); ++i)
+            ListServer(&state, HostClassName(c), i);
+    if (o.json)
+        std::printf("%s]\n", state.printed ? "\n" : "");
+    HostShutdown();
+    return kOk;
+}
+
+int Activate(const Options &o)
+{
+    if (o.words.size() != 3)
+        return UsageError("activate wants a class and a server name");
+    if (!Start(o))
+        return kFailed;
+    const char *cls = o.words[1].c_str();
+    const char *name = o.words[2].c_str();
+    int32_t local[64] = {};
+    const int32_t result = HostActivateVer(cls, name, local, o.version);
+    int status = kOk;
+    if (result == -1) {
+        std::fprintf(stderr, "vxtool plugins: no server %s:%s\n", cls, name);
+        status = kFailed;
+    } else if (result == -2) {
+        std::fprintf(stderr, "vxtool plugins: %s:%s has no activation function (its module did not load)\n", cls,
+                     name);
+        status = kFailed;
+    } else {
+        std::printf("activated %s:%s: result %d, first local word %d\n", cls, name, static_cast<int>(result),
+                    static_cast<int>(local[0]));
+        status = result == 0 ? kOk : kFailed;
+    }
+    HostFlush();
+    HostShutdown();
+    return status;
+}
+
+}  // namespace
+
+int PluginsMain(int argc, char **argv)
+{
+    for (int i = 1; i < argc; ++i) {
+        if (!std::strcmp(argv[i], "--help") || !std::strcmp(argv[i], "-h")) {
+            std::printf("%s", kHelp);
+            return kOk;
+        }
+    }
+    Options o;
+    const std::string error = Parse(argc - 1, argv + 1, o);
+    if (!error.empty())
+        return UsageError(error);
+    if (o.words.empty())
+        return UsageError("missing subcommand: scan, list or activate");
+    const std::string &command = o.words[0];
+    if (command == "scan")
+        return Scan(o);
+    if (command == "list")
+        return List(o);
+    if (command == "activate")
+        return Activate(o);
+    return UsageError("unknown subcommand '" + command + "'");
+}
+
+}  // namespace vxtool
