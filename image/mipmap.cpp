@@ -218,7 +218,7 @@ VX_API int MipmapDestroy(VxMipmap *mipmap)
 VX_API int MipmapFilteredPixel(VxMipmap *mipmap, int32_t type, double u, double v, void *out, int32_t bilinear,
                                double filterSize)
 {
-    if (!out || !mipmap || mipmap->count < 1 || !mipmap->levels[0] || std::isnan(u) || std::isnan(v))
+    if (!out || !mipmap || mipmap->count < 1 || !mipmap->levels[0] || !std::isfinite(u) || !std::isfinite(v))
         return 0;
     u = Wrap(u);
     v = Wrap(v);

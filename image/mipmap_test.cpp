@@ -193,6 +193,7 @@ TEST(MipmapFilteredPixel, WrapsCoordinatesAndChoosesLevels)
     float out;
     EXPECT_EQ(MipmapFilteredPixel(p.m, VX_PIXEL_GREY_FLOAT, 0.5, 0.5, nullptr, 0, 0), 0);
     EXPECT_EQ(MipmapFilteredPixel(nullptr, VX_PIXEL_GREY_FLOAT, 0.5, 0.5, &out, 0, 0), 0);
+    EXPECT_EQ(MipmapFilteredPixel(p.m, VX_PIXEL_GREY_FLOAT, INFINITY, 0.5, &out, 0, 0), 0) << "cannot be wrapped";
     float bilinear;
     ASSERT_EQ(MipmapFilteredPixel(p.m, VX_PIXEL_GREY_FLOAT, 0.5, 0.5, &bilinear, 1, 0), 1);
     float direct;

@@ -1,6 +1,6 @@
-// Resampling: point/bilinear, footprint mean, area averages and separable cubics. The source
-// is read once into an RGBA float buffer; result rows are computed as RGBA floats and written
-// through the result's set-line operation.
+// Resampling: point/bilinear, footprint mean, area averages and separable cubics. Every source
+// pixel is read once as RGBA floats (RGBA float sources are used in place); result rows are
+// computed as RGBA floats and written through the result's set-line operation.
 #include "image/image_internal.h"
 
 #include <algorithm>
@@ -12,7 +12,6 @@ namespace {
 
 constexpr size_t kGatherBytes = 16384;
 constexpr int kGatherSamples = kGatherBytes / 16;
-constexpr int kCubicMargin = 2;  // padding columns/rows on each side of the cubic buffer
 
 struct Job {
     VxImage *source;
@@ -186,12 +185,14 @@ void AreaRows(const Job &job, int32_t mode, double *acc, Span *columns)
 
 // ---- modes 4, 5: separable cubics ----
 
+// The four taps of one result column or row: source indices with the edges repeated
+// outward, and their weights.
 struct CubicTap {
-    int32_t first;  // first of the four taps, in padded coordinates
+    int32_t index[4];
     float w[4];
 };
 
-CubicTap CubicAt(int32_t mode, int32_t i, double step)
+CubicTap CubicAt(int32_t mode, int32_t i, double step, int32_t size)
 {
     const double u = (i + 0.5) * step - 0.5;
     double t = u - static_cast<double>(static_cast<int64_t>(u));
@@ -200,40 +201,51 @@ CubicTap CubicAt(int32_t mode, int32_t i, double step)
     double w[4];
     CubicWeights(mode, t, w);
     CubicTap tap;
-    tap.first = static_cast<int32_t>(std::floor(u)) - 1 + kCubicMargin;
-    for (int k = 0; k < 4; ++k)
+    const auto first = static_cast<int32_t>(std::floor(u)) - 1;
+    for (int k = 0; k < 4; ++k) {
+        tap.index[k] = std::clamp(first + k, 0, size - 1);
         tap.w[k] = static_cast<float>(w[k]);
+    }
     return tap;
 }
 
-// Horizontal pass of one padded source row into `out` (result width x 4 floats):
+// Horizontal pass of one source row into `out` (result width x 4 floats):
 // ((w0 p0 + w1 p1) + w2 p2) + w3 p3 per channel.
 void CubicAcross(const float *src, const CubicTap *taps, int32_t width, float *out)
 {
     for (int32_t x = 0; x < width; ++x) {
-        const float *p = src + 4 * taps[x].first;
+        const int32_t *i = taps[x].index;
         const float *w = taps[x].w;
+        const float *p0 = src + 4 * i[0], *p1 = src + 4 * i[1], *p2 = src + 4 * i[2], *p3 = src + 4 * i[3];
         for (int c = 0; c < 4; ++c)
-            out[4 * x + c] = ((w[0] * p[c] + w[1] * p[4 + c]) + w[2] * p[8 + c]) + w[3] * p[12 + c];
+            out[4 * x + c] = ((w[0] * p0[c] + w[1] * p1[c]) + w[2] * p2[c]) + w[3] * p3[c];
     }
 }
 
-// `rows` holds four horizontal sums, slot r & 3 for padded row r, tagged in `tags`.
-void CubicRows(const Job &job, int32_t mode, CubicTap *columns, float *rows)
+// The cubic modes read each needed source row once (in place for RGBA float sources,
+// else converted into `row`); `sums` keeps the horizontal sums of four rows, slot r & 3 for
+// source row r (the rows one result row needs are consecutive, so their slots differ).
+void CubicRows(const Job &job, int32_t mode, CubicTap *columns, float *sums, float *row)
 {
+    VxImage *source = job.source;
     const int32_t width = job.result->width;
     const size_t rowFloats = 4 * static_cast<size_t>(width);
     for (int32_t x = 0; x < width; ++x)
-        columns[x] = CubicAt(mode, x, job.sx);
+        columns[x] = CubicAt(mode, x, job.sx, source->width);
     int32_t tags[4] = {-1, -1, -1, -1};
     for (int32_t y = 0; y < job.result->height; ++y) {
-        const CubicTap ty = CubicAt(mode, y, job.sy);
+        const CubicTap ty = CubicAt(mode, y, job.sy, source->height);
         const float *h[4];
         for (int k = 0; k < 4; ++k) {
-            const int32_t r = ty.first + k;
-            float *slot = rows + rowFloats * (r & 3);
+            const int32_t r = ty.index[k];
+            float *slot = sums + rowFloats * (r & 3);
             if (tags[r & 3] != r) {
-                CubicAcross(job.pixels + job.stride * r, columns, width, slot);
+                const float *src = row;
+                if (source->type == VX_PIXEL_RGBA_FLOAT)
+                    src = reinterpret_cast<const float *>(source->priv->pixels) + 4 * static_cast<size_t>(source->width) * r;
+                else if (!source->getLine(source, VX_PIXEL_RGBA_FLOAT, r, row))
+                    CkptRecover(kLocalFailure);
+                CubicAcross(src, columns, width, slot);
                 tags[r & 3] = r;
             }
             h[k] = slot;
@@ -242,29 +254,6 @@ void CubicRows(const Job &job, int32_t mode, CubicTap *columns, float *rows)
         for (size_t i = 0; i < rowFloats; ++i)
             job.line[i] = ((w[0] * h[0][i] + w[1] * h[1][i]) + w[2] * h[2][i]) + w[3] * h[3][i];
         WriteLine(job, y);
-    }
-}
-
-// Reads the source into a buffer padded by kCubicMargin repeated edge pixels on every side.
-void ReadPadded(VxImage *source, float *padded, size_t stride, float *row)
-{
-    const int32_t w = source->width, h = source->height, m = kCubicMargin;
-    for (int32_t y = -m; y < h + m; ++y) {
-        if (y >= 0 && y < h && !source->getLine(source, VX_PIXEL_RGBA_FLOAT, y, row))
-            CkptRecover(kLocalFailure);
-        if (y >= 0 && y < h)
-            std::memcpy(padded + stride * (y + m) + 4 * m, row, 16 * static_cast<size_t>(w));
-    }
-    for (int32_t y = 0; y < h; ++y) {
-        float *line = padded + stride * (y + m);
-        for (int32_t i = 0; i < m; ++i) {
-            std::memcpy(line + 4 * i, line + 4 * m, 16);
-            std::memcpy(line + 4 * (w + m + i), line + 4 * (w + m - 1), 16);
-        }
-    }
-    for (int32_t i = 0; i < m; ++i) {
-        std::memcpy(padded + stride * i, padded + stride * m, 4 * stride);
-        std::memcpy(padded + stride * (h + m + i), padded + stride * (h + m - 1), 4 * stride);
     }
 }
 
@@ -285,14 +274,9 @@ void RunMode(Job &job, int32_t mode, Scratch &scratch)
     const size_t width = static_cast<size_t>(job.result->width);
     job.line = scratch.Take<float>((16 * width));
     if (mode >= 4) {
-        job.stride = 4 * (static_cast<size_t>(source->width) + 2 * kCubicMargin);
-        const size_t bytes = 4 * job.stride * (static_cast<size_t>(source->height) + 2 * kCubicMargin);
-        auto *padded = scratch.Take<float>((bytes));
-        auto *row = scratch.Take<float>((16 * static_cast<size_t>(source->width)));
-        ReadPadded(source, padded, job.stride, row);
-        job.pixels = padded;
-        auto *columns = scratch.Take<CubicTap>((sizeof(CubicTap) * width));
-        CubicRows(job, mode, columns, scratch.Take<float>((64 * width)));
+        auto *columns = scratch.Take<CubicTap>(sizeof(CubicTap) * width);
+        auto *sums = scratch.Take<float>(64 * width);
+        CubicRows(job, mode, columns, sums, scratch.Take<float>(16 * static_cast<size_t>(source->width)));
         return;
     }
     job.stride = 4 * static_cast<size_t>(source->width);
