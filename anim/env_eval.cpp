@@ -10,13 +10,15 @@ constexpr double kThird = 0.3333333333333333;
 // tick(x) of a handle stored as an absolute time, as the 2-D Bezier tangents read it.
 double HandleTick(double seconds) { return static_cast<double>(TickOf(seconds)); }
 
-// The cubic with control values c0 ... c3 at s, in power form.
-double BezierPower(double c0, double c1, double c2, double c3, double s)
-{
-    const double a = (c1 - c0) * 3.0;
-    const double b = (c2 - c1) * 3.0 - a;
-    return c0 + a * s + b * (s * s) + (c3 - c0 - a - b) * (s * s * s);
-}
+// A cubic with control values c0 ... c3, in power form: c0 + a s + b s^2 + d s^3.
+struct PowerCubic {
+    double c0, a, b, d;
+    PowerCubic(double p0, double p1, double p2, double p3)
+        : c0(p0), a((p1 - p0) * 3.0), b((p2 - p1) * 3.0 - a), d(p3 - p0 - a - b)
+    {
+    }
+    double At(double s) const { return c0 + a * s + b * (s * s) + d * (s * s * s); }
+};
 
 // The 2-D Bezier segment from S to E at time t: bisection for x(s) = t, then y(s).
 double Bezier2Segment(const VxEnvKey *s, const VxEnvKey *e, double t)
@@ -34,12 +36,13 @@ double Bezier2Segment(const VxEnvKey *s, const VxEnvKey *e, double t)
     }
     const double x2 = eTime + e->p[0];
     const double y2 = e->value + e->p[1];
+    const PowerCubic xCurve(sTime, x1, x2, eTime);
     double lo = 0.0, hi = 1.0, mid = 0.0;
     for (int i = 0;; ++i) {
         mid = lo + (hi - lo) * 0.5;
         if (i > 16)
             break;
-        const double x = BezierPower(sTime, x1, x2, eTime, mid);
+        const double x = xCurve.At(mid);
         if (std::fabs(t - x) < 0.0001)
             break;
         if (x < t)
@@ -47,7 +50,7 @@ double Bezier2Segment(const VxEnvKey *s, const VxEnvKey *e, double t)
         else
             hi = mid;
     }
-    return BezierPower(s->value, y1, y2, e->value, mid);
+    return PowerCubic(s->value, y1, y2, e->value).At(mid);
 }
 
 double Hermite(VxEnvKey *s, VxEnvKey *e, double u)
@@ -82,7 +85,12 @@ double SegmentValue(VxEnvelope *env, double t, bool probeBefore)
     const int32_t n = TickOf(t);
     VxEnvKey *s = nullptr;
     VxEnvKey *e = nullptr;
-    for (VxEnvKey *k = FirstKey(env); k; k = NextKey(k)) {
+    VxEnvKey *k = FirstKey(env);
+    if (env->hint && env->hint->tick < n) {
+        s = env->hint;
+        k = NextKey(s);
+    }
+    for (; k; k = NextKey(k)) {
         if (k->tick == n)
             return k->value;
         if (k->tick > n) {
@@ -91,6 +99,7 @@ double SegmentValue(VxEnvelope *env, double t, bool probeBefore)
         }
         s = k;
     }
+    env->hint = s;
     if (!s)
         return e->value;
     if (!e)

@@ -234,6 +234,7 @@ void Commit(VxEnvelope *env, Loaded &l)
 {
     FreeKeyList(&env->keys);
     NewList(&env->keys);
+    env->hint = nullptr;
     if (l.keyCount)
         MoveList(&env->keys, &l.keys);
     env->keyCount = l.keyCount;

@@ -184,6 +184,7 @@ int EnvDelKey(VxEnvelope *env, VxEnvKey *key)
     if (!key || !OwnsKey(env, key))
         return 0;
     Notify(env, ENV_NOTIFY_KEY_DELETED, reinterpret_cast<uintptr_t>(key));
+    env->hint = nullptr;
     Remove(&key->node);
     --env->keyCount;
     FreeHeap(key, sizeof(VxEnvKey));
@@ -195,6 +196,7 @@ VxEnvKey *EnvKeyReplace(VxEnvelope *env, VxEnvKey *key, double t, double value)
     const int32_t tick = TickOf(t);
     VxEnvKey *occupant = KeyAtTick(env, tick);
     if (occupant && occupant != key) {
+        env->hint = nullptr;
         Remove(&occupant->node);
         --env->keyCount;
         FreeHeap(occupant, sizeof(VxEnvKey));

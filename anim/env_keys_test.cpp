@@ -314,3 +314,33 @@ TEST(EnvOom, CreateAddKeyCopyAndCopyKeys)
 }
 
 }  // namespace
+
+namespace {
+
+// Playback resumes its walk at the last segment; deleting, replacing and moving keys between
+// evaluations must give what a fresh copy of the same keys gives.
+TEST(EnvKeys, PlaybackAfterEditsMatchesAFreshCopy)
+{
+    VxEnvelope *env = EnvCreate(nullptr, 0, 0, nullptr);
+    for (int i = 0; i < 8; ++i)
+        EnvKeySetType(env, EnvAddKey(env, i * 0.5, (i * 7) % 5), i % 5);
+    auto compare = [&] {
+        VxEnvelope *fresh = EnvCopy(env);
+        for (int i = -10; i <= 90; ++i)
+            ASSERT_EQ(EnvEvaluate(env, i * 0.05), EnvEvaluate(fresh, i * 0.05)) << i;
+        EnvDestroy(fresh);
+    };
+    compare();
+    EnvEvaluate(env, 2.2);  // the segment starting at 2.0
+    EnvDelKey(env, EnvGetKey(env, 2.0));
+    compare();
+    EnvEvaluate(env, 2.7);
+    EnvKeyReplace(env, EnvGetKey(env, 3.0), 2.5, 4.0);  // the start key 2.5 is replaced
+    compare();
+    EnvEvaluate(env, 3.4);
+    EnvKeySetTime(env, EnvGetKey(env, 2.5), 3.7);
+    compare();
+    EnvDestroy(env);
+}
+
+}  // namespace

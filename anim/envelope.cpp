@@ -145,6 +145,7 @@ int EnvCopyKeys(VxEnvelope *to, const VxEnvelope *from)
     CkptEnd();
     FreeKeyList(&to->keys);
     NewList(&to->keys);
+    to->hint = nullptr;
     if (count)
         MoveList(&to->keys, &copied);
     to->keyCount = count;

@@ -39,6 +39,9 @@ struct VxEnvelope {
     double lastValue;
     double second;
     char nameBuffer[kNameMax + 1];
+    // The start key of the segment evaluated last: playback resumes its walk there. Cleared
+    // whenever a key leaves the list; moved keys stay members, so it stays usable.
+    VxEnvKey *hint;
 };
 
 namespace vx::env {
