@@ -17,7 +17,6 @@ constexpr DemoSection kSections[] = {
     {"envelopes: every curve shape and behaviour, plotted", [](FILE *out) { return vx_demo_env(out) != 0; }},
     {"streams, IFF files and save states", [](FILE *out) { return vx_demo_io(out) != 0; }},
     {"configuration: write a settings file and read it back", [](FILE *out) { return vx_demo_config(out) != 0; }},
-    {"configuration: write a settings file and read it back", [](FILE *out) { return vx_demo_config(out) != 0; }},
 };
 
 }  // namespace

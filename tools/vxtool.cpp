@@ -18,7 +18,6 @@ constexpr Command kCommands[] = {
     {"env", "evaluate or plot the envelopes of a saved file", vxtool::EnvMain},
     {"iff", "print the chunk tree of an IFF file (iff dump FILE)", vxtool::IffMain},
     {"config", "list, get or set the entries of a configuration file", vxtool::ConfigMain},
-    {"config", "list, get or set the entries of a configuration file", vxtool::ConfigMain},
 };
 
 void Usage(FILE *out)

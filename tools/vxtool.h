@@ -19,7 +19,6 @@ int PluginsMain(int argc, char **argv);  // `vxtool plugins`
 int EnvMain(int argc, char **argv);    // `vxtool env`
 int IffMain(int argc, char **argv);    // `vxtool iff`
 int ConfigMain(int argc, char **argv); // `vxtool config`
-int ConfigMain(int argc, char **argv); // `vxtool config`
 
 // A demo section prints what it shows to `out` and returns true when every check held.
 struct DemoSection {
@@ -41,7 +40,6 @@ int vx_demo_threads(FILE *out);
 int vx_demo_plugins(FILE *out);
 int vx_demo_env(FILE *out);
 int vx_demo_io(FILE *out);
-int vx_demo_config(FILE *out);
 int vx_demo_config(FILE *out);
 // Prints the chunk tree of the IFF data at `data` as `vxtool iff dump` does; 1 when well formed.
 int vx_iff_dump(FILE *out, const void *data, size_t size);
