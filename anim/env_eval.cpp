@@ -80,9 +80,8 @@ double Bezier1(VxEnvKey *s, VxEnvKey *e, double u)
 // The curve at t inside or at the ends of the key range, without the behaviour offset.
 // `probeBefore` marks the Linear pre-behaviour probe, which reads a Hermite-family segment
 // starting at a 2-D Bezier key from the 2-D Bezier curve.
-double SegmentValue(VxEnvelope *env, double t, bool probeBefore)
+double SegmentValue(VxEnvelope *env, double t, int32_t n, bool probeBefore)
 {
-    const int32_t n = TickOf(t);
     VxEnvKey *s = nullptr;
     VxEnvKey *e = nullptr;
     VxEnvKey *k = FirstKey(env);
@@ -157,14 +156,15 @@ double BeforeFirst(VxEnvelope *env, VxEnvKey *first, VxEnvKey *last, double t, i
     case ENV_BEHAVIOR_OSCILLATE:
     case ENV_BEHAVIOR_OFFSET: {
         const Wrapped w = WrapCycles(first, last, t, n, env->pre);
-        return w.offset + SegmentValue(env, w.t, false);
+        return w.offset + SegmentValue(env, w.t, TickOf(w.t), false);
     }
     case ENV_BEHAVIOR_LINEAR: {
         if (first->shape == ENV_SHAPE_LINEAR)
             return first->value + OutTangent(first) * (t - tF);
         if (first->shape == ENV_SHAPE_STEPPED)
             return first->value;
-        const double probe = SegmentValue(env, tF + 2.0 * kTickSeconds, true);
+        const double at = tF + 2.0 * kTickSeconds;
+        const double probe = SegmentValue(env, at, TickOf(at), true);
         return first->value + (probe - first->value) / (2.0 * kTickSeconds) * (t - tF);
     }
     default: return first->value;
@@ -180,14 +180,15 @@ double AfterLast(VxEnvelope *env, VxEnvKey *first, VxEnvKey *last, double t, int
     case ENV_BEHAVIOR_OSCILLATE:
     case ENV_BEHAVIOR_OFFSET: {
         const Wrapped w = WrapCycles(first, last, t, n, env->post);
-        return w.offset + SegmentValue(env, w.t, false);
+        return w.offset + SegmentValue(env, w.t, TickOf(w.t), false);
     }
     case ENV_BEHAVIOR_LINEAR: {
         if (last->shape == ENV_SHAPE_LINEAR)
             return last->value + InTangent(last) * (t - tL);
         if (last->shape == ENV_SHAPE_STEPPED)
             return last->value;
-        const double probe = SegmentValue(env, tL - 2.0 * kTickSeconds, false);
+        const double at = tL - 2.0 * kTickSeconds;
+        const double probe = SegmentValue(env, at, TickOf(at), false);
         return last->value + (last->value - probe) / (2.0 * kTickSeconds) * (t - tL);
     }
     default: return last->value;
@@ -263,7 +264,7 @@ double CurveValue(VxEnvelope *env, double t)
         return BeforeFirst(env, first, last, t, n);
     if (n > last->tick)
         return AfterLast(env, first, last, t, n);
-    return SegmentValue(env, t, false);
+    return SegmentValue(env, t, n, false);
 }
 
 }  // namespace vx::env

@@ -4,6 +4,7 @@
 #include <vxtools3/envelope.h>
 
 #include <cmath>
+#include <climits>
 #include <cstdint>
 
 // One tick in seconds. Conversions multiply by it; they never divide by 3600.
@@ -46,17 +47,18 @@ struct VxEnvelope {
 
 namespace vx::env {
 
-// floor(t * 3600 + 0.5), clamped to the 32-bit range; NaN gives 0.
+// floor(t * 3600 + 0.5), clamped to the 32-bit range; NaN gives 0. The floor is taken by
+// truncating and stepping down, which avoids a library call on processors without a
+// rounding instruction.
 inline int32_t TickOf(double t)
 {
-    const double x = std::floor(t * 3600.0 + 0.5);
-    if (!(x == x))
-        return 0;
-    if (x <= -2147483648.0)
-        return INT32_MIN;
+    const double x = t * 3600.0 + 0.5;
+    if (!(x > -2147483648.0))
+        return x != x ? 0 : INT32_MIN;
     if (x >= 2147483647.0)
         return INT32_MAX;
-    return static_cast<int32_t>(x);
+    const auto truncated = static_cast<int32_t>(x);
+    return static_cast<double>(truncated) > x ? truncated - 1 : truncated;
 }
 
 inline double SecondsOf(int32_t tick) { return static_cast<double>(tick) * kTickSeconds; }
