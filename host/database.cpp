@@ -144,15 +144,11 @@ VxWriteStrm *OpenWrite(const char *path)
 
 }  // namespace
 
-bool ReadDatabaseFile(const char *path)
+bool ReadDatabaseStream(VxReadStrm *stream, const char *name)
 {
-    VxReadStrm *stream = FileStrmReadOpen(path, nullptr);
-    if (!stream)
-        return false;
     Txn txn;
     TxnBegin(&txn);
     CKPT_BEGIN_OR_RETURN(false);
-    CkptArm(CloseReadArm, reinterpret_cast<uintptr_t>(stream), 0);
     TxnArmRollback(&txn);
     CkptArm(EndReadingArm, 0, 0);
     g_host.readingDatabase = true;
@@ -167,15 +163,27 @@ bool ReadDatabaseFile(const char *path)
     const bool damaged = state.error != 0;
     g_host.readingDatabase = false;
     CkptEnd();
-    StrmReadDestroy(stream);
     HostServer *touched = TxnCommit(&txn);
     // A damaged file cannot tell which servers are gone: only a whole file removes any.
     if (!damaged)
         RemoveStale();
     else
-        DBprintf("plug-in database %s is damaged at line %d\n", path, static_cast<int>(state.line));
+        DBprintf("plug-in database %s is damaged at line %d\n", name, static_cast<int>(state.line));
     TxnAnnounce(touched, nullptr);
     return !damaged;
+}
+
+bool ReadDatabaseFile(const char *path)
+{
+    VxReadStrm *stream = FileStrmReadOpen(path, nullptr);
+    if (!stream)
+        return false;
+    CKPT_BEGIN_OR_RETURN(false);
+    CkptArm(CloseReadArm, reinterpret_cast<uintptr_t>(stream), 0);
+    const bool whole = ReadDatabaseStream(stream, path);
+    CkptEnd();
+    StrmReadDestroy(stream);
+    return whole;
 }
 
 bool WriteDatabaseFile(const char *path)

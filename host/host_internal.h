@@ -4,6 +4,7 @@
 #include <vxtools3/host.h>
 #include <vxtools3/lists.h>
 #include <vxtools3/ports.h>
+#include <vxtools3/streams.h>
 
 namespace vx::host {
 
@@ -133,6 +134,8 @@ int32_t StandardLoader(int32_t version, HostGlobalFunc *global, void *local, voi
 // Reads the database file into the catalogue; false when the file could not be opened or was
 // damaged (complete entries before the damage are kept). Raises when memory runs out.
 bool ReadDatabaseFile(const char *path);
+// The same over an open stream; `name` names it in the damage message.
+bool ReadDatabaseStream(VxReadStrm *stream, const char *name);
 bool WriteDatabaseFile(const char *path);
 void RegisterCatalogue();
 int32_t CatalogueRowCount();
