@@ -1,0 +1,1 @@
+vx_bench(config_bench config_bench.cpp)
