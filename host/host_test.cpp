@@ -524,8 +524,10 @@ TEST_F(HostTest, ShutdownWithALockedServerIsDeferred)
 // End to end: scan, write, restart, read back, activate on demand.
 TEST_F(HostTest, DatabaseRoundTripAndExpectedText)
 {
+    vxtest::DebugCapture capture;
     ASSERT_EQ(HostStartup(), 1);
     EXPECT_FALSE(std::ifstream(DbFile()).good());  // no database yet, nothing written
+    ASSERT_EQ(HostAddModule("fixture_othercpu.so", nullptr), -1);
     ASSERT_EQ(HostAddModule("example_shapes.so", nullptr), 3);
     ASSERT_EQ(HostAddModule("example_legacy.so", nullptr), 1);
     ASSERT_EQ(HostAddModule("example_wraploader.so", nullptr), 2);
@@ -551,6 +553,31 @@ TEST_F(HostTest, DatabaseRoundTripAndExpectedText)
     // Unchanged since it was read: shutting down does not write it again.
     std::remove(DbFile().c_str());
     HostShutdown();
+    EXPECT_FALSE(std::ifstream(DbFile()).good());
+    EXPECT_EQ(capture.Text(), "plug-in module fixture_othercpu.so is for a different cpu; type=0x400\n"
+                              "plug-in module fixture_othercpu.so returned NULL startup data\n");
+}
+
+TEST_F(HostTest, ApplicationSaveEventWritesAChangedDatabase)
+{
+    ASSERT_EQ(HostStartup(), 1);
+    EXPECT_STREQ(FileSystemPath(7), db_.Path().c_str());
+    EXPECT_STREQ(HostDatabaseFile(), DbFile().c_str());
+    HostPathSet("/some/module/dir");
+    EXPECT_STREQ(HostPathGet(), "/some/module/dir");
+    static int owner;
+    const auto server = reinterpret_cast<uintptr_t>(&owner);
+    VxPort *events = GlobalPortAcquire("application-events", 0, server, nullptr);
+    ASSERT_NE(events, nullptr);
+    PortNotify(events, server, 0, 5, 0, 0);
+    EXPECT_FALSE(std::ifstream(DbFile()).good());  // nothing changed since startup
+    ASSERT_EQ(HostAddPlugIn("Tool", "A", "Ay", "a.so"), 1);
+    PortNotify(events, server, 0, 4, 0, 0);  // another event: nothing
+    EXPECT_FALSE(std::ifstream(DbFile()).good());
+    PortNotify(events, server, 0, 5, 0, 0);
+    EXPECT_EQ(ReadFile(DbFile()), "Entry {\n  Class \"Tool\"\n  Name \"A\"\n  Module \"a.so\"\n  InfoTag 0 \"Ay\"\n}\n");
+    std::remove(DbFile().c_str());
+    HostShutdown();  // written already: not again
     EXPECT_FALSE(std::ifstream(DbFile()).good());
 }
 
