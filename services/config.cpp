@@ -304,6 +304,7 @@ Entry *NewEntry(Definition *def, char *text)
         CkptRecover(1);
     entry->value = def;
     entry->text = text;
+    entry->recordSize = sizeof(Entry);
     return entry;
 }
 
@@ -323,8 +324,9 @@ void UnlinkEntry(Entry *entry)
 
 void FreeEntry(Entry *entry)
 {
-    StringFree(entry->text);
-    FreeHeap(entry, sizeof *entry);
+    if (!TextInline(entry))
+        StringFree(entry->text);
+    FreeHeap(entry, entry->recordSize);
 }
 
 Entry *EntryOfSibling(VxNode *node)

@@ -139,10 +139,14 @@ void StageLine(Staging &st, char *line)
     Definition *def = named ? reinterpret_cast<Definition *>(named) : StagedValue(st, name, hash);
     if (def->flags & kMarked)
         def->flags |= kHasLines;
-    auto *entry = static_cast<Entry *>(StdAlloc(sizeof(Entry)));
+    // One block for the record and its text: imports make many entries.
+    const size_t textSize = std::strlen(value) + 1;
+    auto *entry = static_cast<Entry *>(StdAlloc(sizeof(Entry) + textSize));
     entry->value = def;
+    entry->text = reinterpret_cast<char *>(entry + 1);
+    entry->recordSize = sizeof(Entry) + textSize;
+    std::memcpy(entry->text, value, textSize);
     AddTail(&st.entries, &entry->order);
-    entry->text = StringCopy(value);
 }
 
 // Applies a complete staging to the store; allocates nothing.
@@ -173,6 +177,7 @@ int ImportFile(const char *path, const char *const *names)
     FILE *file = std::fopen(path, "r");
     if (!file)
         return 0;
+    std::setvbuf(file, nullptr, _IOFBF, 1 << 16);
     Staging st{};
     NewList(&st.definitions);
     NewList(&st.entries);
@@ -289,6 +294,7 @@ int ExportFile(const char *path, const char *const *names)
     FILE *file = std::fopen(path, "w");
     if (!file)
         return 0;
+    std::setvbuf(file, nullptr, _IOFBF, 1 << 16);
     CKPT_BEGIN_OR_RETURN(0);
     CkptArm(CloseFileArm, reinterpret_cast<uintptr_t>(file), 0);
     BeginCallout();

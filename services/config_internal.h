@@ -39,8 +39,15 @@ struct Entry {
     VxNode order;    // in the store's entry list (insertion order)
     VxNode sibling;  // in its value's list
     Definition *value;
-    char *text;
+    char *text;          // its own block, or the bytes right after the record (imports)
+    size_t recordSize;   // bytes of the record's block, inline text included
 };
+
+// True when the entry's text lives in the record's own block.
+inline bool TextInline(const Entry *entry)
+{
+    return entry->text == reinterpret_cast<const char *>(entry + 1);
+}
 
 struct Alias {
     Named named;

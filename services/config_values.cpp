@@ -256,7 +256,8 @@ void FreeTextArm(uintptr_t text, uintptr_t)
 
 void ReplaceText(Entry *entry, char *text)
 {
-    StringFree(entry->text);
+    if (!TextInline(entry))
+        StringFree(entry->text);
     entry->text = text;
 }
 
