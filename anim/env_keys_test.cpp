@@ -127,6 +127,29 @@ TEST_F(Observed, DeleteReplaceAndMoveKeepTheListSorted)
     EXPECT_EQ(EnvKeyGetParam(a, -1), 0.0);
 }
 
+TEST(EnvLife, CreationIsAnnouncedOnTheGlobalPortAndAttributesRead)
+{
+    g_heard.clear();
+    ASSERT_EQ(GlobalPortAttach(ENV_GLOBAL_PORT, 77, 0, Listen), 1);
+    VxEnvelope *env = EnvCreate(nullptr, 0, 12, nullptr);
+    EXPECT_EQ(g_heard, (std::vector<Heard>{{ENV_EVENT_CREATED, reinterpret_cast<uintptr_t>(env)}}));
+    GlobalPortDetach(ENV_GLOBAL_PORT, 77);
+    EnvAddKey(env, -0.5, 1.0);
+    EnvAddKey(env, 4.25, 2.0);
+    EnvSetSaveIndex(env, 12);
+    EXPECT_EQ(EnvGet(env, ENV_ATTR_TYPE), 12.0);
+    EXPECT_EQ(EnvGet(env, ENV_ATTR_FIRST_TIME), -0.5);
+    EXPECT_EQ(EnvGet(env, ENV_ATTR_LAST_TIME), 4.25);
+    EXPECT_EQ(EnvGet(env, ENV_ATTR_SAVE_INDEX), 12.0);
+    EXPECT_EQ(EnvGet(env, 0), 0.0);
+    EXPECT_EQ(EnvGet(env, 12), 0.0);
+    // The speed is the slope across one tick either side: 1 per 4.75 s on a linear segment.
+    EnvKeySetType(env, EnvKeyLast(env), ENV_SHAPE_LINEAR);
+    EXPECT_NEAR(EnvSpeed(env, 2.0), 1.0 / 4.75, 1e-9);
+    EXPECT_EQ(EnvGet(env, ENV_ATTR_LAST_VALUE), 0.0) << "EnvSpeed leaves the last value";
+    EnvDestroy(env);
+}
+
 TEST(EnvKeys, ShiftMovesARunUnlessItWouldCrossAKey)
 {
     VxEnvelope *env = EnvCreate(nullptr, 0, 0, nullptr);
