@@ -237,8 +237,22 @@ VX_API int32_t EnvFilterIndex(const VxEnvelope *env, const VxEnvFilter *filter);
 
 /* ---- Saved form ----------------------------------------------------------------------- */
 
-/* Writes the envelope as one "ENVL" block ("Envelope" in text states). Returns 1, or 0 when
- * the state failed (its `error` says why). */
+/* Writes the envelope as one "ENVL" block through a binary or text save state. The binary
+ * form: the save index, then "NAME", "TYPE" (client-data and type low bytes), "PRE ", a
+ * "KEY " (time, value as floats) and a "SPAN" (shape ID 'TCB ', 'HERM', 'LINE', 'STEP' or
+ * 'BEZ2' and its parameters) per key, "POST", and a "CHAN" block per modifier (server name,
+ * flags, the instance's own data). Bezier keys are saved as 'HERM'; shapes without an ID save
+ * no span. The text form has the same blocks and values under the keywords Envelope, Name,
+ * Type, Pre, Key, Span, Post and Channel:
+ *     Envelope 0 {
+ *       Name "Position.X"
+ *       Type 0 1
+ *       Pre 1
+ *       Key 0.5 1.25
+ *       Span 'TCB ' 0 0 0
+ *       Post 1
+ *     }
+ * Returns 1, or 0 when the state failed (its `error` says why). */
 VX_API int EnvSave(const VxEnvelope *env, VxSaveState *state);
 /* Installs the maker of filters for "CHAN" blocks (NULL: they are skipped). */
 VX_API void EnvSetFilterLoader(EnvFilterLoadFunc *loader, void *user);
