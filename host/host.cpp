@@ -12,8 +12,6 @@
 
 #include "host/host_internal.h"
 
-#include <alloca.h>
-
 #include <cstring>
 
 namespace vx::host {
@@ -133,17 +131,37 @@ bool Excluded(const char *className, const char *name)
     return false;
 }
 
+// A block from the heap, or NULL when memory ran out (never raised).
+void *HeapOrNull(size_t size)
+{
+    if (CkptBegin()) {
+        CkptLatchCode();
+        return nullptr;
+    }
+    void *block = StdAlloc(size);
+    CkptEnd();
+    return block;
+}
+
 // The notification payload: class name, then for servers a NUL and the server name.
 void NotifyText(int32_t event, uintptr_t clientKey, int32_t subject, const char *className, const char *name)
 {
     const size_t classLength = std::strlen(className) + 1;
     const size_t nameLength = name ? std::strlen(name) + 1 : 0;
-    char *payload = static_cast<char *>(alloca(classLength + nameLength + 1));
+    const size_t size = classLength + nameLength + 1;
+    // Usual names fit the stack; long ones borrow a heap block, and without memory the
+    // notification is not sent (listeners must never see a raise).
+    char local[512];
+    char *payload = size <= sizeof local ? local : static_cast<char *>(HeapOrNull(size));
+    if (!payload)
+        return;
     std::memcpy(payload, className, classLength);
     if (name)
         std::memcpy(payload + classLength, name, nameLength);
     HostNote note{subject, payload};
     PortNotify(g_host.port, HostIdentity(), clientKey, event, 0, reinterpret_cast<uintptr_t>(&note));
+    if (payload != local)
+        FreeHeap(payload, size);
 }
 
 // Sends the whole catalogue to one new listener.

@@ -244,6 +244,10 @@ TEST_F(HostTest, NotificationsAndReplayForNewListeners)
     HostRemServer("Tool", "B");
     EXPECT_EQ(g_notes, (std::vector<Note>{{2, 0, "Tool"}, {2, 1, "Tool:B"}, {2, 3, "Tool:B"}, {2, 3, "Tool:B"},
                                           {2, 3, "Tool:B"}, {2, 4, "Tool:B"}}));
+    const std::string longName(3000, 'n');  // a payload larger than the stack buffer
+    HostAddBuiltIn("Tool", longName.c_str(), nullptr, BuiltIn);
+    EXPECT_EQ(g_notes.back(), (Note{2, 1, "Tool:" + longName}));
+    HostRemServer("Tool", longName.c_str());
     HostAddBuiltIn("Tool", "C", nullptr, BuiltIn);
     g_notes.clear();
     GlobalPortAttach("plugin-database", 2, 0, Listen);
