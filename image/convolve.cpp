@@ -40,6 +40,36 @@ struct RowRing {
 
 float Clamp01(float v) { return v < 0.0f ? 0.0f : v > 1.0f ? 1.0f : v; }
 
+// Adds one matrix row to the running sums: acc[i] += m[0] p[i], then m[1] p[i + 4], ... in
+// column order, so every sum keeps the order of the plain loop. Fixed widths unroll.
+template <int32_t kColumns>
+void AddMatrixRow(float *acc, const float *line, const float *m, size_t n)
+{
+    for (size_t i = 0; i < n; ++i) {
+        float a = acc[i];
+        for (int32_t k = 0; k < kColumns; ++k)
+            a += m[k] * line[i + 4 * static_cast<size_t>(k)];
+        acc[i] = a;
+    }
+}
+
+void AddMatrixRow(float *acc, const float *line, const float *m, int32_t columns, size_t n)
+{
+    switch (columns) {
+    case 1: AddMatrixRow<1>(acc, line, m, n); return;
+    case 3: AddMatrixRow<3>(acc, line, m, n); return;
+    case 5: AddMatrixRow<5>(acc, line, m, n); return;
+    case 7: AddMatrixRow<7>(acc, line, m, n); return;
+    default: break;
+    }
+    for (int32_t k = 0; k < columns; ++k) {
+        const float mk = m[k];
+        const float *p = line + 4 * k;
+        for (size_t i = 0; i < n; ++i)
+            acc[i] += mk * p[i];
+    }
+}
+
 // Result row y: the matrix rows in order, each of its columns in order, summed in float.
 void ConvolveRows(VxImage *result, const float *matrix, int32_t columns, int32_t rows, const float *offset,
                   RowRing &ring, float *acc)
@@ -50,12 +80,7 @@ void ConvolveRows(VxImage *result, const float *matrix, int32_t columns, int32_t
         std::fill(acc, acc + rowFloats, 0.0f);
         for (int32_t r = 0; r < rows; ++r) {
             const float *line = ring.Get(std::clamp(y - (rows >> 1) + r, 0, h - 1));
-            for (int32_t k = 0; k < columns; ++k) {
-                const float m = matrix[r * columns + k];
-                const float *p = line + 4 * k;
-                for (size_t i = 0; i < rowFloats; ++i)
-                    acc[i] += m * p[i];
-            }
+            AddMatrixRow(acc, line, matrix + r * columns, columns, rowFloats);
         }
         for (size_t i = 0; i < rowFloats; ++i)
             acc[i] = Clamp01(offset ? acc[i] + offset[i & 3] : acc[i]);
