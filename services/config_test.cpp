@@ -400,3 +400,29 @@ TEST(ConfigOomTest, AddingTheFirstClientAndClientNames)
 }
 
 }  // namespace
+
+namespace {
+
+VxConfigClient *g_onlyClient;
+int g_closingCalls;
+
+void RemoveLastClient(uintptr_t, const char *)
+{
+    ++g_closingCalls;
+    ConfigRemClient(g_onlyClient);
+    // The store stays usable until the callback returns.
+    EXPECT_EQ(ConfigNum("a") + ConfigNum("b"), 0);
+}
+
+TEST(ConfigLifetimeTest, ACallbackMayRemoveTheLastClient)
+{
+    g_onlyClient = ConfigAddClient(nullptr, 0);
+    const char *const names[] = {"a", "b", nullptr};
+    ASSERT_EQ(ConfigTrackValues(names, RemoveLastClient, 0, 1), 1);
+    ConfigClearAll();  // notifies a, then b, and closes the store after the walk
+    EXPECT_EQ(g_closingCalls, 2);
+    EXPECT_EQ(ConfigNextValue(nullptr), nullptr);
+    EXPECT_EQ(ConfigDefineValue("a", "i"), 0);
+}
+
+}  // namespace
