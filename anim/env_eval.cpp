@@ -45,10 +45,10 @@ double Bezier2Segment(const VxEnvKey *s, const VxEnvKey *e, double t)
         const double x = xCurve.At(mid);
         if (std::fabs(t - x) < 0.0001)
             break;
-        if (x < t)
-            lo = mid;
-        else
-            hi = mid;
+        // Selected without a branch: the direction is a coin toss the predictor cannot learn.
+        const bool below = x < t;
+        lo = below ? mid : lo;
+        hi = below ? hi : mid;
     }
     return PowerCubic(s->value, y1, y2, e->value).At(mid);
 }
