@@ -303,8 +303,9 @@ bool DeclareBuiltIns()
     }
     DeclareClass(kGlobalClass, 1);
     DeclareClass(kLoaderClass, 1);
+    const bool registered = HostAddBuiltIn(kLoaderClass, kStandardLoaderName, nullptr, StandardLoader) == 1;
     CkptEnd();
-    return HostAddBuiltIn(kLoaderClass, kStandardLoaderName, nullptr, StandardLoader) == 1;
+    return registered;
 }
 
 void AttachApplicationEvents()

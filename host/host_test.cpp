@@ -7,12 +7,14 @@
 
 #include "host/host_internal.h"
 #include "testkit/capture.h"
+#include "testkit/fault_alloc.h"
 #include "testkit/oom_sweep.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -709,6 +711,40 @@ TEST_F(HostOomTest, Startup)
         },
         [] { Finish(true); },
     });
+}
+
+// Inside an outer block a failed start raises: code 99 when the built-in classes or the
+// standard loader could not be made, code 1 for other exhausted memory.
+int StartInsideBlock()
+{
+    volatile int code = 0;
+    if (CkptBegin()) {
+        code = CkptLatchCode();
+    } else {
+        HostStartup();
+        CkptEnd();
+    }
+    return code;
+}
+
+TEST_F(HostOomTest, StartupRaisesCode99WhenTheBuiltInsFail)
+{
+    std::set<int> codes;
+    for (int k = 1; k < 500; ++k) {
+        vxtest::FaultAllocator heap;
+        Prepare();
+        heap.FailAt(k, vxtest::FailMode::FromThen);
+        const int code = StartInsideBlock();
+        heap.Disarm();
+        const bool started = HostRunning() != 0;
+        Finish(true);
+        if (started) {
+            EXPECT_EQ(code, 0);
+            break;
+        }
+        codes.insert(code);
+    }
+    EXPECT_EQ(codes, (std::set<int>{1, 99}));
 }
 
 TEST_F(HostOomTest, AddPlugInNewAndReplacing)
