@@ -339,3 +339,31 @@ TEST(ConfigFileOomTest, StartupUndoesEverything)
 }
 
 }  // namespace
+
+namespace {
+
+void ShutdownArm(uintptr_t, uintptr_t)
+{
+    ConfigShutdown();
+}
+
+TEST(ConfigRecoveryTest, ShutdownDuringAnUnwindDoesNotWriteTheFile)
+{
+    vxtest::TempDir dir;
+    const std::string file = dir.File("APP.CFG");
+    cfgtest::WriteFile(file, "a 1\n");
+    ASSERT_EQ(ConfigStartup(dir.Path().c_str(), "app", 1), 1);
+    ASSERT_EQ(ConfigDefineValue("a", "i"), 1);
+    ConfigSet("a", 2);
+    if (!CkptBegin()) {
+        CkptArm(ShutdownArm, 0, 0);
+        CkptRecover(7);  // the half-done state must not reach the file
+    }
+    EXPECT_EQ(CkptLatchCode(), 7);
+    EXPECT_EQ(ConfigNextValue(nullptr), nullptr);
+    EXPECT_EQ(cfgtest::ReadFile(file), "a 1\n");
+    FileSetSystemPath(SYSTEM_PATH_CONFIG, nullptr);
+    GlobalListCleanup();
+}
+
+}  // namespace
