@@ -148,6 +148,14 @@ TEST_F(HostTest, ClassesVersionsAndConflicts)
     HostScanServers([](void *data, const char *cls) { static_cast<std::vector<std::string> *>(data)->push_back(cls); },
                     nullptr, &scanned);
     EXPECT_EQ(scanned, (std::vector<std::string>{"Global", "ImageLoader", "Shader", "_PluginLoader"}));
+    scanned.clear();
+    HostScanServers(nullptr,
+                    [](void *data, const char *cls, int32_t index) {
+                        static_cast<std::vector<std::string> *>(data)->push_back(std::string(cls) + ":" +
+                                                                                 ServerGetName(cls, index));
+                    },
+                    &scanned);
+    EXPECT_EQ(scanned, (std::vector<std::string>{"_PluginLoader:VX_StandardLoader"}));  // Fresh has no version
 }
 
 TEST_F(HostTest, AddClassesStartsTheHostAndClearClassesStopsIt)
