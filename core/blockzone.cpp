@@ -35,9 +35,14 @@ BZChunk *SlotMark(const unsigned char *slot)
 
 void SetSlotMark(unsigned char *slot, BZChunk *mark) { std::memcpy(slot, &mark, sizeof mark); }
 
+// offset * reciprocal = index * 2^40 + index * e, with 0 < e <= slotSize; index * e stays below
+// 2^40 for every chunk shape (index < 251 for small slots, < 10 for slots up to 2^30 + 8).
+constexpr int kReciprocalShift = 40;
+
 int32_t SlotIndex(const BZone *zone, BZChunk *chunk, const unsigned char *slot)
 {
-    return static_cast<int32_t>((slot - FirstSlot(chunk)) / zone->slotSize);
+    const auto offset = static_cast<uint64_t>(slot - FirstSlot(chunk));
+    return static_cast<int32_t>((offset * zone->slotReciprocal) >> kReciprocalShift);
 }
 
 void MarkFree(BZChunk *chunk, int32_t index, bool isFree)
@@ -266,6 +271,7 @@ VX_API BZone *BZCreate(size_t size)
     NewList(&zone->chunks);
     zone->slotSize = slotSize;
     zone->chunkBytes = sizeof(BZChunk) + static_cast<size_t>(perChunk) * static_cast<size_t>(slotSize);
+    zone->slotReciprocal = (uint64_t{1} << kReciprocalShift) / static_cast<uint64_t>(slotSize) + 1;
     zone->lastWithFree = reinterpret_cast<BZChunk **>(zone + 1);
     return zone;
 }

@@ -65,6 +65,19 @@ TEST(BlockZone, SizesRoundUpAndSetTheSlotCount)
     BZDestroy(nullptr);
 }
 
+TEST(BlockZone, LargeElementsKeepTheirSlots)
+{
+    BZone *zone = BZCreate((size_t{1} << 18) + 3);
+    std::vector<void *> elems;
+    for (int i = 0; i < 25; ++i)
+        elems.push_back(BZAlloc(zone));
+    for (int i = 0; i < 25; i += 3)
+        BZFree(zone, elems[static_cast<size_t>(i)]);
+    EXPECT_EQ(BZValidate(zone), 16);
+    EXPECT_EQ(BZAlloc(zone), elems[12]) << "the lowest free slot of the fullest chunk with room";
+    BZDestroy(zone);
+}
+
 TEST(BlockZone, FreedElementsReadAs0xBBUntilHandedOutAgain)
 {
     BZone *zone = BZCreate(20);

@@ -37,6 +37,7 @@ struct BZone {
     int32_t chunkCount;
     int32_t slotSize;   // elemSize + the slot prefix
     size_t chunkBytes;  // the header and every slot
+    uint64_t slotReciprocal;  // 2^40 / slotSize + 1: a slot's index by multiplying, not dividing
     // lastWithFree[c] is the last chunk of the run whose free count is c (NULL when there is
     // none), for 1 <= c <= perChunk: it lets a free count change move its chunk to its place in
     // the order without walking the list. The array follows the record in its block.
