@@ -1,7 +1,9 @@
 // Captures the library's debug output for the duration of a scope.
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 namespace vxtest {
 
@@ -35,5 +37,9 @@ public:
 private:
     std::string path_;
 };
+
+// The whole content of a file (empty when it cannot be read), and a file made of `bytes`.
+std::vector<uint8_t> ReadBytes(const std::string &path);
+void WriteBytes(const std::string &path, const std::vector<uint8_t> &bytes);
 
 }  // namespace vxtest
