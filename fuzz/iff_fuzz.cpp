@@ -5,6 +5,8 @@
 #include <vxtools3/iff.h>
 #include <vxtools3/states.h>
 
+#include "testkit/state_walk.h"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -59,19 +61,12 @@ void WalkLoadState(const uint8_t *data, size_t size)
     VxIFFReader *r = IFFRCreate(s);
     VxLoadState st;
     IFFInitLoadState(&st, r);
-    for (int steps = 0; steps < 4096 && !st.error; ++steps) {
+    vxtest::WalkLoadState(&st, kBlocks, 4096, [](VxLoadState *l) {
         char text[8];
         uint32_t index;
         float f[2];
-        if (st.readIndex(&st, &index) == 1 || st.readString(&st, text, sizeof text) == 1 ||
-            st.readFloats(&st, f, 2) > 0)
-            continue;
-        if (st.findBlock(&st, kBlocks))
-            continue;
-        if (st.depth == 0)
-            break;
-        st.endBlock(&st);
-    }
+        return l->readIndex(l, &index) == 1 || l->readString(l, text, sizeof text) == 1 || l->readFloats(l, f, 2) > 0;
+    });
     IFFRDestroy(r);
     StrmReadDestroy(s);
 }

@@ -2,6 +2,8 @@
 // read as each kind in turn. Malformed text must end in a clean failure.
 #include <vxtools3/states.h>
 
+#include "testkit/state_walk.h"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -40,15 +42,7 @@ void Walk(const uint8_t *data, size_t size, int kind)
     VxReadStrm *s = MemStrmReadCreate(data, static_cast<int32_t>(size), 0);
     VxLoadState st;
     StrmInitLoadState(&st, s);
-    for (int steps = 0; steps < 100000 && !st.error; ++steps) {
-        if (ReadSome(&st, kind))
-            continue;
-        if (st.findBlock(&st, kBlocks))
-            continue;
-        if (st.depth == 0)
-            break;
-        st.endBlock(&st);
-    }
+    vxtest::WalkLoadState(&st, kBlocks, 100000, [kind](VxLoadState *l) { return ReadSome(l, kind); });
     if (st.error && !st.message && st.error != VX_ERR_IO)
         __builtin_trap();  // a text failure always says what was wrong
     StrmReadDestroy(s);
