@@ -11,8 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -38,12 +36,6 @@ std::string Output(const std::string &command)
     while (!out.empty() && (out.back() == '\n' || out.back() == ' '))
         out.pop_back();
     return out;
-}
-
-Bytes ReadFile(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(in), {});
 }
 
 // The 80-bit IEEE extended value AIFF stores its sample rate in.
@@ -126,7 +118,7 @@ TEST(IFFWithSox, ReadsTheAiffFileSoxMakes)
     EXPECT_EQ(a.frames, 100u);
     EXPECT_EQ(a.sampleSize, 16);
     EXPECT_EQ(a.rate, 8000.0);
-    EXPECT_EQ(a.samples, ReadFile(raw)) << "the SSND samples are the ones SoX decodes";
+    EXPECT_EQ(a.samples, vxtest::ReadBytes(raw)) << "the SSND samples are the ones SoX decodes";
 }
 
 TEST(IFFWithSox, SoxReadsTheAiffFileWeWrite)
@@ -166,7 +158,7 @@ TEST(IFFWithSox, SoxReadsTheAiffFileWeWrite)
     EXPECT_EQ(Output("sox --i -c " + aiff), "2");
     EXPECT_EQ(Output("sox --i -s " + aiff), "301");
     ASSERT_EQ(std::system(("sox " + aiff + " -t raw -e signed-integer -b 16 -L " + raw).c_str()), 0);
-    Bytes decoded = ReadFile(raw);
+    Bytes decoded = vxtest::ReadBytes(raw);
     ASSERT_EQ(decoded.size(), samples.size() * 2);
     EXPECT_EQ(std::memcmp(decoded.data(), samples.data(), decoded.size()), 0);
 }

@@ -9,8 +9,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <random>
 #include <string>
 #include <vector>
@@ -130,12 +128,6 @@ Bytes MemoryBytes(VxWriteStrm *s)
 {
     const auto *p = static_cast<const uint8_t *>(s->impl);
     return p ? Bytes(p, p + s->length) : Bytes();
-}
-
-Bytes ReadFile(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(in), {});
 }
 
 // Writes with `build` into a memory stream and returns the bytes.
@@ -264,7 +256,7 @@ TEST(IFFRoundTrip, RandomTreesMatchTheirImageAndReadBackOverMemoryAndFiles)
         Bytes got = toFile ? Bytes() : MemoryBytes(ws);
         ASSERT_EQ(StrmWriteDestroy(ws), 0);
         if (toFile)
-            got = ReadFile(path);
+            got = vxtest::ReadBytes(path);
         ASSERT_EQ(got, expect) << "seed " << seed;
 
         VxReadStrm *rs = toFile ? FileStrmReadOpen(path.c_str(), nullptr)

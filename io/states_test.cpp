@@ -3,10 +3,13 @@
 
 #include "testkit/capture.h"
 #include "testkit/fault_alloc.h"
+#include "testkit/state_walk.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
+#include <cstdint>
 #include <cmath>
 #include <cstring>
 #include <fstream>
@@ -213,19 +216,28 @@ void LoadText(const std::string &text, const std::vector<Block> &top)
     StrmReadDestroy(r);
 }
 
-TEST(TextStates, RandomTreesRoundTripEveryValueExactly)
+// Three random top-level blocks per seed, for seeds 1 to 200, each handed to `roundTrip`.
+template <class F>
+void ForRandomTrees(F roundTrip)
 {
     for (uint32_t seed = 1; seed <= 200; ++seed) {
         std::mt19937 rng(seed);
         std::vector<Block> top;
         for (int i = 0; i < 3; ++i)
             top.push_back(RandomBlock(rng, 1));
-        std::string text = SaveText(top);
-        SCOPED_TRACE(text);
-        LoadText(text, top);
+        roundTrip(top);
         if (::testing::Test::HasFailure())
             FAIL() << "seed " << seed;
     }
+}
+
+TEST(TextStates, RandomTreesRoundTripEveryValueExactly)
+{
+    ForRandomTrees([](const std::vector<Block> &top) {
+        std::string text = SaveText(top);
+        SCOPED_TRACE(text);
+        LoadText(text, top);
+    });
 }
 
 TEST(TextStates, TextFileStreamsRoundTrip)
@@ -420,19 +432,11 @@ TEST(TextStates, EveryPrefixOfAValidTextLoadsCleanly)
     for (size_t n = 0; n <= text.size(); ++n) {
         TextLoad t(text.substr(0, n));
         VxLoadState *s = t.get();
-        // Walk everything generically: every block entered, every value read as a string or
-        // a float, until the end or a failure.
-        for (int steps = 0; steps < 10000 && !s->error; ++steps) {
+        vxtest::WalkLoadState(s, kDescs, 10000, [](VxLoadState *l) {
             char buf[8];
             float f;
-            if (s->readString(s, buf, 8) == 1 || s->readFloats(s, &f, 1) == 1)
-                continue;
-            if (s->findBlock(s, kDescs))
-                continue;
-            if (s->depth == 0)
-                break;
-            s->endBlock(s);
-        }
+            return l->readString(l, buf, 8) == 1 || l->readFloats(l, &f, 1) == 1;
+        });
         EXPECT_TRUE(s->error == 0 || s->error == VX_ERR_FORMAT);
         EXPECT_TRUE(s->error == 0 || s->message != nullptr);
     }
@@ -460,28 +464,36 @@ std::vector<uint8_t> SaveBinary(const std::vector<Block> &top, uint32_t formType
     return bytes;
 }
 
+// A binary load state over the bytes (or their first `length` bytes) of an IFF form.
+struct BinaryLoad {
+    VxReadStrm *stream;
+    VxIFFReader *reader;
+    VxLoadState state;
+    BinaryLoad(const std::vector<uint8_t> &bytes, uint32_t formType, size_t length = SIZE_MAX)
+    {
+        stream = MemStrmReadCreate(bytes.data(), static_cast<int32_t>(std::min(length, bytes.size())), 0);
+        reader = IFFRCreate(stream);
+        if (formType)
+            IFFRFormType(reader, formType);
+        IFFInitLoadState(&state, reader);  // before the FORM: the first find reads it
+    }
+    ~BinaryLoad()
+    {
+        IFFRDestroy(reader);
+        StrmReadDestroy(stream);
+    }
+};
+
 TEST(BinaryStates, RandomTreesRoundTripThroughIFF)
 {
-    for (uint32_t seed = 1; seed <= 200; ++seed) {
-        std::mt19937 rng(seed);
-        std::vector<Block> top;
-        for (int i = 0; i < 3; ++i)
-            top.push_back(RandomBlock(rng, 1));
+    ForRandomTrees([](const std::vector<Block> &top) {
         // Sub-chunks carry 16-bit lengths: keep the trees small enough.
         std::vector<uint8_t> bytes = SaveBinary(top, VX_ID('S', 'C', 'N', 'E'));
-        VxReadStrm *r = MemStrmReadCreate(bytes.data(), static_cast<int32_t>(bytes.size()), 0);
-        VxIFFReader *ir = IFFRCreate(r);
-        IFFRFormType(ir, VX_ID('S', 'C', 'N', 'E'));
-        VxLoadState s;
-        IFFInitLoadState(&s, ir);  // before the FORM: the first find reads it
+        BinaryLoad load(bytes, VX_ID('S', 'C', 'N', 'E'));
         Block root;
         root.kids = top;
-        Load(&s, root);
-        IFFRDestroy(ir);
-        StrmReadDestroy(r);
-        if (::testing::Test::HasFailure())
-            FAIL() << "seed " << seed;
-    }
+        Load(&load.state, root);
+    });
 }
 
 TEST(BinaryStates, IndexAndStringsHaveTheirFileForm)
@@ -516,16 +528,10 @@ bool WalkInsideABlock(VxLoadState *s)
         CkptLatchCode();
         return true;
     }
-    for (int steps = 0; steps < 10000 && !s->error; ++steps) {
+    vxtest::WalkLoadState(s, kDescs, 10000, [](VxLoadState *l) {
         uint8_t b[8];
-        if (s->readBytes(s, b, 8) > 0)
-            continue;
-        if (s->findBlock(s, kDescs))
-            continue;
-        if (s->depth == 0)
-            break;
-        s->endBlock(s);
-    }
+        return l->readBytes(l, b, 8) > 0;
+    });
     CkptEnd();
     return false;
 }
@@ -536,27 +542,16 @@ TEST(BinaryStates, WrongFormAndTruncationFailWithoutUnwindingTheCaller)
     std::vector<Block> top = {RandomBlock(rng, 1), RandomBlock(rng, 1)};
     std::vector<uint8_t> bytes = SaveBinary(top, VX_ID('S', 'C', 'N', 'E'));
     {
-        VxReadStrm *r = MemStrmReadCreate(bytes.data(), static_cast<int32_t>(bytes.size()), 0);
-        VxIFFReader *ir = IFFRCreate(r);
-        IFFRFormType(ir, VX_ID('O', 'T', 'H', 'R'));
-        VxLoadState s;
-        IFFInitLoadState(&s, ir);
-        EXPECT_EQ(s.findBlock(&s, kDescs), 0u);
-        EXPECT_EQ(s.error, VX_ERR_FORMAT);
-        IFFRDestroy(ir);
-        StrmReadDestroy(r);
+        BinaryLoad wrong(bytes, VX_ID('O', 'T', 'H', 'R'));
+        EXPECT_EQ(wrong.state.findBlock(&wrong.state, kDescs), 0u);
+        EXPECT_EQ(wrong.state.error, VX_ERR_FORMAT);
     }
     int failures = 0;
     for (size_t n = 0; n < bytes.size(); ++n) {
-        VxReadStrm *r = MemStrmReadCreate(bytes.data(), static_cast<int32_t>(n), 0);
-        VxIFFReader *ir = IFFRCreate(r);
-        VxLoadState s;
-        IFFInitLoadState(&s, ir);
-        EXPECT_FALSE(WalkInsideABlock(&s)) << "a failure unwound the caller's block";
-        failures += s.error != 0;
-        EXPECT_TRUE(s.error == 0 || s.error == VX_ERR_IO || s.error == VX_ERR_FORMAT);
-        IFFRDestroy(ir);
-        StrmReadDestroy(r);
+        BinaryLoad cut(bytes, 0, n);
+        EXPECT_FALSE(WalkInsideABlock(&cut.state)) << "a failure unwound the caller's block";
+        failures += cut.state.error != 0;
+        EXPECT_TRUE(cut.state.error == 0 || cut.state.error == VX_ERR_IO || cut.state.error == VX_ERR_FORMAT);
     }
     EXPECT_EQ(failures, static_cast<int>(bytes.size())) << "every truncated file is reported";
 }
