@@ -106,21 +106,6 @@ TEST_F(Memory, ExhaustionReturnsNullOutsideBlocksAndKeepsTheOldBlock)
     EXPECT_EQ(heap.BadFrees(), 0);
 }
 
-TEST_F(Memory, ExhaustionInsideABlockRaisesCodeOne)
-{
-    vxtest::FaultAllocator heap;
-    volatile int resumed = 0;
-    if (CkptBegin()) {
-        resumed = 1;
-    } else {
-        heap.FailAt(1, vxtest::FailMode::Once);
-        StdRealloc(nullptr, 0, 32);
-        CkptEnd();
-    }
-    EXPECT_EQ(resumed, 1);
-    EXPECT_EQ(CkptLatchCode(), 1);
-}
-
 TEST_F(Memory, HeapIsTrimmedAfterFourMegabytesFreed)
 {
     DirtyHeap heap;

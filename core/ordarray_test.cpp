@@ -61,16 +61,6 @@ TEST(OrdArray, GrowthFollowsHalfCapacityClampedTo16And512)
     EXPECT_EQ(heap.BadFrees(), 0) << "OrdFree states the block's size";
 }
 
-TEST(OrdArray, CapacityOf2000GrowsTo2512)
-{
-    vxtest::FaultAllocator heap;
-    VxOrd ord{static_cast<void **>(StdAlloc(2000 * sizeof(void *))), 2000, 2000};
-    ASSERT_EQ(OrdAppend(&ord, &ord), 2000);
-    EXPECT_EQ(ord.capacity, 2512);
-    OrdFree(&ord);
-    EXPECT_EQ(heap.BadFrees(), 0);
-}
-
 TEST(OrdArray, InsertPlacesEqualItemsAfterExistingOnes)
 {
     Record r[5] = {{1, 0}, {2, 1}, {2, 2}, {3, 3}, {2, 4}};

@@ -124,5 +124,4 @@ TEST(StepSort, MatchesStdSortAndOrdSortOnAllShapes)
     }
 }
 
-// All-equal input: every scan stops at once, so the partitions stay balanced.
 }  // namespace
