@@ -172,23 +172,6 @@ TEST_F(UndoTest, NestingBeyondTwelveLevelsMergesIntoTheTwelfth)
     EXPECT_EQ(RecordCount(), 4);
 }
 
-TEST_F(UndoTest, EndThatCannotMakeItsStepLeavesTheBlockOpen)
-{
-    UndoSysSetMax(-1);
-    vxtest::FaultAllocator heap;
-    UndoBlockBegin();
-    UndoAddComplete(1, Act, 1, Rel);
-    heap.FailAt(2, vxtest::FailMode::Once);  // the end marker
-    EXPECT_EQ(UndoBlockEnd(), 0);
-    heap.Disarm();
-    EXPECT_EQ(OpenDepth(), 1);
-    EXPECT_EQ(UndoNumUndo(), 0);
-    EXPECT_EQ(UndoBlockEnd(), 1);
-    EXPECT_EQ(UndoNumUndo(), 1);
-    UndoSysShutdown();
-    EXPECT_EQ(heap.LiveBytes(), 0u);
-}
-
 // ---- Out-of-memory sweeps ------------------------------------------------------------------
 
 struct Shape {
