@@ -224,6 +224,24 @@ void DetachNamed(NamedList &list, const char *name, uintptr_t key, Unneeded unne
         PortDestroy(port);
 }
 
+// Attaches to the port named `name` in `list`, made when missing; `prepare` runs on the port
+// before a new attachment is announced. Returns 1, or 0 with nothing changed.
+template <class Prepare>
+int AttachNamed(NamedList &list, const char *name, uintptr_t clientKey, uint32_t mask, PortCallback *callback,
+                Prepare prepare)
+{
+    if (!name)
+        return 0;
+    CKPT_BEGIN_OR_RETURN(0);
+    VxPort *port = FindOrCreateNamed(list, name);
+    const int result = AttachRecord(port, clientKey, mask, callback);
+    CkptEnd();
+    prepare(port);
+    if (result == 1)
+        AnnounceAttach(port, clientKey);
+    return 1;
+}
+
 }  // namespace
 
 int32_t RecordCount(const VxPort *port)
@@ -349,15 +367,7 @@ VX_API void PortNotify(VxPort *port, uintptr_t server, uintptr_t clientKey, int3
 
 VX_API int GlobalPortAttach(const char *name, uintptr_t clientKey, uint32_t mask, PortCallback *callback)
 {
-    if (!name)
-        return 0;
-    CKPT_BEGIN_OR_RETURN(0);
-    VxPort *port = FindOrCreateNamed(g_global, name);
-    const int result = AttachRecord(port, clientKey, mask, callback);
-    CkptEnd();
-    if (result == 1)
-        AnnounceAttach(port, clientKey);
-    return 1;
+    return AttachNamed(g_global, name, clientKey, mask, callback, [](VxPort *) {});
 }
 
 VX_API void GlobalPortDetach(const char *name, uintptr_t clientKey)
@@ -385,17 +395,10 @@ VX_API VxPort *GlobalPortAcquire(const char *name, uintptr_t data, uintptr_t ser
 
 VX_API int PublicPortAttach(const char *name, uintptr_t clientKey, uint32_t mask, PortCallback *callback)
 {
-    if (!name)
-        return 0;
-    CKPT_BEGIN_OR_RETURN(0);
-    VxPort *port = FindOrCreateNamed(g_public, name);
-    const int result = AttachRecord(port, clientKey, mask, callback);
-    CkptEnd();
-    if (!port->server)
-        port->server = PublicIdentity();
-    if (result == 1)
-        AnnounceAttach(port, clientKey);
-    return 1;
+    return AttachNamed(g_public, name, clientKey, mask, callback, [](VxPort *port) {
+        if (!port->server)
+            port->server = PublicIdentity();
+    });
 }
 
 VX_API void PublicPortDetach(const char *name, uintptr_t clientKey)
