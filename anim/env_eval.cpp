@@ -2,6 +2,9 @@
 // solve and the modifier walk.
 #include "anim/envelope_internal.h"
 
+#include <vxtools3/ckpt.h>
+#include <vxtools3/memory.h>
+
 namespace vx::env {
 namespace {
 
@@ -20,23 +23,34 @@ struct PowerCubic {
     double At(double s) const { return c0 + a * s + b * (s * s) + d * (s * s * s); }
 };
 
-// The 2-D Bezier segment from S to E at time t: bisection for x(s) = t, then y(s).
-double Bezier2Segment(const VxEnvKey *s, const VxEnvKey *e, double t)
+// The x curve of the 2-D Bezier segment from S to E: time against the curve parameter.
+PowerCubic Bezier2X(const VxEnvKey *s, const VxEnvKey *e)
 {
     const double sTime = SecondsOf(s->tick);
     const double eTime = SecondsOf(e->tick);
-    double x1, y1;
+    double x1;
     if (s->shape == ENV_SHAPE_BEZIER2) {
         x1 = sTime + s->p[2];
-        y1 = s->value + s->p[3];
     } else {
         const double dtSeconds = static_cast<double>(int64_t{e->tick} - s->tick) * kTickSeconds;
         x1 = sTime + dtSeconds * kThird;
-        y1 = s->value + s->p[4] * kThird;
     }
     const double x2 = eTime + e->p[0];
+    return PowerCubic(sTime, x1, x2, eTime);
+}
+
+// The y curve of the same segment: the value against the curve parameter.
+PowerCubic Bezier2Y(const VxEnvKey *s, const VxEnvKey *e)
+{
+    const double y1 = s->shape == ENV_SHAPE_BEZIER2 ? s->value + s->p[3] : s->value + s->p[4] * kThird;
     const double y2 = e->value + e->p[1];
-    const PowerCubic xCurve(sTime, x1, x2, eTime);
+    return PowerCubic(s->value, y1, y2, e->value);
+}
+
+// The curve parameter where x(s) = t: bisection of [0, 1], stopped within 0.0001 seconds or
+// after 17 probes.
+double Bezier2Solve(const PowerCubic &xCurve, double t)
+{
     double lo = 0.0, hi = 1.0, mid = 0.0;
     for (int i = 0;; ++i) {
         mid = lo + (hi - lo) * 0.5;
@@ -50,7 +64,13 @@ double Bezier2Segment(const VxEnvKey *s, const VxEnvKey *e, double t)
         lo = below ? mid : lo;
         hi = below ? hi : mid;
     }
-    return PowerCubic(s->value, y1, y2, e->value).At(mid);
+    return mid;
+}
+
+// The 2-D Bezier segment from S to E at time t: bisection for x(s) = t, then y(s).
+double Bezier2Segment(const VxEnvKey *s, const VxEnvKey *e, double t)
+{
+    return Bezier2Y(s, e).At(Bezier2Solve(Bezier2X(s, e), t));
 }
 
 double Hermite(VxEnvKey *s, VxEnvKey *e, double u)
@@ -77,10 +97,10 @@ double Bezier1(VxEnvKey *s, VxEnvKey *e, double u)
     return s->value * w0 + a * w1 + b * w2 + e->value * u3;
 }
 
-// The curve at t inside or at the ends of the key range, without the behaviour offset.
-// `probeBefore` marks the Linear pre-behaviour probe, which reads a Hermite-family segment
-// starting at a 2-D Bezier key from the 2-D Bezier curve.
-double SegmentValue(VxEnvelope *env, double t, int32_t n, bool probeBefore)
+// The curve at t inside or at the ends of the key range, found by walking the key list from
+// the playback start key. `probeBefore` marks the Linear pre-behaviour probe, which reads a
+// Hermite-family segment starting at a 2-D Bezier key from the 2-D Bezier curve.
+double WalkSegmentValue(VxEnvelope *env, double t, int32_t n, bool probeBefore)
 {
     VxEnvKey *s = nullptr;
     VxEnvKey *e = nullptr;
@@ -116,6 +136,244 @@ double SegmentValue(VxEnvelope *env, double t, int32_t n, bool probeBefore)
             return Bezier2Segment(s, e, t);
         return Hermite(s, e, u);
     }
+}
+
+}  // namespace
+}  // namespace vx::env
+
+// ---- Evaluation tables ------------------------------------------------------------------
+//
+// The keys in an array (ticks apart, for a binary search) and, per segment, what depends on
+// its keys only, filled in when the segment is first evaluated after an edit. Each value is
+// computed by the same expression as on the list walk, so both give the same bits; filling
+// a segment calls the tangent rules once, as the walk does on every evaluation, and so
+// leaves the same tangents cached in the keys.
+
+namespace {
+
+enum SegmentKind : int32_t {
+    kUnfilled = 0,
+    kHold,       // stepped, or linear over one tick: the start value
+    kLinear,     // c = start value, end - start
+    kBezier,     // c = start value, first and second control value, end value
+    kHermite,    // c = start value, end value, out tangent, in tangent
+    kBezier2,    // x = time curve, y = value curve
+    kBezier2Y,   // x = time curve; the value curve reads a tangent the tangent rules may rewrite
+};
+
+struct Segment {
+    double base;  // -(start time), so that u = (t + base) / span
+    double span;  // the segment's length in seconds
+    double c[4];
+    vx::env::PowerCubic y;
+    int32_t kind;
+};
+
+}  // namespace
+
+struct VxEnvTables {
+    size_t bytes;
+    uint64_t edits;
+    uint64_t paramEdits;
+    int32_t count;     // keys
+    int32_t capacity;  // keys the block has room for
+    int32_t last;      // the segment evaluated last, where playback looks first
+    Segment *segments;
+    VxEnvKey **keys;
+    int32_t *ticks;
+};
+
+namespace vx::env {
+
+std::atomic<uint64_t> g_paramEdits{0};
+
+namespace {
+
+size_t TablesBytes(int32_t capacity)
+{
+    const auto n = static_cast<size_t>(capacity);
+    return sizeof(VxEnvTables) + (n - 1) * sizeof(Segment) + n * sizeof(VxEnvKey *) + n * sizeof(int32_t);
+}
+
+// A block of `bytes`, or NULL: a failed allocation is not raised, the caller walks the list.
+void *TryAlloc(size_t bytes)
+{
+    if (CkptBegin()) {
+        CkptLatchCode();
+        return nullptr;
+    }
+    void *block = StdAlloc(bytes);
+    CkptEnd();
+    return block;
+}
+
+// Rebuilds the tables of an envelope of two keys or more; NULL when memory ran out.
+[[gnu::noinline]] VxEnvTables *BuildTables(VxEnvelope *env)
+{
+    int32_t count = 0;
+    for (VxEnvKey *k = FirstKey(env); k; k = NextKey(k))
+        ++count;
+    VxEnvTables *tables = env->tables;
+    if (tables && tables->capacity < count) {
+        FreeHeap(tables, tables->bytes);
+        tables = env->tables = nullptr;
+    }
+    if (!tables) {
+        const size_t bytes = TablesBytes(count);
+        tables = static_cast<VxEnvTables *>(TryAlloc(bytes));
+        if (!tables)
+            return nullptr;
+        tables->bytes = bytes;
+        tables->capacity = count;
+        tables->segments = reinterpret_cast<Segment *>(tables + 1);
+        tables->keys = reinterpret_cast<VxEnvKey **>(tables->segments + (count - 1));
+        tables->ticks = reinterpret_cast<int32_t *>(tables->keys + count);
+        env->tables = tables;
+    }
+    tables->count = count;
+    tables->last = 0;
+    int32_t i = 0;
+    for (VxEnvKey *k = FirstKey(env); k; k = NextKey(k), ++i) {
+        tables->keys[i] = k;
+        tables->ticks[i] = k->tick;
+    }
+    for (i = 0; i + 1 < count; ++i)
+        tables->segments[i].kind = kUnfilled;
+    tables->edits = env->edits;
+    tables->paramEdits = g_paramEdits.load(std::memory_order_relaxed);
+    return tables;
+}
+
+// The tables of an envelope of two keys or more, current; NULL when they cannot be had.
+inline VxEnvTables *Tables(VxEnvelope *env)
+{
+    VxEnvTables *tables = env->tables;
+    if (tables && tables->count && tables->edits == env->edits &&
+        tables->paramEdits == g_paramEdits.load(std::memory_order_relaxed))
+        return tables;
+    return BuildTables(env);
+}
+
+[[gnu::noinline]] void FillSegment(Segment &seg, VxEnvKey *s, VxEnvKey *e)
+{
+    const int64_t dt = int64_t{e->tick} - s->tick;
+    seg.base = static_cast<double>(s->tick) * -kTickSeconds;
+    seg.span = static_cast<double>(dt) * kTickSeconds;
+    if (e->shape == ENV_SHAPE_STEPPED || (e->shape == ENV_SHAPE_LINEAR && dt <= 1)) {
+        seg.kind = kHold;
+        return;
+    }
+    switch (e->shape) {
+    case ENV_SHAPE_LINEAR:
+        seg.c[0] = s->value;
+        seg.c[1] = e->value - s->value;
+        seg.kind = kLinear;
+        break;
+    case ENV_SHAPE_BEZIER:
+        seg.c[0] = s->value;
+        seg.c[1] = s->value + OutTangent(s) * kThird;
+        seg.c[2] = e->value + InTangent(e) * -kThird;
+        seg.c[3] = e->value;
+        seg.kind = kBezier;
+        break;
+    case ENV_SHAPE_BEZIER2: {
+        const PowerCubic x = Bezier2X(s, e);
+        seg.c[0] = x.c0, seg.c[1] = x.a, seg.c[2] = x.b, seg.c[3] = x.d;
+        // A non-2-D-Bezier start key lends its out tangent as stored, which the tangent rules
+        // of TCB and Linear keys rewrite: that value curve is built at each evaluation.
+        if (s->shape == ENV_SHAPE_BEZIER2) {
+            seg.y = Bezier2Y(s, e);
+            seg.kind = kBezier2;
+        } else {
+            seg.kind = kBezier2Y;
+        }
+        break;
+    }
+    default:
+        seg.c[0] = s->value;
+        seg.c[1] = e->value;
+        seg.c[2] = OutTangent(s);
+        seg.c[3] = InTangent(e);
+        seg.kind = kHermite;
+        break;
+    }
+}
+
+// The index i of the segment with ticks[i] <= n < ticks[i + 1]; ticks[0] <= n < ticks[count - 1].
+inline int32_t FindSegment(VxEnvTables *tables, int32_t n)
+{
+    const int32_t *ticks = tables->ticks;
+    int32_t i = tables->last;
+    if (ticks[i] <= n) {
+        if (n < ticks[i + 1])
+            return i;
+        if (i + 2 < tables->count && n < ticks[i + 2])
+            return tables->last = i + 1;
+    }
+    // The last index whose tick is n or below, in [0, count - 2].
+    int32_t lo = 0;
+    int32_t len = tables->count - 1;
+    while (len > 1) {
+        const int32_t half = len / 2;
+        lo = ticks[lo + half] <= n ? lo + half : lo;
+        len -= half;
+    }
+    return tables->last = lo;
+}
+
+double TableSegmentValue(VxEnvTables *tables, double t, int32_t n)
+{
+    VxEnvKey **keys = tables->keys;
+    const int32_t lastIndex = tables->count - 1;
+    if (n <= tables->ticks[0])
+        return keys[0]->value;
+    if (n >= tables->ticks[lastIndex])
+        return keys[lastIndex]->value;
+    const int32_t i = FindSegment(tables, n);
+    VxEnvKey *s = keys[i];
+    if (tables->ticks[i] == n)
+        return s->value;
+    Segment &seg = tables->segments[i];
+    if (seg.kind == kUnfilled)
+        FillSegment(seg, s, keys[i + 1]);
+    if (seg.kind == kHold)
+        return s->value;
+    const double u = (t + seg.base) / seg.span;
+    switch (seg.kind) {
+    case kLinear: return seg.c[0] + seg.c[1] * u;
+    case kHermite: {
+        const double u2 = u * u;
+        const double u3 = u2 * u;
+        const double h1 = 2.0 * u3 - 3.0 * u2 + 1.0;
+        const double h2 = 3.0 * u2 - 2.0 * u3;
+        const double h3 = u3 - 2.0 * u2 + u;
+        const double h4 = u3 - u2;
+        return seg.c[0] * h1 + seg.c[1] * h2 + seg.c[2] * h3 + seg.c[3] * h4;
+    }
+    case kBezier: {
+        const double u2 = u * u;
+        const double u3 = u2 * u;
+        const double w0 = 1.0 - 3.0 * u + 3.0 * u2 - u3;
+        const double w1 = 3.0 * u - 6.0 * u2 + 3.0 * u3;
+        const double w2 = 3.0 * u2 - 3.0 * u3;
+        return seg.c[0] * w0 + seg.c[1] * w1 + seg.c[2] * w2 + seg.c[3] * u3;
+    }
+    default: {
+        PowerCubic x(0.0, 0.0, 0.0, 0.0);
+        x.c0 = seg.c[0], x.a = seg.c[1], x.b = seg.c[2], x.d = seg.c[3];
+        const double mid = Bezier2Solve(x, t);
+        return seg.kind == kBezier2 ? seg.y.At(mid) : Bezier2Y(s, keys[i + 1]).At(mid);
+    }
+    }
+}
+
+// The curve at t inside or at the ends of the key range, without the behaviour offset.
+double SegmentValue(VxEnvelope *env, double t, int32_t n, bool probeBefore)
+{
+    if (!probeBefore)
+        if (VxEnvTables *tables = Tables(env))
+            return TableSegmentValue(tables, t, n);
+    return WalkSegmentValue(env, t, n, probeBefore);
 }
 
 struct Wrapped {
@@ -249,6 +507,13 @@ double InTangent(VxEnvKey *k)
         return k->p[3] = r * (t * (1.0 - c) * (1.0 + b) * dIn + t * (1.0 + c) * (1.0 - b) * dOut);
     }
     }
+}
+
+void FreeTables(VxEnvelope *env)
+{
+    if (env->tables)
+        FreeHeap(env->tables, env->tables->bytes);
+    env->tables = nullptr;
 }
 
 double CurveValue(VxEnvelope *env, double t)

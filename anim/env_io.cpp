@@ -234,7 +234,7 @@ void Commit(VxEnvelope *env, Loaded &l)
 {
     FreeKeyList(&env->keys);
     NewList(&env->keys);
-    env->hint = nullptr;
+    KeysChanged(env);
     if (l.keyCount)
         MoveList(&env->keys, &l.keys);
     env->keyCount = l.keyCount;

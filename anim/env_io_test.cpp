@@ -325,3 +325,137 @@ TEST(EnvOom, LoadSweep)
 }
 
 }  // namespace
+
+namespace {
+
+// ---- Evaluation after edits -------------------------------------------------------------
+
+uint64_t Bits(double v)
+{
+    uint64_t b;
+    std::memcpy(&b, &v, sizeof b);
+    return b;
+}
+
+VxEnvKey *NthKey(VxEnvelope *env, uint64_t pick)
+{
+    const auto count = static_cast<uint64_t>(EnvGet(env, ENV_ATTR_KEY_COUNT));
+    VxEnvKey *k = count ? EnvKeyFirst(env) : nullptr;
+    for (uint64_t i = count ? pick % count : 0; k && i; --i)
+        k = EnvKeyNext(env, k);
+    return k;
+}
+
+// Evaluates `env` and a fresh copy of it (nothing cached) at increasing, then random, times and
+// expects the same bits, and the same parameters (with the tangents evaluation stores) after.
+void ExpectSameAsFreshCopy(VxEnvelope *env, std::mt19937 &rng, int step)
+{
+    VxEnvelope *fresh = EnvCopy(env);
+    const double tF = EnvGet(env, ENV_ATTR_FIRST_TIME), tL = EnvGet(env, ENV_ATTR_LAST_TIME);
+    std::uniform_real_distribution<double> anywhere(tF - 1.5, tL + 1.5);
+    for (int i = 0; i < 24; ++i) {
+        const double t = i < 12 ? tF - 1.0 + (tL - tF + 2.0) * i / 11.0 : anywhere(rng);
+        ASSERT_EQ(Bits(EnvEvaluate(env, t)), Bits(EnvEvaluate(fresh, t))) << "step " << step << " t " << t;
+    }
+    for (VxEnvKey *a = EnvKeyFirst(env), *b = EnvKeyFirst(fresh); a || b; a = EnvKeyNext(env, a), b = EnvKeyNext(fresh, b)) {
+        ASSERT_TRUE(a && b);
+        for (int32_t p = 0; p < 5; ++p)
+            ASSERT_EQ(Bits(EnvKeyGetParam(a, p)), Bits(EnvKeyGetParam(b, p))) << "step " << step << " p" << p;
+    }
+    EnvDestroy(fresh);
+}
+
+// Every kind of edit, at random, between evaluations: an edit that left anything the
+// evaluation keeps from earlier calls stale shows as a difference from a fresh copy.
+TEST(EnvEdits, EvaluationAfterEveryKindOfEditMatchesAFreshCopy)
+{
+    std::mt19937 rng(31);
+    auto uni = [&](double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(rng); };
+    VxEnvelope *env = RandomEnvelope(rng);
+    for (int step = 0; step < 4000; ++step) {
+        VxEnvKey *k = NthKey(env, rng());
+        VxEnvKey *k2 = NthKey(env, rng());
+        const double t = std::round(uni(-2.0, 8.0) * 3600.0) / 3600.0;
+        switch (rng() % 13) {
+        case 0:
+        case 1: EnvKeySetType(env, EnvAddKey(env, t, uni(-5, 5)), static_cast<int32_t>(rng() % 7)); break;
+        case 2: EnvAddKey(env, k ? EnvKeyTime(k) : t, uni(-5, 5)); break;  // onto an existing key
+        case 3: k && EnvSetKey(env, k, uni(-5, 5)); break;
+        case 4: EnvDelKey(env, k); break;
+        case 5: k && EnvKeyReplace(env, k, t, uni(-5, 5)); break;
+        case 6: k && EnvKeySetTime(env, k, t); break;
+        case 7: EnvShiftKeys(env, k, k2, uni(-0.5, 0.5)); break;
+        case 8: EnvScaleKeys(env, k, k2, uni(0, 3), uni(0.3, 2)); break;
+        case 9: k && (EnvKeySetType(env, k, static_cast<int32_t>(rng() % 7)), true); break;
+        case 10: k && (EnvKeySetParam(k, static_cast<int32_t>(rng() % 5), uni(-0.4, 0.4)), true); break;
+        case 11: {
+            VxEnvelope *other = RandomEnvelope(rng);
+            if (rng() & 1) {
+                EnvCopyKeys(env, other);
+            } else {
+                const bool text = rng() & 1;
+                const Bytes bytes = Save({other}, text);
+                Source src(bytes, text);
+                EXPECT_EQ(EnvLoad(env, &src.state), 1);
+            }
+            EnvDestroy(other);
+            break;
+        }
+        default: {
+            const auto behaviour = static_cast<int32_t>(rng() % 6);
+            EnvSet(env, rng() & 1 ? ENV_ATTR_PRE : ENV_ATTR_POST, &behaviour);
+            break;
+        }
+        }
+        ASSERT_NO_FATAL_FAILURE(ExpectSameAsFreshCopy(env, rng, step));
+    }
+    EnvDestroy(env);
+}
+
+// The values at `times`, evaluated inside an open checkpoint block when `inBlock`; false when
+// the evaluation raised a failure to that block.
+bool Evaluate(VxEnvelope *env, const std::vector<double> &times, std::vector<uint64_t> &got, bool inBlock)
+{
+    if (inBlock && CkptBegin())
+        return false;
+    for (double t : times)
+        got.push_back(Bits(EnvEvaluate(env, t)));
+    if (inBlock)
+        CkptEnd();
+    return true;
+}
+
+// The evaluation keeps its tables in blocks of its own; when they cannot be had it walks the
+// keys instead, with the same values, raising nothing and leaking nothing.
+TEST(EnvOom, EvaluationWithoutMemoryWalksTheKeys)
+{
+    std::mt19937 rng(5);
+    std::vector<double> times(200);
+    for (double &t : times)
+        t = std::uniform_real_distribution<double>(-3.0, 9.0)(rng);
+    for (int round = 0; round < 20; ++round) {
+        vxtest::FaultAllocator heap;
+        VxEnvelope *env = RandomEnvelope(rng);
+        VxEnvelope *reference = EnvCopy(env);
+        std::vector<uint64_t> want;
+        for (double t : times)
+            want.push_back(Bits(EnvEvaluate(reference, t)));
+        const size_t live = heap.LiveBytes();
+        for (const bool outerBlock : {false, true}) {
+            heap.FailAt(1, vxtest::FailMode::FromThen);
+            std::vector<uint64_t> got;
+            EXPECT_TRUE(Evaluate(env, times, got, outerBlock)) << "the evaluation raised";
+            EXPECT_EQ(got, want) << round;
+            EXPECT_EQ(heap.LiveBytes(), live);
+            EXPECT_EQ(heap.Failures() > 0, EnvGet(env, ENV_ATTR_KEY_COUNT) > 1);
+            heap.Disarm();
+        }
+        for (size_t i = 0; i < times.size(); ++i)
+            ASSERT_EQ(Bits(EnvEvaluate(env, times[i])), want[i]);  // now from the tables
+        EnvDestroy(env);
+        EnvDestroy(reference);
+        EXPECT_EQ(heap.BadFrees(), 0);
+    }
+}
+
+}  // namespace

@@ -41,6 +41,7 @@ void LinkSorted(VxEnvelope *env, VxEnvKey *key)
 
 void MoveKey(VxEnvelope *env, VxEnvKey *key, int32_t tick)
 {
+    KeysChanged(env);
     Remove(&key->node);
     key->tick = tick;
     LinkSorted(env, key);
@@ -153,6 +154,7 @@ VxEnvKey *EnvAddKey(VxEnvelope *env, double t, double value)
     const int32_t tick = TickOf(t);
     if (VxEnvKey *existing = KeyAtTick(env, tick)) {
         existing->value = value;
+        KeysChanged(env);
         Notify(env, ENV_NOTIFY_KEY_CHANGED, reinterpret_cast<uintptr_t>(existing));
         return existing;
     }
@@ -161,6 +163,7 @@ VxEnvKey *EnvAddKey(VxEnvelope *env, double t, double value)
         return nullptr;
     key->tick = tick;
     key->value = value;
+    KeysChanged(env);
     LinkSorted(env, key);
     ++env->keyCount;
     if (env->port && env->tracking >= 1) {
@@ -175,6 +178,7 @@ VxEnvKey *EnvAddKey(VxEnvelope *env, double t, double value)
 int EnvSetKey(VxEnvelope *env, VxEnvKey *key, double value)
 {
     key->value = value;
+    KeysChanged(env);
     Notify(env, ENV_NOTIFY_KEY_CHANGED, reinterpret_cast<uintptr_t>(key));
     return 1;
 }
@@ -184,7 +188,7 @@ int EnvDelKey(VxEnvelope *env, VxEnvKey *key)
     if (!key || !OwnsKey(env, key))
         return 0;
     Notify(env, ENV_NOTIFY_KEY_DELETED, reinterpret_cast<uintptr_t>(key));
-    env->hint = nullptr;
+    KeysChanged(env);
     Remove(&key->node);
     --env->keyCount;
     FreeHeap(key, sizeof(VxEnvKey));
@@ -196,7 +200,6 @@ VxEnvKey *EnvKeyReplace(VxEnvelope *env, VxEnvKey *key, double t, double value)
     const int32_t tick = TickOf(t);
     VxEnvKey *occupant = KeyAtTick(env, tick);
     if (occupant && occupant != key) {
-        env->hint = nullptr;
         Remove(&occupant->node);
         --env->keyCount;
         FreeHeap(occupant, sizeof(VxEnvKey));
@@ -225,6 +228,7 @@ int32_t EnvKeyType(const VxEnvKey *key) { return key->shape; }
 void EnvKeySetType(VxEnvelope *env, VxEnvKey *key, int32_t shape)
 {
     ++env->stamp;
+    KeysChanged(env);
     const bool wasBezier2 = key->shape == ENV_SHAPE_BEZIER2;
     const bool isBezier2 = shape == ENV_SHAPE_BEZIER2;
     if (isBezier2 && !wasBezier2)
@@ -242,8 +246,10 @@ double EnvKeyGetParam(const VxEnvKey *key, int32_t index)
 
 void EnvKeySetParam(VxEnvKey *key, int32_t index, double value)
 {
-    if (index >= 0 && index < 5)
+    if (index >= 0 && index < 5) {
         key->p[index] = value;
+        g_paramEdits.fetch_add(1, std::memory_order_relaxed);
+    }
 }
 
 uint32_t EnvKeyMask(const VxEnvKey *key) { return key->mask; }
@@ -267,6 +273,7 @@ int EnvShiftKeys(VxEnvelope *env, VxEnvKey *first, VxEnvKey *last, double dt)
     auto shifted = [delta](const VxEnvKey *k) { return k->tick + delta; };
     if (!RunStaysOrdered(run, shifted))
         return 0;
+    KeysChanged(env);
     ApplyRun(run, shifted);
     Notify(env, ENV_NOTIFY_ENVELOPE, 0);
     return 1;
@@ -283,6 +290,7 @@ int EnvScaleKeys(VxEnvelope *env, VxEnvKey *first, VxEnvKey *last, double pivot,
     };
     if (!RunStaysOrdered(run, scaled))
         return 0;
+    KeysChanged(env);
     ApplyRun(run, scaled);
     for (VxEnvKey *k = run.first;; k = NextKey(k)) {
         if (k->shape == ENV_SHAPE_BEZIER2) {

@@ -113,6 +113,7 @@ void EnvDestroy(VxEnvelope *env)
         return;
     Remove(&env->node);
     FreeKeyList(&env->keys);
+    FreeTables(env);
     while (VxNode *n = RemHead(&env->filters)) {
         auto *filter = reinterpret_cast<VxEnvFilter *>(n);
         if (filter->destroy)
@@ -145,7 +146,7 @@ int EnvCopyKeys(VxEnvelope *to, const VxEnvelope *from)
     CkptEnd();
     FreeKeyList(&to->keys);
     NewList(&to->keys);
-    to->hint = nullptr;
+    KeysChanged(to);
     if (count)
         MoveList(&to->keys, &copied);
     to->keyCount = count;

@@ -3,6 +3,7 @@
 
 #include <vxtools3/envelope.h>
 
+#include <atomic>
 #include <cmath>
 #include <climits>
 #include <cstdint>
@@ -43,6 +44,10 @@ struct VxEnvelope {
     // The start key of the segment evaluated last: playback resumes its walk there. Cleared
     // whenever a key leaves the list; moved keys stay members, so it stays usable.
     VxEnvKey *hint;
+    // Counts the edits of the keys; the evaluation tables below are current while they were
+    // built at the same count (and the same count of parameter edits, see g_paramEdits).
+    uint64_t edits;
+    struct VxEnvTables *tables;
 };
 
 namespace vx::env {
@@ -83,6 +88,20 @@ inline VxEnvKey *PrevKey(const VxEnvKey *k)
     VxNode *n = k->node.pred;
     return n && n->pred ? reinterpret_cast<VxEnvKey *>(n) : nullptr;
 }
+
+// Counts EnvKeySetParam calls of every envelope (a key does not know its envelope).
+extern std::atomic<uint64_t> g_paramEdits;
+
+// Marks the evaluation tables and the playback start key stale after any change to the keys:
+// their number, order, ticks, values, shapes or parameters.
+inline void KeysChanged(VxEnvelope *env)
+{
+    ++env->edits;
+    env->hint = nullptr;
+}
+
+// Frees the evaluation tables of an envelope (on destruction).
+void FreeTables(VxEnvelope *env);
 
 // Sends (event, mask) with `argument` through the envelope's port, or counts the edit as
 // suppressed while tracking is suspended.
