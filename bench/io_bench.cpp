@@ -154,11 +154,12 @@ void MemRead(benchmark::State &state)
 
 constexpr int32_t kValues = 1 << 20;
 
-void MemReadOneLong(benchmark::State &state)
+// Reads kValues swapped longs one at a time from each stream `open` makes.
+template <class Open>
+void ReadOneLongAtATime(benchmark::State &state, Open open)
 {
-    const uint8_t *src = Source().data();
     for (auto _ : state) {
-        VxReadStrm *s = MemStrmReadCreate(src, kValues * 4, 0);
+        VxReadStrm *s = open();
         uint32_t sum = 0, v;
         for (int32_t i = 0; i < kValues; ++i) {
             s->readLongs(s, &v, 1);
@@ -168,6 +169,12 @@ void MemReadOneLong(benchmark::State &state)
         StrmReadDestroy(s);
     }
     state.SetItemsProcessed(state.iterations() * kValues);
+}
+
+void MemReadOneLong(benchmark::State &state)
+{
+    const uint8_t *src = Source().data();
+    ReadOneLongAtATime(state, [src] { return MemStrmReadCreate(src, kValues * 4, 0); });
 }
 
 void LoopReadOneLong(benchmark::State &state)
@@ -199,17 +206,7 @@ const std::string &ValuesFile()
 void FileReadOneLong(benchmark::State &state)
 {
     const std::string &path = ValuesFile();
-    for (auto _ : state) {
-        VxReadStrm *s = FileStrmReadOpen(path.c_str(), nullptr);
-        uint32_t sum = 0, v;
-        for (int32_t i = 0; i < kValues; ++i) {
-            s->readLongs(s, &v, 1);
-            sum += v;
-        }
-        benchmark::DoNotOptimize(sum);
-        StrmReadDestroy(s);
-    }
-    state.SetItemsProcessed(state.iterations() * kValues);
+    ReadOneLongAtATime(state, [&path] { return FileStrmReadOpen(path.c_str(), nullptr); });
 }
 
 void StdioReadOneLong(benchmark::State &state)
