@@ -46,30 +46,19 @@ protected:
     vxtest::TempDir dir_;
 };
 
-TEST_P(ReadStreams, ReadsWholeItemsSwappedOrRawAndStopsAtTheEnd)
+// What the random walk below does not look at: the items past a partial one stay untouched,
+// and the end shows in peeks and reads without failing the stream.
+TEST_P(ReadStreams, PartialItemsAreNotStoredAndTheEndIsNoFailure)
 {
-    VxReadStrm *s = Open({0x12, 0x34, 0x12, 0x34, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10});
+    VxReadStrm *s = Open({1, 2, 3, 4, 5, 6, 7, 8, 9, 10});
     ASSERT_NE(s, nullptr);
-    EXPECT_EQ(s->remaining, 14);
-    uint16_t shorts[2];
-    EXPECT_EQ(s->readShorts(s, &shorts[0], 1), 1);
-    EXPECT_EQ(s->readShortsRaw(s, &shorts[1], 1), 1);
-    EXPECT_EQ(shorts[0], 0x1234);
-    EXPECT_EQ(shorts[1], 0x3412);
     uint32_t longs[3] = {0, 0, 0xDEADBEEF};
-    EXPECT_EQ(s->readLongs(s, longs, 3), 2);  // 10 bytes left: two whole items
-    EXPECT_EQ(longs[0], 0x01020304u);
+    EXPECT_EQ(s->readLongs(s, longs, 3), 2);  // 10 bytes: two whole items
     EXPECT_EQ(longs[1], 0x05060708u);
     EXPECT_EQ(longs[2], 0xDEADBEEFu) << "an item beyond the end was touched";
     EXPECT_EQ(s->remaining, 2);
-    EXPECT_EQ(s->readLongs(s, longs, 1), 0);
     EXPECT_EQ(s->readLongsRaw(s, longs, 1), 0);
-    uint8_t b = 0;
-    EXPECT_EQ(s->peekByte(s, &b), 0);
-    EXPECT_EQ(b, 9);
-    EXPECT_EQ(s->peekByte(s, &b), 0);
-    EXPECT_EQ(b, 9);
-    uint8_t two[2];
+    uint8_t two[2], b = 0;
     EXPECT_EQ(s->readBytes(s, two, 5), 2);
     EXPECT_EQ(two[1], 10);
     EXPECT_EQ(s->peekByte(s, &b), 1);
@@ -296,8 +285,6 @@ TEST_P(WriteStreams, SwappedWritesStoreBigEndianAndLeaveTheCallersItems)
     EXPECT_EQ(s->length, 20);
     EXPECT_EQ(s->position, 20);
     EXPECT_EQ(s->writeBytes(s, "zz", -1), 0);  // a negative count writes nothing
-    EXPECT_EQ(s->seek(s, 1000), 0);
-    EXPECT_EQ(s->position, 20) << "seek past the end is clamped to the length";
     EXPECT_EQ(s->seek(s, 2), 0);
     EXPECT_EQ(s->writeBytes(s, "\x77", 1), 0);
     EXPECT_EQ(s->length, 20);
