@@ -38,7 +38,7 @@ struct RowRing {
     }
 };
 
-float Clamp01(float v) { return v < 0.0f ? 0.0f : v > 1.0f ? 1.0f : v; }
+[[gnu::always_inline]] inline float Clamp01(float v) { return v < 0.0f ? 0.0f : v > 1.0f ? 1.0f : v; }
 
 // Adds one matrix row to the running sums: acc[i] += m[0] p[i], then m[1] p[i + 4], ... in
 // column order, so every sum keeps the order of the plain loop. Fixed widths unroll.
@@ -70,21 +70,79 @@ void AddMatrixRow(float *acc, const float *line, const float *m, int32_t columns
     }
 }
 
+// One result row of a square matrix of fixed size in one pass: each float starts at 0 and
+// adds m[r][k] p in matrix-row order, column order within a row (the order of the plain
+// loop), then takes the offset and the clamp. Every float is independent, so the loop
+// vectorises across the row without changing any sum.
+template <int32_t kSize, bool kOffset>
+[[gnu::always_inline]] inline void ConvolveRowFixed(float *__restrict out, const float *const *lines,
+                                                    const float *matrix, const float *offset, size_t n)
+{
+    // Local copies, so that the stores to `out` cannot be taken to change them.
+    float m[kSize * kSize];
+    const float *p[kSize];
+    float o[4] = {};
+    for (int32_t k = 0; k < kSize * kSize; ++k)
+        m[k] = matrix[k];
+    for (int32_t r = 0; r < kSize; ++r)
+        p[r] = lines[r];
+    if constexpr (kOffset)
+        for (int c = 0; c < 4; ++c)
+            o[c] = offset[c];
+    for (size_t i = 0; i < n; ++i) {
+        float a = 0.0f;
+        for (int32_t r = 0; r < kSize; ++r)
+            for (int32_t k = 0; k < kSize; ++k)
+                a += m[r * kSize + k] * p[r][i + 4 * static_cast<size_t>(k)];
+        if constexpr (kOffset)
+            a += o[i & 3];
+        out[i] = Clamp01(a);
+    }
+}
+
+// Built for AVX2 as well as the baseline, picked once at load: the same operations on
+// wider vectors (no fused multiply-add, contraction stays off), so the results are equal.
+VX_IMAGE_CLONES void ConvolveRowFixed(int32_t size, float *out, const float *const *lines, const float *matrix,
+                                      const float *offset, size_t n)
+{
+    switch (size * 2 + (offset ? 1 : 0)) {
+    case 6: ConvolveRowFixed<3, false>(out, lines, matrix, offset, n); break;
+    case 7: ConvolveRowFixed<3, true>(out, lines, matrix, offset, n); break;
+    case 10: ConvolveRowFixed<5, false>(out, lines, matrix, offset, n); break;
+    case 11: ConvolveRowFixed<5, true>(out, lines, matrix, offset, n); break;
+    case 14: ConvolveRowFixed<7, false>(out, lines, matrix, offset, n); break;
+    default: ConvolveRowFixed<7, true>(out, lines, matrix, offset, n); break;
+    }
+}
+
+constexpr int32_t kMaxFixedSize = 7;
+
 // Result row y: the matrix rows in order, each of its columns in order, summed in float.
+// RGBA float results are written in place, other types through the set-line operation.
 void ConvolveRows(VxImage *result, const float *matrix, int32_t columns, int32_t rows, const float *offset,
                   RowRing &ring, float *acc)
 {
     const int32_t h = ring.source->height;
     const size_t rowFloats = 4 * static_cast<size_t>(ring.source->width);
+    const bool inPlace = result->type == VX_PIXEL_RGBA_FLOAT;
+    const bool fixed = columns == rows && (columns == 3 || columns == 5 || columns == 7);
     for (int32_t y = 0; y < h; ++y) {
-        std::fill(acc, acc + rowFloats, 0.0f);
-        for (int32_t r = 0; r < rows; ++r) {
-            const float *line = ring.Get(std::clamp(y - (rows >> 1) + r, 0, h - 1));
-            AddMatrixRow(acc, line, matrix + r * columns, columns, rowFloats);
+        float *out = inPlace ? reinterpret_cast<float *>(Row(result, y)) : acc;
+        if (fixed) {
+            const float *lines[kMaxFixedSize];
+            for (int32_t r = 0; r < rows; ++r)
+                lines[r] = ring.Get(std::clamp(y - (rows >> 1) + r, 0, h - 1));
+            ConvolveRowFixed(columns, out, lines, matrix, offset, rowFloats);
+        } else {
+            std::fill(out, out + rowFloats, 0.0f);
+            for (int32_t r = 0; r < rows; ++r) {
+                const float *line = ring.Get(std::clamp(y - (rows >> 1) + r, 0, h - 1));
+                AddMatrixRow(out, line, matrix + r * columns, columns, rowFloats);
+            }
+            for (size_t i = 0; i < rowFloats; ++i)
+                out[i] = Clamp01(offset ? out[i] + offset[i & 3] : out[i]);
         }
-        for (size_t i = 0; i < rowFloats; ++i)
-            acc[i] = Clamp01(offset ? acc[i] + offset[i & 3] : acc[i]);
-        if (!result->setLine(result, VX_PIXEL_RGBA_FLOAT, y, acc))
+        if (!inPlace && !result->setLine(result, VX_PIXEL_RGBA_FLOAT, y, acc))
             CkptRecover(kLocalFailure);
     }
 }

@@ -8,6 +8,15 @@
 #include <cstddef>
 #include <cstdint>
 
+// Hot pixel loops are built twice, for AVX2 and for the baseline, and chosen once at load.
+// The AVX2 copy performs the same float operations in the same order on wider vectors (the
+// target does not enable FMA, and contraction is off anyway), so results are identical.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define VX_IMAGE_CLONES __attribute__((target_clones("avx2", "default")))
+#else
+#define VX_IMAGE_CLONES
+#endif
+
 namespace vx::image {
 
 constexpr size_t kPaletteBytes = 768;
