@@ -429,13 +429,34 @@ bool Evaluate(VxEnvelope *env, const std::vector<double> &times, std::vector<uin
 // keys instead, with the same values, raising nothing and leaking nothing.
 TEST(EnvOom, EvaluationWithoutMemoryWalksTheKeys)
 {
+    EnvDestroy(EnvCreate(nullptr, 0, 0, nullptr));  // the global port exists from now on
     std::mt19937 rng(5);
-    std::vector<double> times(200);
-    for (double &t : times)
-        t = std::uniform_real_distribution<double>(-3.0, 9.0)(rng);
-    for (int round = 0; round < 20; ++round) {
+    auto uni = [&](double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(rng); };
+    std::vector<double> times(2000);
+    for (int round = 0; round < 40; ++round) {
         vxtest::FaultAllocator heap;
         VxEnvelope *env = RandomEnvelope(rng);
+        if (round & 1) {
+            // 2-D Bezier keys only, with handles from tight to far past their neighbours (where
+            // the time curve turns back), over segments of one tick to 2000 seconds.
+            while (VxEnvKey *k = EnvKeyFirst(env))
+                EnvDelKey(env, k);
+            double t = 0.0;
+            for (int i = 0; i < 8; ++i) {
+                VxEnvKey *k = EnvAddKey(env, t, uni(-3, 3));
+                EnvKeySetType(env, k, ENV_SHAPE_BEZIER2);
+                const double reach = round % 4 == 1 ? 0.4 : 1.5;
+                EnvKeySetParam(k, 0, -uni(0, reach) * (t + 1) / 4);
+                EnvKeySetParam(k, 1, uni(-2, 2));
+                EnvKeySetParam(k, 2, uni(0, reach) * (t + 1) / 4);
+                EnvKeySetParam(k, 3, uni(-2, 2));
+                const uint32_t kind = rng() % 4;
+                t += kind == 0 ? 1.0 / 3600.0 : kind == 1 ? uni(0, 2000) : uni(0.01, 1.5);
+            }
+        }
+        const double tF = EnvGet(env, ENV_ATTR_FIRST_TIME), tL = EnvGet(env, ENV_ATTR_LAST_TIME);
+        for (double &t : times)
+            t = uni(tF - 1.0, tL + 1.0);
         VxEnvelope *reference = EnvCopy(env);
         std::vector<uint64_t> want;
         for (double t : times)
