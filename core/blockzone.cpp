@@ -47,11 +47,12 @@ int32_t SlotIndex(const BZone *zone, BZChunk *chunk, const unsigned char *slot)
 
 void MarkFree(BZChunk *chunk, int32_t index, bool isFree)
 {
-    const uint64_t bit = uint64_t{1} << (index % 64);
+    const auto at = static_cast<uint32_t>(index);
+    const uint64_t bit = uint64_t{1} << (at % 64);
     if (isFree)
-        chunk->freeMap[index / 64] |= bit;
+        chunk->freeMap[at / 64] |= bit;
     else
-        chunk->freeMap[index / 64] &= ~bit;
+        chunk->freeMap[at / 64] &= ~bit;
 }
 
 bool MarkedFree(const BZChunk *chunk, int32_t index) { return (chunk->freeMap[index / 64] >> (index % 64)) & 1; }
@@ -114,8 +115,11 @@ BZChunk *NewChunk(BZone *zone)
     chunk->zone = zone;
     chunk->firstFree = FirstSlot(chunk);
     chunk->freeCount = zone->perChunk;
-    for (int32_t slot = 0; slot < zone->perChunk; ++slot)
-        MarkFree(chunk, slot, true);
+    const int32_t fullWords = zone->perChunk / 64;
+    for (int32_t word = 0; word < fullWords; ++word)
+        chunk->freeMap[word] = ~uint64_t{0};
+    if (const int32_t rest = zone->perChunk % 64)
+        chunk->freeMap[fullWords] = (uint64_t{1} << rest) - 1;
     return chunk;
 }
 
@@ -161,7 +165,8 @@ void CountUp(BZone *zone, BZChunk *chunk)
 // The lowest free slot after taking one, from the free map.
 unsigned char *LowestFree(const BZone *zone, BZChunk *chunk)
 {
-    for (int32_t word = 0; word < vx::zone::kFreeMapWords; ++word)
+    const int32_t words = (zone->perChunk + 63) / 64;
+    for (int32_t word = 0; word < words; ++word)
         if (chunk->freeMap[word])
             return FirstSlot(chunk) + static_cast<size_t>(word * 64 + std::countr_zero(chunk->freeMap[word])) *
                                           static_cast<size_t>(zone->slotSize);
@@ -171,13 +176,22 @@ unsigned char *LowestFree(const BZone *zone, BZChunk *chunk)
 void *TakeSlot(BZone *zone, BZChunk *chunk)
 {
     unsigned char *slot = chunk->firstFree;
+    const auto slotSize = static_cast<size_t>(zone->slotSize);
+    const int32_t used = chunk->used;
     SetSlotMark(slot, chunk);
-    MarkFree(chunk, SlotIndex(zone, chunk, slot), false);
-    unsigned char *elem = slot + kSlotPrefix;
-    std::memset(elem, 0, static_cast<size_t>(zone->elemSize));
-    chunk->firstFree = LowestFree(zone, chunk);
+    if (slot == FirstSlot(chunk) + static_cast<size_t>(used) * slotSize) {
+        // Never handed out, so still zero; every slot below it is in use, so the next free
+        // one follows it.
+        MarkFree(chunk, used, false);
+        chunk->used = used + 1;
+        chunk->firstFree = slot + slotSize;
+    } else {
+        MarkFree(chunk, SlotIndex(zone, chunk, slot), false);
+        std::memset(slot + kSlotPrefix, 0, static_cast<size_t>(zone->elemSize));
+        chunk->firstFree = LowestFree(zone, chunk);
+    }
     CountDownHead(zone, chunk);
-    return elem;
+    return slot + kSlotPrefix;
 }
 
 // Returns an element to its chunk. `keepLast` keeps a chunk that becomes entirely free when
@@ -356,10 +370,16 @@ int CheckSlots(const BZone *zone, BZChunk *chunk, int index)
     unsigned char *lowestFree = nullptr;
     int freeSlots = 0;
     unsigned char *end = SlotsEnd(zone, chunk);
+    if (chunk->used < 0 || chunk->used > zone->perChunk)
+        return Fault(zone, index, "the count of slots ever used is out of range");
+    unsigned char *unused = FirstSlot(chunk) + static_cast<size_t>(chunk->used) * static_cast<size_t>(zone->slotSize);
     for (unsigned char *slot = FirstSlot(chunk); slot < end; slot += zone->slotSize) {
         BZChunk *mark = SlotMark(slot);
         if (mark && mark != chunk)
             return Fault(zone, index, "a slot is marked with another chunk");
+        if (slot >= unused && (mark || !std::all_of(slot + kSlotPrefix, slot + zone->slotSize,
+                                                    [](unsigned char b) { return b == 0; })))
+            return Fault(zone, index, "a slot never handed out is in use or not zero");
         if (MarkedFree(chunk, SlotIndex(zone, chunk, slot)) != !mark)
             return Fault(zone, index, "the free map disagrees with a slot mark");
         if (mark)

@@ -26,7 +26,9 @@ struct BZChunk {
     BZone *zone;
     unsigned char *firstFree;  // lowest free slot, or the end of the slots when none is free
     int32_t freeCount;
-    int32_t reserved;
+    // Slots 0 .. used - 1 have been handed out since the chunk was made; the others still hold
+    // the zeros the chunk came with, so that only a reused slot needs clearing.
+    int32_t used;
     uint64_t freeMap[vx::zone::kFreeMapWords];
 };
 
