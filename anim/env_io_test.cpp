@@ -380,14 +380,14 @@ TEST(EnvEdits, EvaluationAfterEveryKindOfEditMatchesAFreshCopy)
         case 0:
         case 1: EnvKeySetType(env, EnvAddKey(env, t, uni(-5, 5)), static_cast<int32_t>(rng() % 7)); break;
         case 2: EnvAddKey(env, k ? EnvKeyTime(k) : t, uni(-5, 5)); break;  // onto an existing key
-        case 3: k && EnvSetKey(env, k, uni(-5, 5)); break;
+        case 3: if (k) EnvSetKey(env, k, uni(-5, 5)); break;
         case 4: EnvDelKey(env, k); break;
-        case 5: k && EnvKeyReplace(env, k, t, uni(-5, 5)); break;
-        case 6: k && EnvKeySetTime(env, k, t); break;
+        case 5: if (k) EnvKeyReplace(env, k, t, uni(-5, 5)); break;
+        case 6: if (k) EnvKeySetTime(env, k, t); break;
         case 7: EnvShiftKeys(env, k, k2, uni(-0.5, 0.5)); break;
         case 8: EnvScaleKeys(env, k, k2, uni(0, 3), uni(0.3, 2)); break;
-        case 9: k && (EnvKeySetType(env, k, static_cast<int32_t>(rng() % 7)), true); break;
-        case 10: k && (EnvKeySetParam(k, static_cast<int32_t>(rng() % 5), uni(-0.4, 0.4)), true); break;
+        case 9: if (k) EnvKeySetType(env, k, static_cast<int32_t>(rng() % 7)); break;
+        case 10: if (k) EnvKeySetParam(k, static_cast<int32_t>(rng() % 5), uni(-0.4, 0.4)); break;
         case 11: {
             VxEnvelope *other = RandomEnvelope(rng);
             if (rng() & 1) {
