@@ -144,6 +144,114 @@ void GatherRows(const Job &job, float *gather)
     }
 }
 
+// One source row of a footprint, weighted by `wy`, added into the row sums `acc`: per column
+// h = 0 + first weight p[lo], then + p for each inner cell, then + last weight p[hi - 1]
+// (when the span has more than one cell), and acc += wy h, in double. kCells 1 or 2 is a
+// row whose every span has that many cells (the same steps, without the loop); 0 is any.
+// The four channels of a pixel as one vector: every lane does its own channel's steps.
+using Float4 = float __attribute__((vector_size(16)));
+using Double4 = double __attribute__((vector_size(32)));
+using Float4Unaligned = float __attribute__((vector_size(16), aligned(4)));
+
+// Through a reference: a vector return value would depend on the target's ABI.
+[[gnu::always_inline]] inline void LoadPixel(Double4 &out, const float *p)
+{
+    // One whole load: a load in halves would merge into the register of the last one and
+    // chain every pixel's load to the one before.
+    const Float4 v = *reinterpret_cast<const Float4Unaligned *>(p);
+    out = __builtin_convertvector(v, Double4);
+}
+
+template <int kCells>
+[[gnu::always_inline]] inline void AreaAcross(double *__restrict acc, const float *src, const Span *columns,
+                                              int32_t width, double wy)
+{
+    const Double4 zero = {0.0, 0.0, 0.0, 0.0};
+    for (int32_t x = 0; x < width; ++x) {
+        const Span &sx = columns[x];
+        const float *p = src + 4 * sx.lo;
+        Double4 v;
+        LoadPixel(v, p);
+        Double4 h = zero + sx.firstWeight * v;
+        if constexpr (kCells == 2) {
+            LoadPixel(v, p + 4);
+            h += sx.lastWeight * v;
+        } else if constexpr (kCells == 0) {
+            for (int32_t c = sx.lo + 1; c < sx.hi - 1; ++c) {  // inner cells weigh 1
+                LoadPixel(v, src + 4 * c);
+                h += v;
+            }
+            if (sx.hi - 1 > sx.lo) {
+                LoadPixel(v, src + 4 * (sx.hi - 1));
+                h += sx.lastWeight * v;
+            }
+        }
+        Double4 a;
+        std::memcpy(&a, acc + 4 * x, 32);
+        a += wy * h;
+        std::memcpy(acc + 4 * x, &a, 32);
+    }
+}
+
+// A whole result row when its footprint spans at most kMaxAreaRows source rows: per pixel
+// a = 0 + wy h (row by row, in row order), the steps of AreaAcross over a zeroed row, then
+// a / (column total row total); the sums stay in registers.
+constexpr int32_t kMaxAreaRows = 4;
+
+template <int kCells>
+[[gnu::always_inline]] inline void AreaRow(float *__restrict out, const float *const *rows, const double *wy,
+                                           int32_t count, const Span *columns, int32_t width, double rowTotal)
+{
+    const Double4 zero = {0.0, 0.0, 0.0, 0.0};
+    for (int32_t x = 0; x < width; ++x) {
+        const Span &sx = columns[x];
+        Double4 a = zero;
+        for (int32_t r = 0; r < count; ++r) {
+            const float *src = rows[r], *p = src + 4 * sx.lo;
+            Double4 v;
+            LoadPixel(v, p);
+            Double4 h = zero + sx.firstWeight * v;
+            if constexpr (kCells == 2) {
+                LoadPixel(v, p + 4);
+                h += sx.lastWeight * v;
+            } else if constexpr (kCells == 0) {
+                for (int32_t c = sx.lo + 1; c < sx.hi - 1; ++c) {
+                    LoadPixel(v, src + 4 * c);
+                    h += v;
+                }
+                if (sx.hi - 1 > sx.lo) {
+                    LoadPixel(v, src + 4 * (sx.hi - 1));
+                    h += sx.lastWeight * v;
+                }
+            }
+            a += wy[r] * h;
+        }
+        const double total = sx.total * rowTotal;
+        const Float4 f = __builtin_convertvector(a / total, Float4);
+        std::memcpy(out + 4 * x, &f, 16);
+    }
+}
+
+VX_IMAGE_CLONES void AreaRow(int cells, float *out, const float *const *rows, const double *wy, int32_t count,
+                             const Span *columns, int32_t width, double rowTotal)
+{
+    switch (cells) {
+    case 1: AreaRow<1>(out, rows, wy, count, columns, width, rowTotal); break;
+    case 2: AreaRow<2>(out, rows, wy, count, columns, width, rowTotal); break;
+    default: AreaRow<0>(out, rows, wy, count, columns, width, rowTotal); break;
+    }
+}
+
+VX_IMAGE_CLONES void AreaAcross(int cells, double *acc, const float *src, const Span *columns, int32_t width,
+                                double wy)
+{
+    switch (cells) {
+    case 1: AreaAcross<1>(acc, src, columns, width, wy); break;
+    case 2: AreaAcross<2>(acc, src, columns, width, wy); break;
+    default: AreaAcross<0>(acc, src, columns, width, wy); break;
+    }
+}
+
 // Separable weighted average: each source row of the footprint is summed across with the
 // column weights, the row sums are summed down with the row weights, both in double, and
 // the total is divided by the product of the weight totals.
@@ -152,34 +260,35 @@ void AreaRows(const Job &job, int32_t mode, double *acc, Span *columns)
     const int32_t width = job.result->width;
     for (int32_t x = 0; x < width; ++x)
         columns[x] = AreaSpan(mode, x, job.sx, job.source->width);
+    int cells = columns[0].hi - columns[0].lo;
+    for (int32_t x = 1; x < width && cells > 0; ++x)
+        if (columns[x].hi - columns[x].lo != cells)
+            cells = 0;
+    const bool inPlace = job.result->type == VX_PIXEL_RGBA_FLOAT;
     for (int32_t y = 0; y < job.result->height; ++y) {
         const Span sy = AreaSpan(mode, y, job.sy, job.source->height);
-        std::fill(acc, acc + 4 * static_cast<size_t>(width), 0.0);
-        for (int32_t r = sy.lo; r < sy.hi; ++r) {
-            const double wy = sy.Weight(r);
-            const float *src = job.pixels + job.stride * r;
+        float *line = inPlace ? reinterpret_cast<float *>(Row(job.result, y)) : job.line;
+        const int32_t count = sy.hi - sy.lo;
+        if (count <= kMaxAreaRows) {
+            const float *rows[kMaxAreaRows];
+            double wy[kMaxAreaRows];
+            for (int32_t r = 0; r < count; ++r) {
+                rows[r] = job.pixels + job.stride * (sy.lo + r);
+                wy[r] = sy.Weight(sy.lo + r);
+            }
+            AreaRow(cells, line, rows, wy, count, columns, width, sy.total);
+        } else {
+            std::fill(acc, acc + 4 * static_cast<size_t>(width), 0.0);
+            for (int32_t r = sy.lo; r < sy.hi; ++r)
+                AreaAcross(cells, acc, job.pixels + job.stride * r, columns, width, sy.Weight(r));
             for (int32_t x = 0; x < width; ++x) {
-                const Span &sx = columns[x];
-                double h[4] = {0, 0, 0, 0};
-                const float *p = src + 4 * sx.lo;
+                const double total = columns[x].total * sy.total;
                 for (int k = 0; k < 4; ++k)
-                    h[k] += sx.firstWeight * p[k];
-                for (int32_t c = sx.lo + 1; c < sx.hi - 1; ++c)  // inner cells weigh 1
-                    for (int k = 0; k < 4; ++k)
-                        h[k] += src[4 * c + k];
-                if (sx.hi - 1 > sx.lo)
-                    for (int k = 0; k < 4; ++k)
-                        h[k] += sx.lastWeight * src[4 * (sx.hi - 1) + k];
-                for (int k = 0; k < 4; ++k)
-                    acc[4 * x + k] += wy * h[k];
+                    line[4 * x + k] = static_cast<float>(acc[4 * x + k] / total);
             }
         }
-        for (int32_t x = 0; x < width; ++x) {
-            const double total = columns[x].total * sy.total;
-            for (int k = 0; k < 4; ++k)
-                job.line[4 * x + k] = static_cast<float>(acc[4 * x + k] / total);
-        }
-        WriteLine(job, y);
+        if (!inPlace)
+            WriteLine(job, y);
     }
 }
 
