@@ -227,13 +227,13 @@ enum SegmentKind : int32_t {
 };
 
 struct Segment {
-    double base;  // -(start time), so that u = (t + base) / span
-    double span;  // the segment's length in seconds
+    int32_t kind;
+    bool increasing;  // 2-D Bezier: x(s) as computed never decreases from one probe to the next
+    double base;      // -(start time), so that u = (t + base) / span
+    double span;      // the segment's length in seconds
     double c[4];
     vx::env::PowerCubic y;
     double invRange;  // 2-D Bezier: 1 / (x(1) - x(0)), for a first guess of the parameter
-    int32_t kind;
-    bool increasing;  // 2-D Bezier: x(s) as computed never decreases from one probe to the next
 };
 
 }  // namespace
@@ -311,14 +311,17 @@ void *TryAlloc(size_t bytes)
     return tables;
 }
 
+inline bool Current(const VxEnvelope *env, const VxEnvTables *tables)
+{
+    return tables && tables->count && tables->edits == env->edits &&
+           tables->paramEdits == g_paramEdits.load(std::memory_order_relaxed);
+}
+
 // The tables of an envelope of two keys or more, current; NULL when they cannot be had.
 inline VxEnvTables *Tables(VxEnvelope *env)
 {
     VxEnvTables *tables = env->tables;
-    if (tables && tables->count && tables->edits == env->edits &&
-        tables->paramEdits == g_paramEdits.load(std::memory_order_relaxed))
-        return tables;
-    return BuildTables(env);
+    return Current(env, tables) ? tables : BuildTables(env);
 }
 
 [[gnu::noinline]] void FillSegment(Segment &seg, VxEnvKey *s, VxEnvKey *e)
@@ -390,14 +393,10 @@ inline int32_t FindSegment(VxEnvTables *tables, int32_t n)
     return tables->last = lo;
 }
 
-double TableSegmentValue(VxEnvTables *tables, double t, int32_t n)
+// The curve at tick n strictly inside the key range.
+inline double TableInnerValue(VxEnvTables *tables, double t, int32_t n)
 {
     VxEnvKey **keys = tables->keys;
-    const int32_t lastIndex = tables->count - 1;
-    if (n <= tables->ticks[0])
-        return keys[0]->value;
-    if (n >= tables->ticks[lastIndex])
-        return keys[lastIndex]->value;
     const int32_t i = FindSegment(tables, n);
     VxEnvKey *s = keys[i];
     if (tables->ticks[i] == n)
@@ -436,6 +435,16 @@ double TableSegmentValue(VxEnvTables *tables, double t, int32_t n)
         return seg.kind == kBezier2 ? seg.y.At(mid) : Bezier2Y(s, keys[i + 1]).At(mid);
     }
     }
+}
+
+double TableSegmentValue(VxEnvTables *tables, double t, int32_t n)
+{
+    const int32_t lastIndex = tables->count - 1;
+    if (n <= tables->ticks[0])
+        return tables->keys[0]->value;
+    if (n >= tables->ticks[lastIndex])
+        return tables->keys[lastIndex]->value;
+    return TableInnerValue(tables, t, n);
 }
 
 // The curve at t inside or at the ends of the key range, without the behaviour offset.
@@ -589,6 +598,12 @@ void FreeTables(VxEnvelope *env)
 
 double CurveValue(VxEnvelope *env, double t)
 {
+    // Strictly inside the key range the tables answer alone.
+    if (VxEnvTables *tables = env->tables; Current(env, tables)) {
+        const int32_t n = TickOf(t);
+        if (n > tables->ticks[0] && n < tables->ticks[tables->count - 1])
+            return TableInnerValue(tables, t, n);
+    }
     VxEnvKey *first = FirstKey(env);
     if (!first)
         return env->type >= 7 && env->type <= 9 ? 1.0 : 0.0;
