@@ -317,14 +317,18 @@ CubicTap CubicAt(int32_t mode, int32_t i, double step, int32_t size)
 
 // Horizontal pass of one source row into `out` (result width x 4 floats):
 // ((w0 p0 + w1 p1) + w2 p2) + w3 p3 per channel.
-void CubicAcross(const float *src, const CubicTap *taps, int32_t width, float *out)
+void CubicAcross(const float *src, const CubicTap *taps, int32_t width, float *__restrict out)
 {
     for (int32_t x = 0; x < width; ++x) {
         const int32_t *i = taps[x].index;
         const float *w = taps[x].w;
-        const float *p0 = src + 4 * i[0], *p1 = src + 4 * i[1], *p2 = src + 4 * i[2], *p3 = src + 4 * i[3];
-        for (int c = 0; c < 4; ++c)
-            out[4 * x + c] = ((w[0] * p0[c] + w[1] * p1[c]) + w[2] * p2[c]) + w[3] * p3[c];
+        Float4 p0, p1, p2, p3;
+        std::memcpy(&p0, src + 4 * i[0], 16);
+        std::memcpy(&p1, src + 4 * i[1], 16);
+        std::memcpy(&p2, src + 4 * i[2], 16);
+        std::memcpy(&p3, src + 4 * i[3], 16);
+        const Float4 r = ((w[0] * p0 + w[1] * p1) + w[2] * p2) + w[3] * p3;
+        std::memcpy(out + 4 * x, &r, 16);
     }
 }
 
@@ -339,6 +343,7 @@ void CubicRows(const Job &job, int32_t mode, CubicTap *columns, float *sums, flo
     for (int32_t x = 0; x < width; ++x)
         columns[x] = CubicAt(mode, x, job.sx, source->width);
     int32_t tags[4] = {-1, -1, -1, -1};
+    const bool inPlace = job.result->type == VX_PIXEL_RGBA_FLOAT;
     for (int32_t y = 0; y < job.result->height; ++y) {
         const CubicTap ty = CubicAt(mode, y, job.sy, source->height);
         const float *h[4];
@@ -356,10 +361,12 @@ void CubicRows(const Job &job, int32_t mode, CubicTap *columns, float *sums, flo
             }
             h[k] = slot;
         }
-        const float *w = ty.w;
+        const float w0 = ty.w[0], w1 = ty.w[1], w2 = ty.w[2], w3 = ty.w[3];
+        float *__restrict line = inPlace ? reinterpret_cast<float *>(Row(job.result, y)) : job.line;
         for (size_t i = 0; i < rowFloats; ++i)
-            job.line[i] = ((w[0] * h[0][i] + w[1] * h[1][i]) + w[2] * h[2][i]) + w[3] * h[3][i];
-        WriteLine(job, y);
+            line[i] = ((w0 * h[0][i] + w1 * h[1][i]) + w2 * h[2][i]) + w3 * h[3][i];
+        if (!inPlace)
+            WriteLine(job, y);
     }
 }
 
