@@ -59,6 +59,22 @@ bool MarkedFree(const BZChunk *chunk, int32_t index) { return (chunk->freeMap[in
 
 BZChunk *AsChunk(VxNode *node) { return reinterpret_cast<BZChunk *>(node); }
 
+// The list's own Remove and Insert, written here so that the moves on every allocation and
+// free are inlined rather than called.
+void UnlinkNode(VxNode *node)
+{
+    node->succ->pred = node->pred;
+    node->pred->succ = node->succ;
+}
+
+void LinkAfter(VxNode *pred, VxNode *node)
+{
+    node->succ = pred->succ;
+    node->pred = pred;
+    pred->succ->pred = node;
+    pred->succ = node;
+}
+
 // The chunk list's header seen as a node: the predecessor of the first chunk.
 VxNode *ListHeader(BZone *zone) { return reinterpret_cast<VxNode *>(&zone->chunks.head); }
 
@@ -123,7 +139,7 @@ BZChunk *NewChunk(BZone *zone)
     return chunk;
 }
 
-void ReleaseChunk(BZone *zone, BZChunk *chunk)
+[[gnu::noinline]] void ReleaseChunk(BZone *zone, BZChunk *chunk)
 {
     Unlink(zone, chunk);
     --zone->chunkCount;
@@ -131,15 +147,15 @@ void ReleaseChunk(BZone *zone, BZChunk *chunk)
 }
 
 // The head chunk (the fullest with room) lost a free slot.
-void CountDownHead(BZone *zone, BZChunk *chunk)
+[[gnu::always_inline]] inline void CountDownHead(BZone *zone, BZChunk *chunk)
 {
     const int32_t count = chunk->freeCount;
     if (zone->lastWithFree[count] == chunk)
         zone->lastWithFree[count] = nullptr;  // it was the only chunk with this count
     chunk->freeCount = count - 1;
     if (count - 1 == 0) {
-        Remove(&chunk->link);
-        AddTail(&zone->chunks, &chunk->link);
+        UnlinkNode(&chunk->link);
+        LinkAfter(zone->chunks.tailPred, &chunk->link);
     } else {
         zone->lastWithFree[count - 1] = chunk;  // no chunk had fewer free slots
     }
@@ -147,15 +163,15 @@ void CountDownHead(BZone *zone, BZChunk *chunk)
 
 // `chunk` gained a free slot and had some before: it moves behind the other chunks of its
 // old count, which is where the order puts it.
-void CountUp(BZone *zone, BZChunk *chunk)
+[[gnu::always_inline]] inline void CountUp(BZone *zone, BZChunk *chunk)
 {
     const int32_t count = chunk->freeCount;
     BZChunk *runEnd = zone->lastWithFree[count];
     if (runEnd == chunk) {
         zone->lastWithFree[count] = PredWithCount(zone, chunk, count);
     } else {
-        Remove(&chunk->link);
-        Insert(&zone->chunks, &chunk->link, &runEnd->link);
+        UnlinkNode(&chunk->link);
+        LinkAfter(&runEnd->link, &chunk->link);
     }
     chunk->freeCount = count + 1;
     if (!zone->lastWithFree[count + 1])
@@ -173,7 +189,7 @@ unsigned char *LowestFree(const BZone *zone, BZChunk *chunk)
     return SlotsEnd(zone, chunk);
 }
 
-void *TakeSlot(BZone *zone, BZChunk *chunk)
+[[gnu::always_inline]] inline void *TakeSlot(BZone *zone, BZChunk *chunk)
 {
     unsigned char *slot = chunk->firstFree;
     const auto slotSize = static_cast<size_t>(zone->slotSize);
@@ -194,16 +210,21 @@ void *TakeSlot(BZone *zone, BZChunk *chunk)
     return slot + kSlotPrefix;
 }
 
+[[gnu::noinline, gnu::cold]] void ReportForeign(BZone *zone, void *elem)
+{
+    DBprintf("BZFree: element %p is not in use in zone %p\n", elem, static_cast<void *>(zone));
+}
+
 // Returns an element to its chunk. `keepLast` keeps a chunk that becomes entirely free when
 // it is the zone's only one.
-void ReturnElement(BZone *zone, void *elem, bool keepLast)
+[[gnu::always_inline]] inline void ReturnElement(BZone *zone, void *elem, bool keepLast)
 {
     if (!elem)
         return;
     unsigned char *slot = static_cast<unsigned char *>(elem) - kSlotPrefix;
     BZChunk *chunk = SlotMark(slot);
-    if (!chunk || chunk->zone != zone) {
-        DBprintf("BZFree: element %p is not in use in zone %p\n", elem, static_cast<void *>(zone));
+    if (!chunk || chunk->zone != zone) [[unlikely]] {
+        ReportForeign(zone, elem);
         return;
     }
     SetSlotMark(slot, nullptr);
@@ -211,8 +232,8 @@ void ReturnElement(BZone *zone, void *elem, bool keepLast)
     std::memset(elem, kFreedFill, static_cast<size_t>(zone->elemSize));
     chunk->firstFree = std::min(chunk->firstFree, slot);
     if (chunk->freeCount == 0) {
-        Remove(&chunk->link);
-        AddHead(&zone->chunks, &chunk->link);
+        UnlinkNode(&chunk->link);
+        LinkAfter(ListHeader(zone), &chunk->link);
         chunk->freeCount = 1;
         if (!zone->lastWithFree[1])
             zone->lastWithFree[1] = chunk;
@@ -221,6 +242,18 @@ void ReturnElement(BZone *zone, void *elem, bool keepLast)
     } else {
         CountUp(zone, chunk);
     }
+}
+
+// BZAlloc when every chunk is full (or there is none): a new chunk goes to the head.
+[[gnu::noinline]] void *AllocFromNewChunk(BZone *zone)
+{
+    BZChunk *chunk = NewChunk(zone);
+    if (!chunk)
+        return nullptr;
+    AddHead(&zone->chunks, &chunk->link);  // every other chunk is full
+    zone->lastWithFree[zone->perChunk] = chunk;
+    ++zone->chunkCount;
+    return TakeSlot(zone, chunk);
 }
 
 // Rollback of vx::zone::AllocArmed: `tagged` is the element, its low bit set when the
@@ -292,16 +325,10 @@ VX_API BZone *BZCreate(size_t size)
 
 VX_API void *BZAlloc(BZone *zone)
 {
-    BZChunk *chunk = HeadChunk(zone);
-    if (!chunk || chunk->freeCount == 0) {
-        chunk = NewChunk(zone);
-        if (!chunk)
-            return nullptr;
-        AddHead(&zone->chunks, &chunk->link);  // every other chunk is full
-        zone->lastWithFree[zone->perChunk] = chunk;
-        ++zone->chunkCount;
-    }
-    return TakeSlot(zone, chunk);
+    VxNode *head = zone->chunks.head;
+    if (head->succ && AsChunk(head)->freeCount != 0) [[likely]]
+        return TakeSlot(zone, AsChunk(head));
+    return AllocFromNewChunk(zone);
 }
 
 VX_API void BZFree(BZone *zone, void *elem) { ReturnElement(zone, elem, true); }
