@@ -65,31 +65,26 @@ bool SourceInverse(VxImage *image, uint8_t *table, uint8_t *palette)
 }
 
 // Level pixel (x, y): the mean of the readable pixels among columns 2x, 2x + 1 and rows
-// 2y, 2y + 1 of the level before, summed in float in that order.
-void HalveRow(const float *upper, const float *lower, int32_t prevWidth, int32_t width, float *out)
+// 2y, 2y + 1 of the level before, summed in float in that order ((u0 + u1) + l0) + l1 and
+// divided by the count. The count is 1, 2 or 4, so multiplying by its inverse gives the
+// quotient exactly. Whole pairs of columns go through one loop, an odd last column after it.
+VX_IMAGE_CLONES void HalveRow(const float *upper, const float *lower, int32_t prevWidth, int32_t width,
+                              float *__restrict out)
 {
-    for (int32_t x = 0; x < width; ++x) {
-        const int32_t c0 = 2 * x;
-        const bool right = c0 + 1 < prevWidth;
-        float sum[4];
-        int n = 0;
-        std::memcpy(sum, upper + 4 * c0, 16);
-        ++n;
-        auto add = [&](const float *p) {
-            for (int c = 0; c < 4; ++c)
-                sum[c] += p[c];
-            ++n;
-        };
-        if (right)
-            add(upper + 4 * (c0 + 1));
-        if (lower) {
-            add(lower + 4 * c0);
-            if (right)
-                add(lower + 4 * (c0 + 1));
-        }
-        const float count = static_cast<float>(n);
-        for (int c = 0; c < 4; ++c)
-            out[4 * x + c] = n == 1 ? sum[c] : sum[c] / count;
+    const size_t pairs = 4 * static_cast<size_t>(prevWidth / 2);  // floats of the paired columns
+    if (lower) {
+        for (size_t i = 0; i < pairs; i += 4)
+            for (size_t c = 0; c < 4; ++c)
+                out[i + c] = (((upper[2 * i + c] + upper[2 * i + 4 + c]) + lower[2 * i + c]) + lower[2 * i + 4 + c]) * 0.25f;
+    } else {
+        for (size_t i = 0; i < pairs; i += 4)
+            for (size_t c = 0; c < 4; ++c)
+                out[i + c] = (upper[2 * i + c] + upper[2 * i + 4 + c]) * 0.5f;
+    }
+    if (pairs / 4 < static_cast<size_t>(width)) {  // the odd last column: one or two pixels
+        const size_t i = pairs, j = 2 * pairs;
+        for (size_t c = 0; c < 4; ++c)
+            out[i + c] = lower ? (upper[j + c] + lower[j + c]) * 0.5f : upper[j + c];
     }
 }
 
