@@ -88,16 +88,40 @@ VX_IMAGE_CLONES void HalveRow(const float *upper, const float *lower, int32_t pr
     }
 }
 
+// RGBA byte rows to floats and back by the formulas of the conversions (v / 255, and
+// FloatToByteFlat), in loops that the compiler may vectorise without alias checks.
+VX_IMAGE_CLONES void RgbaBytesToFloats(float *__restrict out, const uint8_t *__restrict in, size_t n)
+{
+    for (size_t i = 0; i < n; ++i)
+        out[i] = static_cast<float>(in[i]) / 255.0f;
+}
+
+VX_IMAGE_CLONES void FloatsToRgbaBytes(uint8_t *__restrict out, const float *__restrict in, size_t n)
+{
+    for (size_t i = 0; i < n; ++i)
+        out[i] = FloatToByteFlat(in[i]);
+}
+
+void ReadLevelRow(VxImage *prev, int32_t y, float *out)
+{
+    if (prev->type == VX_PIXEL_RGBA)
+        RgbaBytesToFloats(out, Row(prev, y), 4 * static_cast<size_t>(prev->width));
+    else if (!prev->getLine(prev, VX_PIXEL_RGBA_FLOAT, y, out))
+        CkptRecover(kLocalFailure);
+}
+
 void BuildLevel(VxImage *prev, VxImage *level, const uint8_t *inverse, float *upper, float *lower, float *line)
 {
     for (int32_t y = 0; y < level->height; ++y) {
         const bool hasLower = 2 * y + 1 < prev->height;
-        if (!prev->getLine(prev, VX_PIXEL_RGBA_FLOAT, 2 * y, upper) ||
-            (hasLower && !prev->getLine(prev, VX_PIXEL_RGBA_FLOAT, 2 * y + 1, lower)))
-            CkptRecover(kLocalFailure);
+        ReadLevelRow(prev, 2 * y, upper);
+        if (hasLower)
+            ReadLevelRow(prev, 2 * y + 1, lower);
         HalveRow(upper, hasLower ? lower : nullptr, prev->width, level->width, line);
-        if (!ConvertRun(Row(level, y), level->type, inverse, line, VX_PIXEL_RGBA_FLOAT, nullptr,
-                        static_cast<size_t>(level->width)))
+        if (level->type == VX_PIXEL_RGBA)
+            FloatsToRgbaBytes(Row(level, y), line, 4 * static_cast<size_t>(level->width));
+        else if (!ConvertRun(Row(level, y), level->type, inverse, line, VX_PIXEL_RGBA_FLOAT, nullptr,
+                             static_cast<size_t>(level->width)))
             CkptRecover(kLocalFailure);
     }
 }
