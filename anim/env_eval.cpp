@@ -596,14 +596,28 @@ void FreeTables(VxEnvelope *env)
     env->tables = nullptr;
 }
 
+namespace {
+
+// Strictly inside the key range the tables answer alone; false for the general path.
+[[gnu::always_inline]] inline bool InnerValue(VxEnvelope *env, double t, double &value)
+{
+    VxEnvTables *tables = env->tables;
+    if (!Current(env, tables))
+        return false;
+    const int32_t n = TickOf(t);
+    if (n <= tables->ticks[0] || n >= tables->ticks[tables->count - 1])
+        return false;
+    value = TableInnerValue(tables, t, n);
+    return true;
+}
+
+}  // namespace
+
 double CurveValue(VxEnvelope *env, double t)
 {
-    // Strictly inside the key range the tables answer alone.
-    if (VxEnvTables *tables = env->tables; Current(env, tables)) {
-        const int32_t n = TickOf(t);
-        if (n > tables->ticks[0] && n < tables->ticks[tables->count - 1])
-            return TableInnerValue(tables, t, n);
-    }
+    double inner;
+    if (InnerValue(env, t, inner))
+        return inner;
     VxEnvKey *first = FirstKey(env);
     if (!first)
         return env->type >= 7 && env->type <= 9 ? 1.0 : 0.0;
@@ -641,7 +655,12 @@ double EnvKeyEvaluate(VxEnvelope *env, double t) { return env->lastValue = Curve
 
 double EnvEvaluate(VxEnvelope *env, double t)
 {
-    env->lastValue = CurveValue(env, t);
+    double value;
+    if (!InnerValue(env, t, value))
+        value = CurveValue(env, t);
+    env->lastValue = value;
+    if (!env->filters.head->succ)
+        return value;
     RunFilters(env, t);
     return env->lastValue;
 }
