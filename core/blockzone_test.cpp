@@ -323,6 +323,20 @@ TEST(BlockZone, ValidateFindsCorruption)
     BZDestroy(zone);
 }
 
+TEST(BlockZone, ValidateFindsAWriteToASlotNeverHandedOut)
+{
+    BZone *zone = BZCreate(16);
+    auto *first = static_cast<unsigned char *>(BZAlloc(zone));
+    unsigned char *next = first + 24;  // the following slot's element, never handed out
+    vxtest::DebugCapture capture;
+    next[3] = 0xBB;  // the fill of a freed element, but this one was never used
+    EXPECT_EQ(BZValidate(zone), -1);
+    EXPECT_NE(capture.Text().find("never handed out"), std::string::npos) << capture.Text();
+    next[3] = 0;
+    EXPECT_EQ(BZValidate(zone), 1);
+    BZDestroy(zone);
+}
+
 // ---- Out of memory ------------------------------------------------------------------------
 
 TEST(BlockZoneOom, Create)
