@@ -535,6 +535,32 @@ int UnlockServer(HostServer *server)
     return 1;
 }
 
+namespace {
+
+// Registers one server, built in (`activate`) or from the module at `modulePath`, with its
+// user name as a tag, all or nothing; returns 1, or 0 when nothing was registered.
+int RegisterServer(const char *className, const char *name, const char *userName, const char *modulePath,
+                   HostActivateFunc *activate)
+{
+    Txn txn;
+    TxnBegin(&txn);
+    CKPT_BEGIN_OR_RETURN(0);
+    TxnArmRollback(&txn);
+    HostModule *module = modulePath ? FindOrCreateModule(&txn, modulePath) : nullptr;
+    HostServer *server = TxnStageServer(&txn, className, name, module, activate);
+    if (server && userName && *userName)
+        TxnStageTag(server, userName, 0);
+    CkptEnd();
+    if (!server) {
+        TxnRollback(&txn);
+        return 0;
+    }
+    TxnAnnounce(TxnCommit(&txn), nullptr);
+    return 1;
+}
+
+}  // namespace
+
 }  // namespace vx::host
 
 using namespace vx::host;
@@ -643,42 +669,12 @@ VX_API int32_t HostClassVersion(const char *className)
 
 VX_API int HostAddBuiltIn(const char *className, const char *name, const char *userName, HostActivateFunc *activate)
 {
-    if (!Running())
-        return 0;
-    Txn txn;
-    TxnBegin(&txn);
-    CKPT_BEGIN_OR_RETURN(0);
-    TxnArmRollback(&txn);
-    HostServer *server = TxnStageServer(&txn, className, name, nullptr, activate);
-    if (server && userName && *userName)
-        TxnStageTag(server, userName, 0);
-    CkptEnd();
-    if (!server) {
-        TxnRollback(&txn);
-        return 0;
-    }
-    TxnAnnounce(TxnCommit(&txn), nullptr);
-    return 1;
+    return Running() ? RegisterServer(className, name, userName, nullptr, activate) : 0;
 }
 
 VX_API int HostAddPlugIn(const char *className, const char *name, const char *userName, const char *modulePath)
 {
-    if (!Running() || !modulePath)
-        return 0;
-    Txn txn;
-    TxnBegin(&txn);
-    CKPT_BEGIN_OR_RETURN(0);
-    TxnArmRollback(&txn);
-    HostServer *server = TxnStageServer(&txn, className, name, FindOrCreateModule(&txn, modulePath), nullptr);
-    if (server && userName && *userName)
-        TxnStageTag(server, userName, 0);
-    CkptEnd();
-    if (!server) {
-        TxnRollback(&txn);
-        return 0;
-    }
-    TxnAnnounce(TxnCommit(&txn), nullptr);
-    return 1;
+    return Running() && modulePath ? RegisterServer(className, name, userName, modulePath, nullptr) : 0;
 }
 
 VX_API int HostAddTag(const char *className, const char *name, const char *string, uint32_t tagWord)

@@ -30,11 +30,7 @@ constexpr const char *kHelp =
     "Exit status: 0 done, 1 no such value or entry, or the file could not be written,\n"
     "2 bad command line, 3 the file is missing or unreadable.\n";
 
-int UsageError(const std::string &message)
-{
-    std::fprintf(stderr, "vxtool config: %s\n(see 'vxtool config --help')\n", message.c_str());
-    return kUsage;
-}
+int UsageError(const std::string &message) { return ReportUsageError("config", message); }
 
 int FileError(const std::string &file, const char *what, int status)
 {

@@ -27,11 +27,7 @@ constexpr const char *kHelp =
     "Exit status: 0 done, 1 the picture could not be written, 2 bad command line, 3 the file\n"
     "is missing or is not a valid envelope file.\n";
 
-int UsageError(const std::string &message)
-{
-    std::fprintf(stderr, "vxtool env: %s\n(see 'vxtool env --help')\n", message.c_str());
-    return kUsage;
-}
+int UsageError(const std::string &message) { return ReportUsageError("env", message); }
 
 int InputError(const std::string &file, const std::string &message)
 {

@@ -40,11 +40,7 @@ struct Options {
     std::map<std::string, std::string> values;
 };
 
-int UsageError(const std::string &message)
-{
-    std::fprintf(stderr, "vxtool image: %s\n(see 'vxtool image --help')\n", message.c_str());
-    return kUsage;
-}
+int UsageError(const std::string &message) { return ReportUsageError("image", message); }
 
 bool ParseNumber(const std::string &text, double &out)
 {

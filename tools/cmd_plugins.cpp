@@ -43,11 +43,7 @@ struct Options {
     bool verbose = false;
 };
 
-int UsageError(const std::string &message)
-{
-    std::fprintf(stderr, "vxtool plugins: %s\n(see 'vxtool plugins --help')\n", message.c_str());
-    return kUsage;
-}
+int UsageError(const std::string &message) { return ReportUsageError("plugins", message); }
 
 // Fills `o` from the arguments after the subcommand; a non-empty message on a bad line.
 std::string Parse(int argc, char **argv, Options &o)

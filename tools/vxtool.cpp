@@ -30,6 +30,12 @@ void Usage(FILE *out)
 
 }  // namespace
 
+int vxtool::ReportUsageError(const char *command, const std::string &message)
+{
+    std::fprintf(stderr, "vxtool %s: %s\n(see 'vxtool %s --help')\n", command, message.c_str(), command);
+    return kUsage;
+}
+
 int main(int argc, char **argv)
 {
     if (argc < 2) {

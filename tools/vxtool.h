@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdio>
+#include <string>
 
 namespace vxtool {
 
@@ -12,6 +13,10 @@ enum Exit : int {
     kUsage = 2,       // bad command line
     kBadInput = 3,    // an input file is missing or malformed
 };
+
+// Reports a bad command line of `vxtool <command>` on standard error, pointing at its --help;
+// returns kUsage.
+int ReportUsageError(const char *command, const std::string &message);
 
 int DemoMain(int argc, char **argv);
 int ImageMain(int argc, char **argv);  // `vxtool image`
