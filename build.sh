@@ -2,7 +2,7 @@
 # Builds vxtools3 and runs it. Run as root on a fresh Debian 12 machine, it first installs
 # whatever it needs from Debian's packages.
 #
-#   ./build.sh demo      build, then run `vxtool demo` on built-in sample data
+#   ./build.sh demo      build, then run `vxtool demo` on built-in sample data (files in build/demo)
 #   ./build.sh test      build and run all tests (the default preset)
 #   ./build.sh asan      build and run all tests under AddressSanitizer + UBSan (clang)
 #   ./build.sh tsan      build and run all tests under ThreadSanitizer (clang)
@@ -12,7 +12,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 BUILD_PACKAGES="cmake ninja-build g++ pkg-config libpng-dev"
-TEST_PACKAGES="libgtest-dev libgmock-dev sox"
+TEST_PACKAGES="libgtest-dev libgmock-dev sox libxml2-utils"
 CLANG_PACKAGES="clang-14 libclang-rt-14-dev"
 BENCH_PACKAGES="libbenchmark-dev libboost-dev libabsl-dev libopencv-imgproc-dev"
 
@@ -48,7 +48,12 @@ case "${1:-}" in
     need $BUILD_PACKAGES $TEST_PACKAGES
     cmake --preset default >/dev/null
     cmake --build --preset default --target vxtool
-    ./build/default/tools/vxtool demo "${@:2}"
+    # The demo's files go to build/demo unless other options are given.
+    if [ $# -gt 1 ]; then
+      ./build/default/tools/vxtool demo "${@:2}"
+    else
+      ./build/default/tools/vxtool demo --out build/demo
+    fi
     ;;
   test)
     need $BUILD_PACKAGES $TEST_PACKAGES

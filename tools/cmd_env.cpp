@@ -1,5 +1,6 @@
 // `vxtool env`: evaluate and plot the envelopes of a saved file (an IFF "FORM" of "ENVL"
 // chunks, or the text form).
+#include "json.h"
 #include "vxtool.h"
 
 #include <vxtools3/envelope.h>
@@ -15,12 +16,13 @@ namespace vxtool {
 namespace {
 
 constexpr const char *kHelp =
-    "usage: vxtool env eval FILE T...\n"
+    "usage: vxtool env eval FILE T... [--json]\n"
     "       vxtool env plot FILE -o OUT.svg\n"
     "\n"
     "FILE holds envelopes as saved by EnvSave: an IFF FORM of ENVL chunks, or the text form\n"
     "(Envelope blocks).\n"
-    "  eval  prints the value of every envelope at each time T (seconds)\n"
+    "  eval  prints the value of every envelope at each time T (seconds); --json prints\n"
+    "        {\"file\": ..., \"envelopes\": [{\"name\": ..., \"values\": [[T, value], ...]}]}\n"
     "  plot  draws every envelope over its key range and one more cycle either side, with its\n"
     "        keys marked, as an SVG picture\n"
     "\n"
@@ -95,84 +97,56 @@ bool ParseTime(const char *text, double &out)
     return *text && end && *end == '\0' && std::isfinite(out);
 }
 
-int Eval(int argc, char **argv)
+void PrintValues(const std::vector<VxEnvelope *> &envs, const std::vector<double> &times)
 {
-    if (argc < 3)
-        return UsageError("eval wants a file and at least one time");
-    std::vector<double> times;
-    for (int i = 2; i < argc; ++i) {
-        double t;
-        if (!ParseTime(argv[i], t))
-            return UsageError(std::string("not a time in seconds: '") + argv[i] + "'");
-        times.push_back(t);
-    }
-    EnvFile file;
-    if (int status = LoadFile(argv[1], file))
-        return status;
-    for (VxEnvelope *env : file.List()) {
+    for (VxEnvelope *env : envs) {
         std::printf("%s\n", EnvName(env));
         for (double t : times)
             std::printf("  %.9g %.17g\n", t, EnvEvaluate(env, t));
     }
+}
+
+void PrintValuesJson(const char *path, const std::vector<VxEnvelope *> &envs, const std::vector<double> &times)
+{
+    std::printf("{\"file\": %s, \"envelopes\": [", JsonString(path).c_str());
+    for (size_t i = 0; i < envs.size(); ++i) {
+        std::printf("%s\n  {\"name\": %s, \"values\": [", i ? "," : "", JsonString(EnvName(envs[i])).c_str());
+        for (size_t j = 0; j < times.size(); ++j)
+            std::printf("%s[%s, %s]", j ? ", " : "", JsonNumber(times[j]).c_str(),
+                        JsonNumber(EnvEvaluate(envs[i], times[j])).c_str());
+        std::printf("]}");
+    }
+    std::printf("\n]}\n");
+}
+
+int Eval(int argc, char **argv)
+{
+    std::vector<double> times;
+    const char *path = nullptr;
+    bool json = false;
+    for (int i = 1; i < argc; ++i) {
+        double t;
+        if (!std::strcmp(argv[i], "--json"))
+            json = true;
+        else if (!path)
+            path = argv[i];
+        else if (ParseTime(argv[i], t))
+            times.push_back(t);
+        else if (!std::strncmp(argv[i], "--", 2))
+            return UsageError(std::string("unknown option '") + argv[i] + "'");
+        else
+            return UsageError(std::string("not a time in seconds: '") + argv[i] + "'");
+    }
+    if (!path || times.empty())
+        return UsageError("eval wants a file and at least one time");
+    EnvFile file;
+    if (int status = LoadFile(path, file))
+        return status;
+    if (json)
+        PrintValuesJson(path, file.List(), times);
+    else
+        PrintValues(file.List(), times);
     return kOk;
-}
-
-std::string Escape(const char *text)
-{
-    std::string out;
-    for (; *text; ++text) {
-        switch (*text) {
-        case '<': out += "&lt;"; break;
-        case '>': out += "&gt;"; break;
-        case '&': out += "&amp;"; break;
-        case '"': out += "&quot;"; break;
-        default: out += *text;
-        }
-    }
-    return out;
-}
-
-constexpr int kWidth = 800, kPanel = 220, kMargin = 30, kSamples = 600;
-
-// One panel: the curve over [first - range, last + range], the key range shaded, the keys
-// marked.
-void PlotPanel(std::string &svg, VxEnvelope *env, int top)
-{
-    const double first = EnvGet(env, ENV_ATTR_FIRST_TIME), last = EnvGet(env, ENV_ATTR_LAST_TIME);
-    const double range = last > first ? last - first : 1.0;
-    const double t0 = first - range, t1 = last + range;
-    std::vector<double> values(kSamples + 1);
-    for (int i = 0; i <= kSamples; ++i)
-        values[i] = EnvEvaluate(env, t0 + (t1 - t0) * i / kSamples);
-    double lo = *std::min_element(values.begin(), values.end());
-    double hi = *std::max_element(values.begin(), values.end());
-    for (VxEnvKey *k = EnvKeyFirst(env); k; k = EnvKeyNext(env, k))
-        lo = std::min(lo, EnvKeyValue(k)), hi = std::max(hi, EnvKeyValue(k));
-    if (!(hi > lo))
-        lo -= 1.0, hi += 1.0;
-    const double plotW = kWidth - 2 * kMargin, plotH = kPanel - 2 * kMargin;
-    auto x = [&](double t) { return kMargin + (t - t0) / (t1 - t0) * plotW; };
-    auto y = [&](double v) { return top + kMargin + (hi - v) / (hi - lo) * plotH; };
-    char buf[256];
-    std::snprintf(buf, sizeof buf,
-                  "<rect x=\"%.2f\" y=\"%d\" width=\"%.2f\" height=\"%.0f\" fill=\"#eef3fb\"/>\n"
-                  "<text x=\"%d\" y=\"%d\" font-family=\"sans-serif\" font-size=\"13\">",
-                  x(first), top + kMargin, x(last) - x(first), plotH, kMargin, top + 18);
-    svg += buf;
-    svg += Escape(EnvName(env));
-    std::snprintf(buf, sizeof buf, " (%.6g .. %.6g)</text>\n<polyline fill=\"none\" stroke=\"#1f5fbf\" stroke-width=\"1.5\" points=\"",
-                  lo, hi);
-    svg += buf;
-    for (int i = 0; i <= kSamples; ++i) {
-        std::snprintf(buf, sizeof buf, "%s%.2f,%.2f", i ? " " : "", x(t0 + (t1 - t0) * i / kSamples), y(values[i]));
-        svg += buf;
-    }
-    svg += "\"/>\n";
-    for (VxEnvKey *k = EnvKeyFirst(env); k; k = EnvKeyNext(env, k)) {
-        std::snprintf(buf, sizeof buf, "<circle cx=\"%.2f\" cy=\"%.2f\" r=\"3.5\" fill=\"#d0402b\"/>\n",
-                      x(EnvKeyTime(k)), y(EnvKeyValue(k)));
-        svg += buf;
-    }
 }
 
 int Plot(int argc, char **argv)
@@ -194,19 +168,7 @@ int Plot(int argc, char **argv)
     if (int status = LoadFile(in, file))
         return status;
     const std::vector<VxEnvelope *> envs = file.List();
-    std::string svg;
-    char head[256];
-    std::snprintf(head, sizeof head,
-                  "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"%d\" height=\"%d\">\n"
-                  "<rect width=\"100%%\" height=\"100%%\" fill=\"white\"/>\n",
-                  kWidth, kPanel * static_cast<int>(envs.size()));
-    svg += head;
-    for (size_t i = 0; i < envs.size(); ++i)
-        PlotPanel(svg, envs[i], kPanel * static_cast<int>(i));
-    svg += "</svg>\n";
-    FILE *f = std::fopen(out.c_str(), "w");
-    const bool written = f && std::fwrite(svg.data(), 1, svg.size(), f) == svg.size();
-    if (!f || std::fclose(f) != 0 || !written) {
+    if (!vx_env_plot(out.c_str(), envs.data(), static_cast<int>(envs.size()))) {
         std::fprintf(stderr, "vxtool env: %s: cannot write the picture\n", out.c_str());
         return kFailed;
     }

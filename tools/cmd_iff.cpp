@@ -1,4 +1,5 @@
-// `vxtool iff dump FILE`: prints the chunk tree of an IFF file.
+// `vxtool iff dump FILE [--json]`: prints the chunk tree of an IFF file.
+#include "json.h"
 #include "vxtool.h"
 
 #include <vxtools3/ckpt.h>
@@ -6,19 +7,21 @@
 
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <vector>
 
 namespace vxtool {
 namespace {
 
 constexpr const char *kHelp =
-    "usage: vxtool iff dump FILE\n"
+    "usage: vxtool iff dump FILE [--json]\n"
     "\n"
     "Prints the chunk tree of an IFF file: each chunk's ID, nesting level, offset of its\n"
     "header, data length and, for the outer FORM, its form type. Chunks at level 1 and\n"
     "deeper are shown with their sub-chunks when their data is exactly a run of sub-chunks\n"
     "(6-byte headers, 16-bit lengths) whose IDs are capitals, digits and blanks; otherwise\n"
-    "as data.\n"
+    "as data. --json prints the same tree as nested objects:\n"
+    "  {\"file\": ..., \"chunks\": [{\"id\", \"offset\", \"length\", [\"type\"], [\"chunks\"]}]}\n"
     "Exit status: 0 done, 2 bad command line, 3 unreadable or malformed file.\n";
 
 // A sub-chunk ID as the suite's formats make them: capitals, digits and trailing blanks.
@@ -45,68 +48,132 @@ bool HoldsSubChunks(const uint8_t *p, int32_t n)
     return n >= 6 && pos == n;
 }
 
-void PrintId(FILE *out, uint32_t id)
+// One chunk of the tree, in the order the walk meets them (parents before their children).
+struct ChunkRow {
+    uint32_t id;
+    int level;
+    int32_t offset;   // of the chunk's header
+    int32_t length;   // of its data
+    uint32_t type;    // the form type of a level-0 chunk, else 0
+};
+
+// What a walk over a whole file found: the chunks, and what stopped it if it is malformed.
+struct Tree {
+    std::vector<ChunkRow> rows;
+    std::string problem;  // empty when the data is a well-formed FORM
+};
+
+std::string IdText(uint32_t id)
 {
-    uint8_t c[4] = {static_cast<uint8_t>(id >> 24), static_cast<uint8_t>(id >> 16), static_cast<uint8_t>(id >> 8),
-                    static_cast<uint8_t>(id)};
+    const char c[4] = {static_cast<char>(id >> 24), static_cast<char>(id >> 16), static_cast<char>(id >> 8),
+                       static_cast<char>(id)};
     bool printable = true;
-    for (uint8_t b : c)
+    for (char b : c)
         printable = printable && b >= 0x20 && b <= 0x7E;
     if (printable)
-        std::fprintf(out, "'%c%c%c%c'", c[0], c[1], c[2], c[3]);
-    else
-        std::fprintf(out, "0x%08X", static_cast<unsigned>(id));
+        return std::string(c, 4);
+    char hex[16];
+    std::snprintf(hex, sizeof hex, "0x%08X", static_cast<unsigned>(id));
+    return hex;
 }
 
-// Prints the chunks inside the reader's open chunk, descending where they hold sub-chunks.
-// Runs inside the caller's checkpoint block: its frames hold nothing to destroy.
-void DumpKids(FILE *out, VxIFFReader *r, const uint8_t *file)
+// Records the chunks inside the reader's open chunk, descending where they hold sub-chunks.
+// Runs inside the caller's checkpoint block: its frames hold nothing to destroy, and `rows`
+// lives outside the block.
+void WalkKids(std::vector<ChunkRow> *rows, VxIFFReader *r, const uint8_t *file)
 {
     for (;;) {
-        int32_t header = r->position;
-        uint32_t id = IFFRChunkNext(r);
+        const int32_t header = r->position;
+        const uint32_t id = IFFRChunkNext(r);
         if (!id)
             return;
-        int level = r->depth;
-        int32_t length = IFFRChunkLength(r);
-        std::fprintf(out, "%*s", 2 * level, "");
-        PrintId(out, id);
-        std::fprintf(out, "  level %d  offset %d  length %d", level, header, length);
-        if (level == 0 && length >= 4) {
-            uint32_t type = 0;
-            IFFReadLongs(r, &type, 1);
-            std::fputs("  type ", out);
-            PrintId(out, type);
-        }
-        std::fputc('\n', out);
-        if (level == 0 || (level < VX_IFF_LEVELS - 1 && HoldsSubChunks(file + r->position, length)))
-            DumpKids(out, r, file);
+        ChunkRow row{id, r->depth, header, IFFRChunkLength(r), 0};
+        if (row.level == 0 && row.length >= 4)
+            IFFReadLongs(r, &row.type, 1);
+        rows->push_back(row);
+        if (row.level == 0 || (row.level < VX_IFF_LEVELS - 1 && HoldsSubChunks(file + r->position, row.length)))
+            WalkKids(rows, r, file);
         IFFRChunkClose(r);
     }
 }
 
-// Walks the whole file; returns 0, or the failure code with the offset in *where.
-int DumpTree(FILE *out, const uint8_t *bytes, int32_t size, int32_t *where)
+Tree WalkTree(const uint8_t *bytes, size_t size)
 {
-    VxReadStrm *s = MemStrmReadCreate(bytes, size, 0);
+    Tree tree;
+    if (size > INT32_MAX) {
+        tree.problem = "larger than an IFF file can be";
+        return tree;
+    }
+    VxReadStrm *s = MemStrmReadCreate(bytes, static_cast<int32_t>(size), 0);
     VxIFFReader *r = s ? IFFRCreate(s) : nullptr;
     if (!r) {
         StrmReadDestroy(s);
-        return VX_ERR_NOMEM;
+        tree.problem = "out of memory";
+        return tree;
     }
-    int code = 0;
     if (CkptBegin()) {
-        code = CkptLatchCode();
+        tree.problem = "malformed chunk near offset " + std::to_string(r->position);
     } else {
-        DumpKids(out, r, bytes);
+        WalkKids(&tree.rows, r, bytes);
         CkptEnd();
     }
-    *where = r->position;
     IFFRDestroy(r);
     StrmReadDestroy(s);
-    return code;
+    if (tree.problem.empty() && (size < 12 || std::memcmp(bytes, "FORM", 4) != 0))
+        tree.problem = "not an IFF FORM";
+    return tree;
 }
 
+// An ID as text for the tree: 'ABCD' when printable, else its hexadecimal value.
+std::string QuotedId(uint32_t id)
+{
+    const std::string text = IdText(id);
+    return text.size() == 4 ? "'" + text + "'" : text;
+}
+
+void PrintText(FILE *out, const Tree &tree)
+{
+    for (const ChunkRow &row : tree.rows) {
+        std::fprintf(out, "%*s%s  level %d  offset %d  length %d", 2 * row.level, "", QuotedId(row.id).c_str(),
+                     row.level, row.offset, row.length);
+        if (row.level == 0 && row.length >= 4)
+            std::fprintf(out, "  type %s", QuotedId(row.type).c_str());
+        std::fputc('\n', out);
+    }
+}
+
+// Prints rows[i] and the rows below it as JSON objects; returns the index after them.
+size_t PrintJsonChunk(const std::vector<ChunkRow> &rows, size_t i, int indent)
+{
+    const ChunkRow &row = rows[i];
+    std::printf("%*s{\"id\": %s, \"offset\": %d, \"length\": %d", indent, "", JsonString(IdText(row.id).c_str()).c_str(),
+                row.offset, row.length);
+    if (row.level == 0 && row.length >= 4)
+        std::printf(", \"type\": %s", JsonString(IdText(row.type).c_str()).c_str());
+    size_t next = i + 1;
+    if (next < rows.size() && rows[next].level > row.level) {
+        std::printf(", \"chunks\": [\n");
+        while (next < rows.size() && rows[next].level > row.level) {
+            if (next != i + 1)
+                std::printf(",\n");
+            next = PrintJsonChunk(rows, next, indent + 2);
+        }
+        std::printf("\n%*s]", indent, "");
+    }
+    std::printf("}");
+    return next;
+}
+
+void PrintJson(const char *path, const Tree &tree)
+{
+    std::printf("{\"file\": %s, \"chunks\": [\n", JsonString(path).c_str());
+    for (size_t i = 0; i < tree.rows.size();) {
+        if (i)
+            std::printf(",\n");
+        i = PrintJsonChunk(tree.rows, i, 2);
+    }
+    std::printf("\n]}\n");
+}
 bool ReadWholeFile(const char *path, std::vector<uint8_t> &bytes)
 {
     VxReadStrm *s = FileStrmReadOpen(path, nullptr);
@@ -126,19 +193,39 @@ int IffMain(int argc, char **argv)
         std::fputs(kHelp, stdout);
         return kOk;
     }
-    if (argc != 3 || std::strcmp(argv[1], "dump") != 0) {
-        std::fputs(kHelp, stderr);
-        return kUsage;
+    if (argc < 2 || std::strcmp(argv[1], "dump") != 0)
+        return ReportUsageError("iff", argc < 2 ? "wants an operation: dump" : std::string("unknown operation '") + argv[1] + "'");
+    const char *path = nullptr;
+    bool json = false;
+    for (int i = 2; i < argc; ++i) {
+        if (!std::strcmp(argv[i], "--json"))
+            json = true;
+        else if (argv[i][0] == '-' && argv[i][1])
+            return ReportUsageError("iff", std::string("unknown option '") + argv[i] + "'");
+        else if (!path)
+            path = argv[i];
+        else
+            return ReportUsageError("iff", std::string("unexpected argument '") + argv[i] + "'");
     }
+    if (!path)
+        return ReportUsageError("iff", "dump wants a FILE");
     std::vector<uint8_t> bytes;
-    if (!ReadWholeFile(argv[2], bytes)) {
-        std::fprintf(stderr, "vxtool iff dump: cannot read '%s'\n", argv[2]);
+    if (!ReadWholeFile(path, bytes)) {
+        std::fprintf(stderr, "vxtool iff: %s: cannot read the file\n", path);
         return kBadInput;
     }
-    if (!vx_iff_dump(stdout, bytes.data(), bytes.size())) {
-        std::fprintf(stderr, "vxtool iff dump: '%s' is not a well-formed IFF file\n", argv[2]);
+    const Tree tree = WalkTree(bytes.data(), bytes.size());
+    if (!tree.problem.empty()) {
+        if (!json)
+            PrintText(stdout, tree);
+        std::fflush(stdout);  // the chunks that were sound come before the complaint
+        std::fprintf(stderr, "vxtool iff: %s: %s\n", path, tree.problem.c_str());
         return kBadInput;
     }
+    if (json)
+        PrintJson(path, tree);
+    else
+        PrintText(stdout, tree);
     return kOk;
 }
 
@@ -146,15 +233,9 @@ int IffMain(int argc, char **argv)
 
 extern "C" int vx_iff_dump(FILE *out, const void *data, size_t size)
 {
-    if (size > INT32_MAX)
-        return 0;
-    const auto *bytes = static_cast<const uint8_t *>(data);
-    int32_t where = 0;
-    int code = vxtool::DumpTree(out, bytes, static_cast<int32_t>(size), &where);
-    bool form = size >= 12 && std::memcmp(bytes, "FORM", 4) == 0;
-    if (code)
-        std::fprintf(out, "malformed data near offset %d\n", static_cast<int>(where));
-    else if (!form)
-        std::fprintf(out, "not an IFF FORM\n");
-    return code == 0 && form;
+    const vxtool::Tree tree = vxtool::WalkTree(static_cast<const uint8_t *>(data), size);
+    vxtool::PrintText(out, tree);
+    if (!tree.problem.empty())
+        std::fprintf(out, "%s\n", tree.problem.c_str());
+    return tree.problem.empty();
 }

@@ -18,6 +18,7 @@ namespace {
 constexpr const char *kHelp =
     "usage: vxtool image <operation> IN.png OUT.png [options]\n"
     "       vxtool image checker OUT.png [--width W] [--height H]\n"
+    "       vxtool image info IN.png...\n"
     "\n"
     "operations:\n"
     "  blur      --taps N (1..9 for byte images, default 5) --sigma S (default 2)\n"
@@ -29,6 +30,7 @@ constexpr const char *kHelp =
     "  convolve  --matrix a,b,c,... (row-major) [--columns C] [--offset r,g,b,a]\n"
     "  mipmap    writes every level as OUT-<level>.png\n"
     "  checker   writes a generated gradient and checker picture\n"
+    "  info      prints each file's size and the pixel type it is read as\n"
     "\n"
     "Grey files are processed as grey bytes, colour files as RGB bytes, files with\n"
     "transparency as RGBA bytes. Exit status: 0 done, 1 the operation or the write failed,\n"
@@ -215,6 +217,26 @@ int Mipmap(VxImage *in, const Options &o)
     return status;
 }
 
+// Prints the size and pixel type of each file; kBadInput when any cannot be read.
+int Info(const Options &o)
+{
+    static const char *const kTypes[] = {"RGB bytes",  "grey bytes", "palette indices", "grey floats",
+                                         "RGB floats", "RGBA bytes", "RGBA floats"};
+    int status = kOk;
+    for (const std::string &file : o.files) {
+        std::string error;
+        VxImage *image = PngRead(file.c_str(), error);
+        if (!image) {
+            std::fprintf(stderr, "vxtool image: %s: cannot read as PNG: %s\n", file.c_str(), error.c_str());
+            status = kBadInput;
+            continue;
+        }
+        std::printf("%s: %dx%d, %s\n", file.c_str(), image->width, image->height, kTypes[image->type]);
+        ImageDestroy(image);
+    }
+    return status;
+}
+
 // A colour gradient under a checker of dark squares: edges and smooth areas to try filters on.
 int Checker(const Options &o)
 {
@@ -263,6 +285,13 @@ bool ParseArguments(int argc, char **argv, Options &o, int &status)
             return false;
         }
     }
+    if (o.operation == "info") {
+        if (o.files.empty()) {
+            status = UsageError("info takes IN.png...");
+            return false;
+        }
+        return true;
+    }
     const size_t wanted = o.operation == "checker" ? 1 : 2;
     if (o.files.size() != wanted) {
         status = UsageError(o.operation + " takes " + (wanted == 1 ? "OUT.png" : "IN.png OUT.png"));
@@ -289,6 +318,8 @@ int ImageMain(int argc, char **argv)
         return status;
     if (o.operation == "checker")
         return Checker(o);
+    if (o.operation == "info")
+        return Info(o);
     int (*run)(VxImage *, const Options &) = o.operation == "blur"       ? Blur
                                              : o.operation == "resample" ? Resample
                                              : o.operation == "convolve" ? Convolve

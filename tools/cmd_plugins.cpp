@@ -1,5 +1,6 @@
 // `vxtool plugins`: scan module files into the plug-in database, list the catalogue, activate
 // a server.
+#include "json.h"
 #include "vxtool.h"
 
 #include <vxtools3/debug.h>
@@ -155,24 +156,6 @@ int Scan(const Options &o)
     std::printf("%d server%s from %d module%s; database %s\n", servers, servers == 1 ? "" : "s", modules,
                 modules == 1 ? "" : "s", database.c_str());
     return status;
-}
-
-std::string JsonString(const char *text)
-{
-    std::string out = "\"";
-    for (const unsigned char *p = reinterpret_cast<const unsigned char *>(text ? text : ""); *p; ++p) {
-        if (*p == '"' || *p == '\\') {
-            out += '\\';
-            out += static_cast<char>(*p);
-        } else if (*p < 0x20) {
-            char escape[8];
-            std::snprintf(escape, sizeof escape, "\\u%04x", *p);
-            out += escape;
-        } else {
-            out += static_cast<char>(*p);
-        }
-    }
-    return out + "\"";
 }
 
 struct ListState {

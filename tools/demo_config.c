@@ -1,11 +1,11 @@
 /* Demo of the configuration store: an application starts with no file, defines its settings,
- * writes them, and a second start reads them back. Runs in a temporary directory. */
+ * writes them, and a second start reads them back. DEMO.CFG stays in the demo's directory. */
 #include <vxtools3.h>
+#include "vxtool_c.h"
 
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
 static FILE *g_out;
 static int g_ok;
@@ -86,23 +86,17 @@ static void SecondRun(const char *dir)
     ConfigShutdown();
 }
 
-int vx_demo_config(FILE *out)
+int vx_demo_config(FILE *out, const char *dir)
 {
-    char dir[] = "/tmp/vxtool_demo_config_XXXXXX";
-    char file[sizeof dir + 16];
+    char file[4096];
     g_out = out;
     g_ok = 1;
     g_notes = 0;
-    if (!mkdtemp(dir)) {
-        fprintf(out, "  cannot make a temporary directory\n");
-        return 0;
-    }
     snprintf(file, sizeof file, "%s/DEMO.CFG", dir);
+    remove(file); /* the first start must find no file, also when the demo runs again */
     Check(strcmp(ConfigGenerateName(dir, "demo", NULL), file) == 0, "file name: <dir>/DEMO.CFG");
     FirstRun(dir, file);
     SecondRun(dir);
     FileSetSystemPath(SYSTEM_PATH_CONFIG, NULL);
-    remove(file);
-    rmdir(dir);
     return g_ok;
 }

@@ -1,6 +1,7 @@
 /* Demo of the containers: a B-tree built and printed, a block zone's chunk statistics, a
  * lookup map, and an action table dispatching codes with hooks and a failing action. */
 #include <vxtools3.h>
+#include "vxtool_c.h"
 
 #include <stdio.h>
 #include <string.h>
@@ -190,8 +191,9 @@ static int DemoActions(void)
     return ok;
 }
 
-int vx_demo_containers(FILE *out)
+int vx_demo_containers(FILE *out, const char *dir)
 {
+    (void)dir; /* writes no files */
     int ok;
     g_out = out;
     ok = DemoBTree();

@@ -1,11 +1,14 @@
 /* Demo of the image operations on a generated picture: a gradient under a checker is blurred,
- * resampled down and up, and turned into a mipmap pyramid that answers filtered lookups. */
+ * resampled down and up, and turned into a mipmap pyramid that answers filtered lookups. Every
+ * image is also written as a PNG file. */
 #include <vxtools3.h>
+#include "vxtool_c.h"
 
 #include <stdio.h>
 #include <stdlib.h>
 
 static FILE *g_out;
+static const char *g_dir;
 static int g_ok;
 
 static void Check(int condition, const char *what)
@@ -13,6 +16,17 @@ static void Check(int condition, const char *what)
     fprintf(g_out, "  [%s] %s\n", condition ? "ok" : "FAILED", what);
     if (!condition)
         g_ok = 0;
+}
+
+/* Writes `image` as <dir>/<name>.png. */
+static void Save(VxImage *image, const char *name)
+{
+    char path[4096];
+    snprintf(path, sizeof path, "%s/%s.png", g_dir, name);
+    if (!vx_png_write(path, image))
+        Check(0, "write a PNG file");
+    else
+        fprintf(g_out, "  wrote %s.png (%dx%d)\n", name, image->width, image->height);
 }
 
 static const uint8_t *PixelAt(VxImage *image, int x, int y)
@@ -69,6 +83,7 @@ static void DemoBlur(VxImage *picture)
           "the checker's edges are softened");
     Check(PixelAt(blurred, 3, 3)[0] == PixelAt(picture, 3, 3)[0] && PixelAt(blurred, 40, 30)[1] == PixelAt(picture, 40, 30)[1],
           "red and green, outside the channel mask, are untouched");
+    Save(blurred, "blurred");
     ImageDestroy(blurred);
 }
 
@@ -96,6 +111,8 @@ static void DemoResample(VxImage *picture)
             PixelAt(big, 41, 40)[0], PixelAt(picture, 20, 20)[0]);
     Check(abs(PixelAt(big, 40, 40)[0] - 79) <= 1 && abs(PixelAt(big, 41, 40)[0] - 81) <= 1,
           "the red ramp is interpolated between pixel centres");
+    Save(half, "half");
+    Save(big, "double");
     ImageDestroy(half);
     ImageDestroy(big);
 }
@@ -132,18 +149,25 @@ static void DemoMipmap(VxImage *picture)
     fprintf(g_out, "  filtered lookup at (0.1, 0.3): footprint 0 gives blue %d, footprint 1/12 gives blue %d\n",
             fine[2], coarse[2]);
     Check(coarse[2] > 60 && coarse[2] < 200, "a wide footprint blends the checker towards its mean");
+    for (i = 0; i < m->count; ++i) {
+        char name[16];
+        snprintf(name, sizeof name, "mip-%d", i);
+        Save(m->levels[i], name);
+    }
     MipmapDestroy(m);
 }
 
-int vx_demo_image(FILE *out)
+int vx_demo_image(FILE *out, const char *dir)
 {
     VxImage *picture;
     g_out = out;
+    g_dir = dir;
     g_ok = 1;
     picture = MakePicture();
     if (!picture)
         return 0;
     fprintf(out, "a 64x48 picture: red ramp across, green ramp down, blue checker of 8-pixel squares\n");
+    Save(picture, "picture");
     DemoBlur(picture);
     DemoResample(picture);
     DemoMipmap(picture);

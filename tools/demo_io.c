@@ -1,13 +1,12 @@
-/* Demo of streams, IFF files and save states: a FORM with nested chunks written to memory,
- * read back with a property handler and a stop chunk, its tree printed as `vxtool iff dump`
- * prints it; then a small text save state, written and read back. */
+/* Demo of streams, IFF files and save states: a FORM with nested chunks written to a file,
+ * its tree printed as `vxtool iff dump` prints it, then read back with a property handler and
+ * a stop chunk; then a small text save state, written to a file and read back. */
 #include <vxtools3.h>
+#include "vxtool_c.h"
 
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
-
-/* `vxtool iff dump` on bytes in memory (tools/cmd_iff.cpp). */
-int vx_iff_dump(FILE *out, const void *data, size_t size);
 
 #define ID_SCNE VX_ID('S', 'C', 'N', 'E')
 #define ID_NAME VX_ID('N', 'A', 'M', 'E')
@@ -16,10 +15,11 @@ int vx_iff_dump(FILE *out, const void *data, size_t size);
 
 static int g_ok;
 
-static void Check(FILE *out, int holds, const char *what)
+static int Check(FILE *out, int holds, const char *what)
 {
     fprintf(out, "  check: %s ... %s\n", what, holds ? "ok" : "FAILED");
     g_ok = g_ok && holds;
+    return holds;
 }
 
 /* Writes FORM SCNE { NAME "demo", OBJS { KEYS (3 floats), NAME "cube" }, KEYS (odd bytes) }. */
@@ -61,25 +61,36 @@ static void FreeName(void *result, void *user)
     StringFree((char *)result);
 }
 
-static void DemoIff(FILE *out)
+/* Reads the whole of `path` into a heap block of *size bytes; NULL when it cannot. */
+static void *ReadFile(const char *path, size_t *size)
+{
+    VxReadStrm *s = FileStrmReadOpen(path, NULL);
+    const int32_t length = s ? s->remaining : 0;
+    void *bytes = s ? malloc((size_t)length + 1) : NULL;
+    *size = (size_t)length;
+    if (bytes && s->readBytes(s, bytes, length) != length) {
+        free(bytes);
+        bytes = NULL;
+    }
+    StrmReadDestroy(s);
+    return bytes;
+}
+
+/* Reads scene.iff back: the NAME property on the way to the OBJS stop chunk, then OBJS's
+ * sub-chunks, then the rest of the form skipped. */
+static void ReadScene(FILE *out, const char *path)
 {
     static const uint32_t stops[] = {ID_OBJS, 0};
-    VxWriteStrm *ws = MemStrmWriteCreate();
-    VxIFFWriter *w = IFFWCreate(ws);
-    VxReadStrm *rs;
-    VxIFFReader *r;
+    VxReadStrm *rs = FileStrmReadOpen(path, NULL);
+    VxIFFReader *r = rs ? IFFRCreate(rs) : NULL;
     uint32_t kid;
     float keys[3] = {0, 0, 0};
     char name[16] = "";
-    int32_t length;
-
-    WriteScene(w);
-    length = ws->length;
-    fprintf(out, "wrote a FORM of %d bytes to a memory stream; its tree:\n", (int)length);
-    Check(out, vx_iff_dump(out, ws->impl, (size_t)length), "the dump walks every chunk");
-
-    rs = MemStrmReadCreate(ws->impl, length, 0);
-    r = IFFRCreate(rs);
+    if (!r) {
+        Check(out, 0, "scene.iff opens for reading");
+        StrmReadDestroy(rs);
+        return;
+    }
     IFFRFormType(r, ID_SCNE);
     IFFRSetProp(r, ID_NAME, KeepName, FreeName, NULL);
     Check(out, IFFRParse(r, stops) == ID_OBJS, "IFFRParse stops at OBJS");
@@ -97,19 +108,40 @@ static void DemoIff(FILE *out)
     Check(out, IFFRParse(r, stops) == 0 && r->error == 0, "the rest of the form is skipped cleanly");
     IFFRDestroy(r);
     StrmReadDestroy(rs);
+}
+
+static void DemoIff(FILE *out, const char *dir)
+{
+    char path[4096];
+    VxWriteStrm *ws;
+    VxIFFWriter *w;
+    void *bytes;
+    size_t size;
+    snprintf(path, sizeof path, "%s/scene.iff", dir);
+    ws = FileStrmWriteOpen(path);
+    w = ws ? IFFWCreate(ws) : NULL;
+    if (w)
+        WriteScene(w);
     IFFWDestroy(w);
-    StrmWriteDestroy(ws);
+    if (!Check(out, w && StrmWriteDestroy(ws) == 0, "scene.iff written through a file stream"))
+        return;
+    bytes = ReadFile(path, &size);
+    fprintf(out, "wrote %s, a FORM of %d bytes; `vxtool iff dump` shows:\n", path, (int)size);
+    Check(out, bytes && vx_iff_dump(out, bytes, size), "the dump walks every chunk");
+    free(bytes);
+    ReadScene(out, path);
 }
 
 static const VxBlockDesc kEntry = {VX_ID('P', 'L', 'U', 'G'), "Entry"};
 static const VxBlockDesc kClass = {VX_ID('C', 'L', 'A', 'S'), "Class"};
 static const VxBlockDesc kTag = {VX_ID('I', 'N', 'F', 'O'), "InfoTag"};
 
-static void DemoTextState(FILE *out)
+static void DemoTextState(FILE *out, const char *dir)
 {
     static const VxBlockDesc known[] = {{VX_ID('P', 'L', 'U', 'G'), "Entry"}, {VX_ID('C', 'L', 'A', 'S'), "Class"},
                                         {VX_ID('I', 'N', 'F', 'O'), "InfoTag"}, {0, NULL}};
-    VxWriteStrm *ws = MemStrmWriteCreate();
+    char path[4096];
+    VxWriteStrm *ws;
     VxSaveState save;
     VxLoadState load;
     VxReadStrm *rs;
@@ -119,7 +151,13 @@ static void DemoTextState(FILE *out)
     float scaleIn = 0;
     char className[32] = "", tag[32] = "";
     uint32_t id;
+    void *text;
+    size_t size;
 
+    snprintf(path, sizeof path, "%s/state.txt", dir);
+    ws = FileStrmWriteText(path);
+    if (!Check(out, ws != NULL, "state.txt opens for writing"))
+        return;
     StrmInitSaveState(&save, ws);
     save.beginBlock(&save, &kEntry);
     save.beginBlock(&save, &kClass);
@@ -131,9 +169,15 @@ static void DemoTextState(FILE *out)
     save.writeFloats(&save, &scale, 1);
     save.endBlock(&save);
     save.endBlock(&save);
-    fprintf(out, "a text save state:\n%.*s", (int)ws->length, (const char *)ws->impl);
+    if (!Check(out, StrmWriteDestroy(ws) == 0, "state.txt written"))
+        return;
+    text = ReadFile(path, &size);
+    fprintf(out, "a text save state in %s:\n%.*s", path, text ? (int)size : 0, text ? (const char *)text : "");
+    free(text);
 
-    rs = MemStrmReadCreate(ws->impl, ws->length, 0);
+    rs = FileStrmReadOpen(path, NULL);
+    if (!Check(out, rs != NULL, "state.txt opens for reading"))
+        return;
     StrmInitLoadState(&load, rs);
     Check(out, load.findBlock(&load, known) == kEntry.id, "the load state finds Entry");
     while ((id = load.findBlock(&load, known)) != 0) {
@@ -151,13 +195,12 @@ static void DemoTextState(FILE *out)
           "strings and integers read back");
     Check(out, scaleIn == scale, "the float 0.1 reads back to the same bits");
     StrmReadDestroy(rs);
-    StrmWriteDestroy(ws);
 }
 
-int vx_demo_io(FILE *out)
+int vx_demo_io(FILE *out, const char *dir)
 {
     g_ok = 1;
-    DemoIff(out);
-    DemoTextState(out);
+    DemoIff(out, dir);
+    DemoTextState(out, dir);
     return g_ok;
 }

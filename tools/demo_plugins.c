@@ -1,12 +1,13 @@
 /* Demo section: the plug-in host scans the example modules next to this build, writes the
- * plug-in database, starts again from it and activates servers, loading modules on demand. */
+ * plug-in database into the demo's directory, starts again from it, lists the catalogue as
+ * `vxtool plugins list` does and activates servers, loading modules on demand. */
 #include <vxtools3.h>
 #include <vxtools3/config.h>
+#include "vxtool_c.h"
 
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
 static int Check(FILE *out, int ok, const char *what)
 {
@@ -28,6 +29,25 @@ static int ScanExamples(FILE *out, const char *dir)
         ok &= count == kExpected[i];
     }
     return ok;
+}
+
+/* Prints the module servers of the catalogue: class, name, user name, module file. */
+static int ListCatalogue(FILE *out)
+{
+    int listed = 0;
+    for (int32_t c = 0; c < HostClassCount(); ++c) {
+        const char *cls = HostClassName(c);
+        for (int32_t i = 0; i < HostNumServers(cls); ++i) {
+            const char *module = ServerGetModule(cls, i);
+            if (!module)
+                continue;
+            const char *file = strrchr(module, '/');
+            fprintf(out, "  %-16s %-16s %-12s %s\n", cls, ServerGetName(cls, i), ServerGetUserName(cls, i),
+                    file ? file + 1 : module);
+            ++listed;
+        }
+    }
+    return listed;
 }
 
 static int ActivateExamples(FILE *out)
@@ -56,35 +76,33 @@ static int ActivateExamples(FILE *out)
     return ok;
 }
 
-int vx_demo_plugins(FILE *out)
+int vx_demo_plugins(FILE *out, const char *dir)
 {
     char modules[4200];
     const char *home = FileSystemPath(0);
     snprintf(modules, sizeof modules, "%s/../examples/plugins", home ? home : ".");
-    char database[] = "/tmp/vxdemo-plugins-XXXXXX";
-    if (!mkdtemp(database))
-        return Check(out, 0, "a temporary directory for the database");
-    int ok = HostSetDatabase(database) && HostStartup();
+    const char *file = ConfigGenerateName(dir, "vxext3", "Vexmark Extensions 3");
+    char database[4200];
+    snprintf(database, sizeof database, "%s", file ? file : "");
+    remove(database); /* scan afresh, also when the demo runs again */
+    int ok = HostSetDatabase(dir) && HostStartup();
     ok &= ScanExamples(out, modules);
     HostShutdown(); /* writes the database */
-    const char *file = ConfigGenerateName(database, "vxext3", "Vexmark Extensions 3");
-    char fileName[4200];
-    snprintf(fileName, sizeof fileName, "%s", file ? file : "");
-    FILE *db = fopen(fileName, "r");
+    FILE *db = fopen(database, "r");
     int entries = 0;
     char line[512];
     while (db && fgets(line, sizeof line, db))
         entries += strncmp(line, "Entry", 5) == 0;
     if (db)
         fclose(db);
-    fprintf(out, "  database written: %d entries\n", entries);
+    fprintf(out, "  database %s written: %d entries\n", database, entries);
     ok &= Check(out, entries == 7, "one Entry per module server");
-    ok &= HostSetDatabase(database) && HostStartup(); /* reads it back */
+    ok &= HostSetDatabase(dir) && HostStartup(); /* reads it back */
     ok &= Check(out, HostNumServers("MeshEditTool") == 1 && !ServerModuleLoaded("MeshEditTool", "Example_Box"),
                 "the servers came back from the database, their modules not loaded yet");
+    fprintf(out, "  the catalogue (class, name, user name, module):\n");
+    ok &= Check(out, ListCatalogue(out) == 7, "seven module servers listed");
     ok &= ActivateExamples(out);
     HostShutdown();
-    remove(fileName);
-    rmdir(database);
     return ok;
 }

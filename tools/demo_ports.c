@@ -2,6 +2,7 @@
  * One client attaches before the owner exists, one listens to renames only, and one detaches
  * itself from inside its own callback. */
 #include <vxtools3.h>
+#include "vxtool_c.h"
 
 #include <stdio.h>
 
@@ -34,8 +35,9 @@ static void Hear(uintptr_t key, uintptr_t portData, int32_t event, uintptr_t arg
         GlobalPortDetach("document", 3); /* once is enough; safe inside the notification */
 }
 
-int vx_demo_ports(FILE *out)
+int vx_demo_ports(FILE *out, const char *dir)
 {
+    (void)dir; /* writes no files */
     VxPort *port;
     int ok;
     g_out = out;

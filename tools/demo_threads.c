@@ -3,6 +3,7 @@
  * follows the workers' progress signals; an abort of a long job; a kill of a worker that never
  * polls; and the global function table for plug-ins. */
 #include <vxtools3.h>
+#include "vxtool_c.h"
 
 #include <stdatomic.h>
 #include <stdio.h>
@@ -190,8 +191,9 @@ static int DemoPluginTable(void)
     return registered && locked && refused;
 }
 
-int vx_demo_threads(FILE *out)
+int vx_demo_threads(FILE *out, const char *dir)
 {
+    (void)dir; /* writes no files */
     g_out = out;
     MTGroupID group = MakePrimeGroup(LIMIT);
     if (!group)

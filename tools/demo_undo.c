@@ -2,6 +2,7 @@
  * action performs what its code says and then flips the code, so one record serves both
  * directions. */
 #include <vxtools3.h>
+#include "vxtool_c.h"
 
 #include <stdio.h>
 #include <string.h>
@@ -63,8 +64,9 @@ static void Show(const char *what, const char *expected)
         g_ok = 0;
 }
 
-int vx_demo_undo(FILE *out)
+int vx_demo_undo(FILE *out, const char *dir)
 {
+    (void)dir; /* writes no files */
     static const Edit hello = {0, "Hello"}, comma = {5, ", "}, world = {7, "world"}, bang = {12, "!"},
                       query = {12, "?"}, smile = {13, " :)"};
     g_out = out;

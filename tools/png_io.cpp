@@ -1,8 +1,10 @@
 // PNG reading and writing with libpng's simplified interface (png_image).
 #include "png_io.h"
+#include "vxtool_c.h"
 
 #include <png.h>
 
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -93,3 +95,12 @@ bool PngWrite(const char *path, VxImage *image, std::string &error)
 }
 
 }  // namespace vxtool
+
+extern "C" int vx_png_write(const char *path, VxImage *image)
+{
+    std::string error;
+    if (vxtool::PngWrite(path, image, error))
+        return 1;
+    std::fprintf(stderr, "vxtool: %s: %s\n", path, error.c_str());
+    return 0;
+}

@@ -1,5 +1,7 @@
-// vxtool: subcommands and the demo's sections.
+// vxtool: the subcommands and their shared exit statuses.
 #pragma once
+
+#include "vxtool_c.h"
 
 #include <cstdio>
 #include <string>
@@ -25,27 +27,4 @@ int EnvMain(int argc, char **argv);    // `vxtool env`
 int IffMain(int argc, char **argv);    // `vxtool iff`
 int ConfigMain(int argc, char **argv); // `vxtool config`
 
-// A demo section prints what it shows to `out` and returns true when every check held.
-struct DemoSection {
-    const char *name;
-    bool (*run)(FILE *out);
-};
-
 }  // namespace vxtool
-
-// Demo sections written in C, against the C interface as a plug-in would use it. Each returns
-// 1 when every check held.
-extern "C" {
-int vx_demo_core(FILE *out);
-int vx_demo_containers(FILE *out);
-int vx_demo_ports(FILE *out);
-int vx_demo_undo(FILE *out);
-int vx_demo_image(FILE *out);
-int vx_demo_threads(FILE *out);
-int vx_demo_plugins(FILE *out);
-int vx_demo_env(FILE *out);
-int vx_demo_io(FILE *out);
-int vx_demo_config(FILE *out);
-// Prints the chunk tree of the IFF data at `data` as `vxtool iff dump` does; 1 when well formed.
-int vx_iff_dump(FILE *out, const void *data, size_t size);
-}
