@@ -227,7 +227,7 @@ int ConfigMain(int argc, char **argv)
         }
     }
     if (args.empty())
-        return UsageError("missing subcommand (list, get or set)");
+        return UsageError("wants a subcommand: list, get or set");
     const std::string sub = args[0];
     if (sub != "list" && sub != "get" && sub != "set")
         return UsageError("unknown subcommand '" + sub + "'");

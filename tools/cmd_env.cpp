@@ -181,7 +181,7 @@ int Plot(int argc, char **argv)
 int EnvMain(int argc, char **argv)
 {
     if (argc < 2)
-        return UsageError("wants an operation: eval or plot");
+        return UsageError("wants a subcommand: eval or plot");
     if (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h")) {
         std::fputs(kHelp, stdout);
         return kOk;
@@ -190,7 +190,7 @@ int EnvMain(int argc, char **argv)
         return Eval(argc - 1, argv + 1);
     if (!std::strcmp(argv[1], "plot"))
         return Plot(argc - 1, argv + 1);
-    return UsageError(std::string("unknown operation '") + argv[1] + "'");
+    return UsageError(std::string("unknown subcommand '") + argv[1] + "'");
 }
 
 }  // namespace vxtool

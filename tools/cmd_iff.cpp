@@ -194,7 +194,7 @@ int IffMain(int argc, char **argv)
         return kOk;
     }
     if (argc < 2 || std::strcmp(argv[1], "dump") != 0)
-        return ReportUsageError("iff", argc < 2 ? "wants an operation: dump" : std::string("unknown operation '") + argv[1] + "'");
+        return ReportUsageError("iff", argc < 2 ? "wants a subcommand: dump" : std::string("unknown subcommand '") + argv[1] + "'");
     const char *path = nullptr;
     bool json = false;
     for (int i = 2; i < argc; ++i) {

@@ -304,10 +304,8 @@ bool ParseArguments(int argc, char **argv, Options &o, int &status)
 
 int ImageMain(int argc, char **argv)
 {
-    if (argc < 2) {
-        std::fputs(kHelp, stderr);
-        return kUsage;
-    }
+    if (argc < 2)
+        return UsageError("wants a subcommand: blur, resample, convolve, mipmap, checker or info");
     if (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h")) {
         std::fputs(kHelp, stdout);
         return kOk;
@@ -326,7 +324,7 @@ int ImageMain(int argc, char **argv)
                                              : o.operation == "mipmap"   ? Mipmap
                                                                          : nullptr;
     if (!run)
-        return UsageError("unknown operation '" + o.operation + "'");
+        return UsageError("unknown subcommand '" + o.operation + "'");
     std::string error;
     VxImage *in = PngRead(o.files[0].c_str(), error);
     if (!in) {

@@ -255,7 +255,7 @@ int PluginsMain(int argc, char **argv)
     if (!error.empty())
         return UsageError(error);
     if (o.words.empty())
-        return UsageError("missing subcommand: scan, list or activate");
+        return UsageError("wants a subcommand: scan, list or activate");
     const std::string &command = o.words[0];
     if (command == "scan")
         return Scan(o);

@@ -13,10 +13,10 @@ struct Command {
 
 constexpr Command kCommands[] = {
     {"demo", "run every subsystem on built-in sample data", vxtool::DemoMain},
-    {"image", "blur, resample, convolve or mipmap PNG files", vxtool::ImageMain},
+    {"image", "blur, resample, convolve, mipmap or inspect PNG files", vxtool::ImageMain},
     {"plugins", "scan plug-in modules, list the catalogue, activate a server", vxtool::PluginsMain},
-    {"env", "evaluate or plot the envelopes of a saved file", vxtool::EnvMain},
-    {"iff", "print the chunk tree of an IFF file (iff dump FILE)", vxtool::IffMain},
+    {"env", "evaluate the envelopes of a saved file, or plot them as SVG", vxtool::EnvMain},
+    {"iff", "print the chunk tree of an IFF file", vxtool::IffMain},
     {"config", "list, get or set the entries of a configuration file", vxtool::ConfigMain},
 };
 
@@ -25,7 +25,9 @@ void Usage(FILE *out)
     std::fprintf(out, "usage: vxtool <command> [options]\n\ncommands:\n");
     for (const Command &c : kCommands)
         std::fprintf(out, "  %-10s %s\n", c.name, c.summary);
-    std::fprintf(out, "\n'vxtool <command> --help' describes a command.\n");
+    std::fprintf(out, "\n'vxtool <command> --help' describes a command. Every command exits with 0 when done,\n"
+                      "1 when the work failed, 2 on a bad command line and 3 when an input file is\n"
+                      "missing or malformed; errors name the file and what is wrong with it.\n");
 }
 
 }  // namespace
