@@ -149,87 +149,150 @@ void ConvolveRows(VxImage *result, const float *matrix, int32_t columns, int32_t
 
 // ---- the separable fixed-point blur ----
 
-// Filters `length` samples (`step` bytes apart) of `in` into `out` with `kernel`. `work` holds
-// length + 2 (3g - 1) bytes, `left` length words.
-void FilterLine(const BlurKernel &kernel, const uint8_t *in, uint8_t *out, size_t step, int32_t length,
-                uint8_t *work, uint16_t *left)
+// The horizontal pass over one row of `width` pixels of kBpp interleaved channels. Every
+// channel is a line of its own, filtered by the steps of the single line (below); the
+// channels of a pixel advance together, so that their sums form independent chains. `work`
+// holds the row padded with 3g - 1 copies of its first and last pixel, `left` a word per
+// sample.
+//
+// A line: sliding sums over the packed words from the left, acc = (acc >> 10) + t0[x(s)] +
+// t1[x(s - 3)] + t2[x(s - 6)], starting from 0 at s = 3 (g - 1) of the padded line and kept
+// (lane 0) from the line's first sample on; then the same from the right, starting at two
+// samples past the line's end; each sample is (left + right - bias) >> 2, clamped to 0..255.
+template <int kBpp, int kGroups>
+[[gnu::always_inline]] inline void FilterRow(const BlurKernel &kernel, const uint8_t *in, uint8_t *__restrict out,
+                                             int32_t width, uint8_t *__restrict work, uint16_t *__restrict left)
 {
-    const int32_t g = kernel.groups, pad = 3 * g - 1;
-    std::memset(work, in[0], pad);
-    for (int32_t i = 0; i < length; ++i)
-        work[pad + i] = in[step * i];
-    std::memset(work + pad + length, in[step * (length - 1)], pad);
+    constexpr int32_t kPad = 3 * kGroups - 1;
+    constexpr ptrdiff_t kB = kBpp, kTap = 3 * kB;  // bytes per pixel, and between tap groups
+    const size_t rowBytes = static_cast<size_t>(width) * kBpp;
+    for (int32_t i = 0; i < kPad; ++i)
+        std::memcpy(work + kB * i, in, kB);
+    std::memcpy(work + kB * kPad, in, rowBytes);
+    for (int32_t i = 0; i < kPad; ++i)
+        std::memcpy(work + kB * kPad + rowBytes + kB * i, in + rowBytes - kB, kB);
     const uint32_t *t0 = kernel.table[0], *t1 = kernel.table[1], *t2 = kernel.table[2];
-    uint32_t acc = 0;
-    for (int32_t s = 3 * (g - 1); s < pad + length; ++s) {
-        uint32_t a = (acc >> 10) + t0[work[s]];
-        if (g > 1)
-            a += t1[work[s - 3]];
-        if (g > 2)
-            a += t2[work[s - 6]];
-        acc = a;
-        if (s >= pad)
-            left[s - pad] = static_cast<uint16_t>(a & 0x3FF);
+    const int32_t bias = kernel.bias;
+    uint32_t acc[kBpp] = {};
+    // One step of every channel at padded sample `s`, the further taps `dir` pixels away per group.
+    auto step = [&](const uint8_t *p, ptrdiff_t dir, uint32_t *a) {
+        for (int c = 0; c < kBpp; ++c) {
+            uint32_t v = t0[p[c]];
+            if constexpr (kGroups > 1)
+                v += t1[p[c + dir * kTap]];
+            if constexpr (kGroups > 2)
+                v += t2[p[c + 2 * dir * kTap]];
+            a[c] = v + (acc[c] >> 10);
+            acc[c] = a[c];
+        }
+    };
+    uint32_t a[kBpp];
+    for (int32_t s = 3 * (kGroups - 1); s < kPad; ++s)
+        step(work + kB * s, -1, a);
+    for (int32_t x = 0; x < width; ++x) {
+        step(work + kB * (kPad + x), -1, a);
+        for (int c = 0; c < kBpp; ++c)
+            left[kB * x + c] = static_cast<uint16_t>(a[c] & 0x3FF);
     }
-    acc = 0;
-    for (int32_t s = pad + length + 1; s >= pad; --s) {
-        uint32_t a = (acc >> 10) + t0[work[s]];
-        if (g > 1)
-            a += t1[work[s + 3]];
-        if (g > 2)
-            a += t2[work[s + 6]];
-        acc = a;
-        if (s < pad + length) {
-            const int32_t sum = (static_cast<int32_t>(left[s - pad]) + static_cast<int32_t>(a & 0x3FF) - kernel.bias) >> 2;
-            out[step * (s - pad)] = static_cast<uint8_t>(std::clamp(sum, 0, 255));
+    for (int c = 0; c < kBpp; ++c)
+        acc[c] = 0;
+    step(work + kB * (kPad + width + 1), 1, a);
+    step(work + kB * (kPad + width), 1, a);
+    for (int32_t x = width - 1; x >= 0; --x) {
+        step(work + kB * (kPad + x), 1, a);
+        for (int c = 0; c < kBpp; ++c) {
+            const int32_t sum = (static_cast<int32_t>(left[kB * x + c]) + static_cast<int32_t>(a[c] & 0x3FF) - bias) >> 2;
+            out[kB * x + c] = static_cast<uint8_t>(std::clamp(sum, 0, 255));
         }
     }
 }
 
-// Vertical pass over a strip of `count` byte columns starting at `from`: every byte column is
-// filtered down the rows, all columns of the strip advancing together row by row.
-void FilterStrip(const BlurKernel &kernel, const uint8_t *in, uint8_t *out, size_t rowBytes, int32_t height,
-                 size_t from, size_t count, uint32_t *acc, uint16_t *left)
+template <int kBpp>
+void FilterRows(const BlurKernel &kernel, const VxImage *image, uint8_t *across, uint8_t *work, uint16_t *left)
 {
-    const int32_t g = kernel.groups, pad = 3 * g - 1;
-    auto rowAt = [&](int32_t s) { return in + rowBytes * std::clamp(s - pad, 0, height - 1) + from; };
+    const int32_t w = image->width;
+    const size_t rowBytes = static_cast<size_t>(w) * kBpp;
+    for (int32_t y = 0; y < image->height; ++y) {
+        const uint8_t *in = Row(image, y);
+        uint8_t *out = across + rowBytes * static_cast<size_t>(y);
+        switch (kernel.groups) {
+        case 1: FilterRow<kBpp, 1>(kernel, in, out, w, work, left); break;
+        case 2: FilterRow<kBpp, 2>(kernel, in, out, w, work, left); break;
+        default: FilterRow<kBpp, 3>(kernel, in, out, w, work, left); break;
+        }
+    }
+}
+
+// The vertical pass over a strip of `count` byte columns: every column is a line filtered
+// down the rows by the steps above, all columns of the strip advancing together row by row.
+// `acc` holds a sum per column, `left` a word per sample of the strip.
+template <int kGroups>
+[[gnu::always_inline]] inline void FilterStrip(const BlurKernel &kernel, const uint8_t *in, uint8_t *out,
+                                               size_t rowBytes, int32_t height, size_t count,
+                                               uint32_t *__restrict acc, uint16_t *__restrict left)
+{
+    constexpr int32_t kPad = 3 * kGroups - 1;
+    auto rowAt = [&](int32_t s) { return in + rowBytes * static_cast<size_t>(std::clamp(s - kPad, 0, height - 1)); };
     const uint32_t *t0 = kernel.table[0], *t1 = kernel.table[1], *t2 = kernel.table[2];
+    const int32_t bias = kernel.bias;
     std::fill(acc, acc + count, 0u);
-    for (int32_t s = 3 * (g - 1); s < pad + height; ++s) {
-        const uint8_t *r0 = rowAt(s), *r1 = rowAt(s - 3), *r2 = rowAt(s - 6);
-        uint16_t *l = left + count * std::max(s - pad, 0);  // rows before the first are overwritten
+    for (int32_t s = 3 * (kGroups - 1); s < kPad + height; ++s) {
+        const uint8_t *__restrict r0 = rowAt(s), *__restrict r1 = rowAt(s - 3), *__restrict r2 = rowAt(s - 6);
+        uint16_t *__restrict l = left + count * static_cast<size_t>(std::max(s - kPad, 0));  // warm-up rows overwritten
         for (size_t i = 0; i < count; ++i) {
-            uint32_t a = (acc[i] >> 10) + t0[r0[i]];
-            if (g > 1)
-                a += t1[r1[i]];
-            if (g > 2)
-                a += t2[r2[i]];
+            uint32_t v = t0[r0[i]];
+            if constexpr (kGroups > 1)
+                v += t1[r1[i]];
+            if constexpr (kGroups > 2)
+                v += t2[r2[i]];
+            const uint32_t a = v + (acc[i] >> 10);
             acc[i] = a;
             l[i] = static_cast<uint16_t>(a & 0x3FF);
         }
     }
     std::fill(acc, acc + count, 0u);
-    for (int32_t s = pad + height + 1; s >= pad; --s) {
-        const uint8_t *r0 = rowAt(s), *r1 = rowAt(s + 3), *r2 = rowAt(s + 6);
-        const bool emit = s < pad + height;
-        const uint16_t *l = left + count * (emit ? s - pad : 0);
-        uint8_t *o = out + rowBytes * (emit ? s - pad : 0) + from;
-        for (size_t i = 0; i < count; ++i) {
-            uint32_t a = (acc[i] >> 10) + t0[r0[i]];
-            if (g > 1)
-                a += t1[r1[i]];
-            if (g > 2)
-                a += t2[r2[i]];
-            acc[i] = a;
-            if (emit) {
-                const int32_t sum = (static_cast<int32_t>(l[i]) + static_cast<int32_t>(a & 0x3FF) - kernel.bias) >> 2;
-                o[i] = static_cast<uint8_t>(std::clamp(sum, 0, 255));
+    for (int32_t s = kPad + height + 1; s >= kPad; --s) {
+        const uint8_t *__restrict r0 = rowAt(s), *__restrict r1 = rowAt(s + 3), *__restrict r2 = rowAt(s + 6);
+        if (s >= kPad + height) {  // the two warm-up rows past the end
+            for (size_t i = 0; i < count; ++i) {
+                uint32_t v = t0[r0[i]];
+                if constexpr (kGroups > 1)
+                    v += t1[r1[i]];
+                if constexpr (kGroups > 2)
+                    v += t2[r2[i]];
+                acc[i] = v + (acc[i] >> 10);
             }
+            continue;
+        }
+        const uint16_t *__restrict l = left + count * static_cast<size_t>(s - kPad);
+        uint8_t *__restrict o = out + rowBytes * static_cast<size_t>(s - kPad);
+        for (size_t i = 0; i < count; ++i) {
+            uint32_t v = t0[r0[i]];
+            if constexpr (kGroups > 1)
+                v += t1[r1[i]];
+            if constexpr (kGroups > 2)
+                v += t2[r2[i]];
+            const uint32_t a = v + (acc[i] >> 10);
+            acc[i] = a;
+            const int32_t sum = (static_cast<int32_t>(l[i]) + static_cast<int32_t>(a & 0x3FF) - bias) >> 2;
+            o[i] = static_cast<uint8_t>(std::clamp(sum, 0, 255));
         }
     }
 }
 
-constexpr size_t kStripBytes = 512;
+VX_IMAGE_CLONES void FilterStrip(const BlurKernel &kernel, const uint8_t *in, uint8_t *out, size_t rowBytes,
+                                 int32_t height, size_t count, uint32_t *acc, uint16_t *left)
+{
+    switch (kernel.groups) {
+    case 1: FilterStrip<1>(kernel, in, out, rowBytes, height, count, acc, left); break;
+    case 2: FilterStrip<2>(kernel, in, out, rowBytes, height, count, acc, left); break;
+    default: FilterStrip<3>(kernel, in, out, rowBytes, height, count, acc, left); break;
+    }
+}
+
+// Columns per vertical strip: the strip's left sums (2 bytes per sample) and its rows stay in
+// the core's cache between the downward and the upward sweep.
+constexpr size_t kStripBytes = 256;
 
 // Layout of the separable blur's one work buffer, every piece at an aligned offset.
 struct BlurWork {
@@ -239,15 +302,15 @@ struct BlurWork {
 BlurWork BlurWorkLayout(const VxImage *image, int32_t taps)
 {
     const size_t w = static_cast<size_t>(image->width), h = static_cast<size_t>(image->height);
-    const size_t pad = 3 * static_cast<size_t>((taps + 2) / 3) - 1;
-    auto aligned = [](size_t n) { return (n + 15) & ~size_t{15}; };
+    const size_t bpp = image->bytesPerPixel, pad = 3 * static_cast<size_t>((taps + 2) / 3) - 1;
+    auto aligned = [](size_t n) { return (n + 63) & ~size_t{63}; };
     BlurWork layout;
     layout.stripAcc = 0;                                                     // strip accumulators
     layout.stripLeft = layout.stripAcc + aligned(4 * kStripBytes);           // left sums of a strip
-    layout.lineLeft = layout.stripLeft + aligned(2 * kStripBytes * h);       // left sums of a line
-    layout.across = layout.lineLeft + aligned(2 * w);                        // horizontally filtered image
-    layout.line = layout.across + aligned(h * w * image->bytesPerPixel);     // one padded line
-    layout.total = layout.line + w + 2 * pad;
+    layout.lineLeft = layout.stripLeft + aligned(2 * kStripBytes * h);       // left sums of a row
+    layout.across = layout.lineLeft + aligned(2 * w * bpp);                  // horizontally filtered image
+    layout.line = layout.across + aligned(h * w * bpp);                      // one padded row
+    layout.total = layout.line + (w + 2 * pad) * bpp;
     return layout;
 }
 
@@ -265,19 +328,21 @@ void SeparableBlur(const VxImage *image, VxImage *result, int32_t taps, double s
 
     BlurKernel kernel;
     BuildBlurKernel(taps, sigmaH, kernel);
-    for (int32_t y = 0; y < h; ++y)
-        for (size_t c = 0; c < bpp; ++c)
-            FilterLine(kernel, Row(image, y) + c, across + rowBytes * y + c, bpp, w, line, lineLeft);
+    switch (bpp) {
+    case 1: FilterRows<1>(kernel, image, across, line, lineLeft); break;
+    case 3: FilterRows<3>(kernel, image, across, line, lineLeft); break;
+    default: FilterRows<4>(kernel, image, across, line, lineLeft); break;
+    }
     BuildBlurKernel(taps, sigmaV, kernel);
     uint8_t *out = result->priv->pixels;
     for (size_t from = 0; from < rowBytes; from += kStripBytes)
-        FilterStrip(kernel, across, out, rowBytes, h, from, std::min(kStripBytes, rowBytes - from), stripAcc,
+        FilterStrip(kernel, across + from, out + from, rowBytes, h, std::min(kStripBytes, rowBytes - from), stripAcc,
                     stripLeft);
     // Grey is always blurred; in RGB and RGBA the channels outside the mask keep the source.
     if (image->type == VX_PIXEL_GREY)
         return;
     const uint8_t *src = image->priv->pixels;
-    const size_t total = rowBytes * h;
+    const size_t total = rowBytes * static_cast<size_t>(h);
     for (size_t c = 0; c < bpp; ++c)
         if (!(mask & (1u << c)))
             for (size_t i = c; i < total; i += bpp)
@@ -298,6 +363,7 @@ VxImage *SeparablePath(VxImage *image, int32_t taps, double sigmaH, double sigma
     }
     work = static_cast<uint8_t *>(StdAlloc(bytes));
     CkptEnd();
+    AdviseHugePages(work, bytes);
     SeparableBlur(image, result, taps, sigmaH, sigmaV, mask, work);
     FreeHeap(work, bytes);
     return result;

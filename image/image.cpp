@@ -8,35 +8,11 @@
 #include <climits>
 #include <cstring>
 
-#if defined(__linux__)
-#include <sys/mman.h>
-#endif
 
 namespace vx::image {
 namespace {
 
 constexpr size_t kMaxBufferBytes = size_t{1} << 40;
-
-// Large pixel buffers are asked to be backed by huge pages. A fresh buffer is faulted in by
-// the first pass that writes it; with 4 KiB pages a 33 MB float image costs some 8,000
-// faults, with 2 MiB pages a few dozen. Only the whole 2 MiB blocks inside the buffer are
-// advised; the advice is a hint and its failure changes nothing.
-constexpr size_t kHugePage = size_t{1} << 21;
-
-void AdviseHugePages(void *buffer, size_t bytes)
-{
-#if defined(__linux__) && defined(MADV_HUGEPAGE)
-    if (bytes < 2 * kHugePage)
-        return;
-    const auto start = reinterpret_cast<uintptr_t>(buffer);
-    const uintptr_t first = (start + kHugePage - 1) & ~(kHugePage - 1), end = (start + bytes) & ~(kHugePage - 1);
-    if (end > first)
-        madvise(reinterpret_cast<void *>(first), end - first, MADV_HUGEPAGE);
-#else
-    (void)buffer;
-    (void)bytes;
-#endif
-}
 
 bool Inside(const VxImage *image, int32_t x, int32_t y)
 {
