@@ -1,0 +1,135 @@
+# Tests of every vxtool command on sample data: what it prints and its exit status, with bad
+# input as well as good.
+
+# vx_cli_test(<name> <status> <regex> <argument>...): runs `vxtool <argument>...` and passes
+# when it exits with <status> and its output (standard output, then standard error) matches
+# <regex>.
+function(vx_cli_test name status regex)
+  add_test(NAME vxtool.${name} COMMAND sh -c "\"$0\" \"$@\" 2>&1; test $? -eq ${status}" $<TARGET_FILE:vxtool> ${ARGN})
+  set_tests_properties(vxtool.${name} PROPERTIES PASS_REGULAR_EXPRESSION "${regex}")
+endfunction()
+
+vx_cli_test(help 0 "^usage: vxtool <command>" --help)
+vx_cli_test(unknown_command 2 "^vxtool: unknown command 'frobnicate'\nusage: vxtool" frobnicate)
+
+# `vxtool demo`: every section passes and its files land in --out; then the other commands
+# read them: the pictures open (PNG through libpng, SVG through an XML parser), the IFF file
+# dumps and the saved envelopes evaluate and plot.
+set(vx_demo_dir ${CMAKE_CURRENT_BINARY_DIR}/demo_out)
+add_test(NAME vxtool.demo COMMAND vxtool demo --out ${vx_demo_dir})
+set_tests_properties(vxtool.demo PROPERTIES
+  PASS_REGULAR_EXPRESSION "demo files are in [^\n]*demo_out:\n(  [^\n]+\n)+demo finished"
+  FAIL_REGULAR_EXPRESSION "FAILED"
+  FIXTURES_SETUP vx_demo_files)
+vx_cli_test(demo_pictures_open 0
+  "picture\\.png: 64x48, RGB bytes\n.*blurred\\.png: 64x48, RGB bytes\n.*half\\.png: 32x24, RGBA bytes\n.*double\\.png: 128x96, RGB bytes\n.*mip-0\\.png: 64x48, RGB bytes\n.*mip-6\\.png: 1x1, RGB bytes\n$"
+  image info ${vx_demo_dir}/picture.png ${vx_demo_dir}/blurred.png ${vx_demo_dir}/half.png
+  ${vx_demo_dir}/double.png ${vx_demo_dir}/mip-0.png ${vx_demo_dir}/mip-6.png)
+vx_cli_test(demo_iff_file 0
+  "\"id\": \"FORM\", \"offset\": 0, \"length\": 68, \"type\": \"SCNE\", \"chunks\": \\[\n    {\"id\": \"NAME\", \"offset\": 12, \"length\": 6},\n    {\"id\": \"OBJS\", \"offset\": 26, \"length\": 30, \"chunks\": \\[\n      {\"id\": \"KEYS\", \"offset\": 34, \"length\": 12},"
+  iff dump --json ${vx_demo_dir}/scene.iff)
+set(vx_demo_users vxtool.demo_pictures_open vxtool.demo_iff_file)
+find_program(VX_XMLLINT xmllint)
+if(VX_XMLLINT)
+  add_test(NAME vxtool.demo_svg_is_well_formed COMMAND ${VX_XMLLINT} --noout ${vx_demo_dir}/envelopes.svg)
+  list(APPEND vx_demo_users vxtool.demo_svg_is_well_formed)
+else()
+  message(STATUS "xmllint not found (Debian: libxml2-utils): the demo's SVG is not checked")
+endif()
+# Both saved forms hold the twelve curves; at 3.5 s the Constant one holds its last key.
+add_test(NAME vxtool.demo_envelope_files COMMAND sh -c
+  "'$<TARGET_FILE:vxtool>' env eval '${vx_demo_dir}/envelopes.iff' 3.5 && \
+   '$<TARGET_FILE:vxtool>' env eval '${vx_demo_dir}/envelopes.txt' 3.5 && \
+   '$<TARGET_FILE:vxtool>' env plot '${vx_demo_dir}/envelopes.txt' -o '${vx_demo_dir}/replot.svg'")
+set_tests_properties(vxtool.demo_envelope_files PROPERTIES PASS_REGULAR_EXPRESSION
+  "behaviour Constant\n  3\\.5 0\\.75\n.*behaviour Constant\n  3\\.5 0\\.75\n.*wrote [^\n]*replot\\.svg \\(12 envelopes\\)")
+list(APPEND vx_demo_users vxtool.demo_envelope_files)
+set_tests_properties(${vx_demo_users} PROPERTIES FIXTURES_REQUIRED vx_demo_files)
+vx_cli_test(demo_bad_command_line 2 "vxtool demo: unknown option '--colour'" demo --colour)
+vx_cli_test(demo_unusable_directory 3 "CMakeLists\\.txt/out: cannot make the directory"
+  demo --out ${CMAKE_CURRENT_SOURCE_DIR}/CMakeLists.txt/out)
+
+# `vxtool image`: a generated picture through every operation; unreadable input.
+set(vx_image_dir ${CMAKE_CURRENT_BINARY_DIR}/image_test_files)
+add_test(NAME vxtool.image_operations COMMAND sh -c
+  "mkdir -p '${vx_image_dir}' && cd '${vx_image_dir}' && \
+   '$<TARGET_FILE:vxtool>' image checker in.png --width 100 --height 60 && \
+   '$<TARGET_FILE:vxtool>' image blur in.png blur.png --taps 4 --sigma 2 && \
+   '$<TARGET_FILE:vxtool>' image resample in.png half.png --scale 0.5 && \
+   '$<TARGET_FILE:vxtool>' image convolve in.png sharp.png --matrix 0,-1,0,-1,5,-1,0,-1,0 && \
+   '$<TARGET_FILE:vxtool>' image mipmap in.png mip.png")
+set_tests_properties(vxtool.image_operations PROPERTIES PASS_REGULAR_EXPRESSION "wrote mip-7.png \\(1x1\\)")
+vx_cli_test(image_missing_input 3 "absent\\.png: cannot read as PNG" image blur ${vx_image_dir}/absent.png out.png)
+vx_cli_test(image_info_not_png 3 "CMakeLists\\.txt: cannot read as PNG: " image info ${CMAKE_CURRENT_SOURCE_DIR}/CMakeLists.txt)
+vx_cli_test(image_bad_option 2 "unknown option --radius" image blur in.png out.png --radius 3)
+
+# `vxtool iff`: a nested sample as text and JSON; a truncated file shows the sound chunks,
+# then names the file and the offset of the fault.
+set(vx_iff_sample ${PROJECT_SOURCE_DIR}/fuzz/corpus/iff/nested.iff)
+vx_cli_test(iff_dump 0 "\n      'DEEP'  level 3  offset 48  length 1\n  'ODD '  level 1  offset 56  length 3\n$"
+  iff dump ${vx_iff_sample})
+vx_cli_test(iff_dump_json 0
+  "{\"id\": \"SUB2\", \"offset\": 42, \"length\": 8, \"chunks\": \\[\n        {\"id\": \"DEEP\", \"offset\": 48, \"length\": 1}\n      \\]}\n    \\]},\n    {\"id\": \"ODD \", \"offset\": 56, \"length\": 3}\n  \\]}\n\\]}\n$"
+  iff dump --json ${vx_iff_sample})
+add_test(NAME vxtool.iff_truncated_file COMMAND sh -c
+  "head -c 30 '${vx_iff_sample}' > '${CMAKE_CURRENT_BINARY_DIR}/truncated.iff' && \
+   '$<TARGET_FILE:vxtool>' iff dump '${CMAKE_CURRENT_BINARY_DIR}/truncated.iff' 2>&1; test $? -eq 3")
+set_tests_properties(vxtool.iff_truncated_file PROPERTIES PASS_REGULAR_EXPRESSION
+  "  'NAME'  level 1  offset 12  length 4\nvxtool iff: [^\n]*truncated\\.iff: malformed chunk near offset 28\n$")
+vx_cli_test(iff_not_iff 3 "^vxtool iff: [^\n]*text\\.txt: " iff dump --json ${PROJECT_SOURCE_DIR}/fuzz/corpus/env/text.txt)
+vx_cli_test(iff_missing_file 3 "absent\\.iff: cannot read the file" iff dump ${CMAKE_CURRENT_BINARY_DIR}/absent.iff)
+vx_cli_test(iff_no_file 2 "vxtool iff: dump wants a FILE" iff dump)
+vx_cli_test(iff_two_files 2 "unexpected argument 'b'" iff dump a b)
+
+# `vxtool env`: values of the sample envelopes as text and JSON, a plot; a missing file, a
+# malformed one and a bad time.
+set(vx_env_seeds ${PROJECT_SOURCE_DIR}/fuzz/corpus/env)
+vx_cli_test(env_eval 0 "^Pos\n  0\\.5 1\n  1 2\n  -1 2\n  3 5\n$" env eval ${vx_env_seeds}/binary.iff 0.5 1 -1 3)
+vx_cli_test(env_eval_text 0 "^Rotation\\.H\n  0\\.1 0\\.2559999[0-9]*\n  0\\.25 -2\n\\(envelope\\)\n  0\\.1 2\n  0\\.25 2\n$"
+  env eval ${vx_env_seeds}/text.txt 0.1 0.25)
+vx_cli_test(env_eval_json 0
+  "^{\"file\": \"[^\"]*text\\.txt\", \"envelopes\": \\[\n  {\"name\": \"Rotation\\.H\", \"values\": \\[\\[0\\.25, -2\\], \\[1e\\+09, [-0-9.e+]+\\]\\]},\n  {\"name\": \"\\(envelope\\)\", \"values\": \\[\\[0\\.25, 2\\], \\[1e\\+09, 2\\]\\]}\n\\]}\n$"
+  env eval --json ${vx_env_seeds}/text.txt 0.25 1e9)
+vx_cli_test(env_plot 0 "wrote [^\n]*env_plot\\.svg \\(2 envelopes\\)"
+  env plot ${vx_env_seeds}/text.txt -o ${CMAKE_CURRENT_BINARY_DIR}/env_plot.svg)
+vx_cli_test(env_missing_file 3 "absent\\.iff: cannot open the file" env eval ${vx_env_seeds}/absent.iff 1)
+vx_cli_test(env_malformed_file 3 "CMakeLists\\.txt: line [0-9]+: " env eval ${CMAKE_CURRENT_SOURCE_DIR}/CMakeLists.txt 1)
+vx_cli_test(env_bad_time 2 "not a time in seconds: 'soon'" env eval ${vx_env_seeds}/text.txt soon)
+vx_cli_test(env_unwritable_plot 1 "no/such/dir\\.svg: cannot write the picture"
+  env plot ${vx_env_seeds}/text.txt -o ${CMAKE_CURRENT_BINARY_DIR}/no/such/dir.svg)
+
+# `vxtool config`: a file built with set, listed and read back by type; a missing value, a
+# missing file, an unwritable file and a bad command line.
+set(vx_config_file ${CMAKE_CURRENT_BINARY_DIR}/config_test.cfg)
+add_test(NAME vxtool.config_set_list_get COMMAND sh -c
+  "rm -f '${vx_config_file}' && \
+   '$<TARGET_FILE:vxtool>' config set '${vx_config_file}' Window 1 2 3 && \
+   '$<TARGET_FILE:vxtool>' config set '${vx_config_file}' Recent --add '/a b/c.lws' && \
+   '$<TARGET_FILE:vxtool>' config set '${vx_config_file}' Recent --add 'x\\y' && \
+   '$<TARGET_FILE:vxtool>' config set '${vx_config_file}' Window 9 8 7 && \
+   '$<TARGET_FILE:vxtool>' config list '${vx_config_file}' && \
+   '$<TARGET_FILE:vxtool>' config get '${vx_config_file}' Recent --index 0 --type s && \
+   '$<TARGET_FILE:vxtool>' config get '${vx_config_file}' Window --type ii && \
+   '$<TARGET_FILE:vxtool>' config get '${vx_config_file}' Nope 2>&1; test $? -eq 1")
+set_tests_properties(vxtool.config_set_list_get PROPERTIES PASS_REGULAR_EXPRESSION
+  "^Window 9 8 7\nRecent \"/a b/c\\.lws\"\nRecent \"x\\\\\\\\y\"\n/a b/c\\.lws\n9\n8\nvxtool config: [^\n]*config_test\\.cfg: no value 'Nope'\n$")
+vx_cli_test(config_missing_file 3 "absent\\.cfg: cannot open the file" config list ${CMAKE_CURRENT_BINARY_DIR}/absent.cfg)
+vx_cli_test(config_unwritable_file 1 "dir\\.cfg: cannot write the file" config set ${CMAKE_CURRENT_BINARY_DIR}/no/such/dir.cfg A 1)
+vx_cli_test(config_bad_command_line 2 "get needs a value NAME" config get only-a-file)
+
+# `vxtool plugins`: the example modules scanned into a fresh database, listed and activated;
+# an unknown server, a missing directory, a missing database and a bad command line.
+set(vx_plugins_db ${CMAKE_CURRENT_BINARY_DIR}/plugins_test_db)
+set(vx_plugins_dir ${CMAKE_BINARY_DIR}/examples/plugins)
+add_test(NAME vxtool.plugins_scan_list_activate COMMAND sh -c
+  "rm -rf '${vx_plugins_db}' && mkdir -p '${vx_plugins_db}' && \
+   '$<TARGET_FILE:vxtool>' plugins scan '${vx_plugins_dir}' --db '${vx_plugins_db}' 2>/dev/null && \
+   '$<TARGET_FILE:vxtool>' plugins list --class MeshEditTool --db '${vx_plugins_db}' && \
+   '$<TARGET_FILE:vxtool>' plugins list --json --db '${vx_plugins_db}' && \
+   '$<TARGET_FILE:vxtool>' plugins activate MeshEditTool Example_Box --version 1 --db '${vx_plugins_db}' && \
+   '$<TARGET_FILE:vxtool>' plugins activate Tool Nope --db '${vx_plugins_db}' 2>&1; test $? -eq 1")
+set_tests_properties(vxtool.plugins_scan_list_activate PROPERTIES PASS_REGULAR_EXPRESSION
+  "7 servers from 4 modules.*MeshEditTool\tExample_Box\tBox\t[^\n]*example_shapes\\.so\n.*\"name\": \"Example_Wrapped\".*activated MeshEditTool:Example_Box: result 0, first local word 1\nvxtool plugins: no server Tool:Nope")
+vx_cli_test(plugins_missing_directory 3 "absent: no such directory" plugins scan ${vx_plugins_dir}/absent)
+vx_cli_test(plugins_missing_database 3 "no plug-in database at [^\n]*absent\\.cfg" plugins list --db ${vx_plugins_dir}/absent.cfg)
+vx_cli_test(plugins_bad_command_line 2 "unknown subcommand 'frobnicate'" plugins frobnicate)
