@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 
 namespace {
@@ -137,6 +138,34 @@ TEST(BiLinearPixel, InterpolatesBetweenPixelCentresAndRepeatsEdges)
     EXPECT_EQ(ImageBiLinearPixel(src, VX_PIXEL_GREY, std::nan(""), 0.25, &grey), 0);
     EXPECT_EQ(ImageBiLinearPixel(src, VX_PIXEL_GREY, 0.5, 0.25, nullptr), 0);
     EXPECT_EQ(ImageBiLinearPixel(nullptr, VX_PIXEL_GREY, 0.5, 0.25, &grey), 0);
+    ImageDestroy(src);
+}
+
+TEST(BiLinearPixel, RgbaFloatSourcesEqualThePlainFormula)
+{
+    VxImage *src = imagetest::RandomImage(VX_PIXEL_RGBA_FLOAT, 7, 5, 9);
+    const auto *p = reinterpret_cast<const float *>(src->priv->pixels);
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<double> coord(-0.1, 1.1);
+    for (int i = 0; i < 500; ++i) {
+        const double u = i < 4 ? (i & 1) : coord(rng), v = i < 4 ? (i >> 1) : coord(rng);
+        const double px = std::clamp(u * 7 - 0.5, 0.0, 6.0), py = std::clamp(v * 5 - 0.5, 0.0, 4.0);
+        const int x0 = static_cast<int>(px), y0 = static_cast<int>(py);
+        const int x1 = std::min(x0 + 1, 6), y1 = std::min(y0 + 1, 4);
+        const auto fx = static_cast<float>(px - x0), fy = static_cast<float>(py - y0);
+        float expected[4], got[4];
+        for (int c = 0; c < 4; ++c) {
+            const float upper = p[4 * (y0 * 7 + x0) + c] * (1.0f - fx) + p[4 * (y0 * 7 + x1) + c] * fx;
+            const float lower = p[4 * (y1 * 7 + x0) + c] * (1.0f - fx) + p[4 * (y1 * 7 + x1) + c] * fx;
+            expected[c] = upper * (1.0f - fy) + lower * fy;
+        }
+        ASSERT_EQ(ImageBiLinearPixel(src, VX_PIXEL_RGBA_FLOAT, u, v, got), 1);
+        ASSERT_EQ(std::memcmp(got, expected, 16), 0) << u << "," << v;
+        uint8_t rgb[3], want[3];
+        ASSERT_EQ(ImageBiLinearPixel(src, VX_PIXEL_RGB, u, v, rgb), 1);
+        ImageConvertPixel(want, VX_PIXEL_RGB, nullptr, expected, VX_PIXEL_RGBA_FLOAT, nullptr);
+        ASSERT_EQ(std::memcmp(rgb, want, 3), 0) << "converted at the end";
+    }
     ImageDestroy(src);
 }
 
