@@ -31,4 +31,8 @@ cc -std=c11 -Wall -Wextra -Werror "$consumer/consumer.c" -static-libgcc \
 # Only the documented interface is exported.
 internal=$(nm -D --defined-only "$libdir/libvxtools3.so.3" | awk '{print $3}' | grep -E '^_Z' | head -n 5 || true)
 [ -z "$internal" ] || { echo "C++ symbols leak from the shared library: $internal"; exit 1; }
+# The installed vxtool runs its demo, example modules included.
+"$work/prefix/bin/vxtool" demo --out "$work/demo" > "$work/demo.log" 2>&1 ||
+  { tail -n 20 "$work/demo.log"; echo "the installed vxtool demo failed"; exit 1; }
+echo "installed vxtool demo passed"
 echo "install test passed"

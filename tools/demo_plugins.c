@@ -8,11 +8,24 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 static int Check(FILE *out, int ok, const char *what)
 {
     fprintf(out, "  %s %s\n", ok ? "ok:" : "FAILED:", what);
     return ok;
+}
+
+/* The example modules: ../examples/plugins from vxtool in the build tree, else where the
+ * installation puts them. */
+static void FindExamples(char *dir, size_t size)
+{
+    const char *home = FileSystemPath(0);
+    char probe[4300];
+    snprintf(dir, size, "%s/../examples/plugins", home ? home : ".");
+    snprintf(probe, sizeof probe, "%s/example_shapes.so", dir);
+    if (access(probe, R_OK) != 0)
+        snprintf(dir, size, "%s/%s", home ? home : ".", VX_INSTALLED_PLUGINS);
 }
 
 static int ScanExamples(FILE *out, const char *dir)
@@ -79,8 +92,7 @@ static int ActivateExamples(FILE *out)
 int vx_demo_plugins(FILE *out, const char *dir)
 {
     char modules[4200];
-    const char *home = FileSystemPath(0);
-    snprintf(modules, sizeof modules, "%s/../examples/plugins", home ? home : ".");
+    FindExamples(modules, sizeof modules);
     const char *file = ConfigGenerateName(dir, "vxext3", "Vexmark Extensions 3");
     char database[4200];
     snprintf(database, sizeof database, "%s", file ? file : "");
