@@ -17,7 +17,7 @@ namespace {
 
 constexpr const char *kHelp =
     "usage: vxtool env eval FILE T... [--json]\n"
-    "       vxtool env plot FILE -o OUT.svg\n"
+    "       vxtool env plot FILE -o OUT.svg   (or --out OUT.svg)\n"
     "\n"
     "FILE holds envelopes as saved by EnvSave: an IFF FORM of ENVL chunks, or the text form\n"
     "(Envelope blocks).\n"
@@ -153,7 +153,7 @@ int Plot(int argc, char **argv)
 {
     std::string in, out;
     for (int i = 1; i < argc; ++i) {
-        if (!std::strcmp(argv[i], "-o") && i + 1 < argc)
+        if ((!std::strcmp(argv[i], "-o") || !std::strcmp(argv[i], "--out")) && i + 1 < argc)
             out = argv[++i];
         else if (argv[i][0] == '-' && argv[i][1])
             return UsageError(std::string("unknown option '") + argv[i] + "'");

@@ -91,7 +91,7 @@ vx_cli_test(env_eval_json 0
   "^{\"file\": \"[^\"]*text\\.txt\", \"envelopes\": \\[\n  {\"name\": \"Rotation\\.H\", \"values\": \\[\\[0\\.25, -2\\], \\[1e\\+09, [-0-9.e+]+\\]\\]},\n  {\"name\": \"\\(envelope\\)\", \"values\": \\[\\[0\\.25, 2\\], \\[1e\\+09, 2\\]\\]}\n\\]}\n$"
   env eval --json ${vx_env_seeds}/text.txt 0.25 1e9)
 vx_cli_test(env_plot 0 "wrote [^\n]*env_plot\\.svg \\(2 envelopes\\)"
-  env plot ${vx_env_seeds}/text.txt -o ${CMAKE_CURRENT_BINARY_DIR}/env_plot.svg)
+  env plot ${vx_env_seeds}/text.txt --out ${CMAKE_CURRENT_BINARY_DIR}/env_plot.svg)
 vx_cli_test(env_missing_file 3 "absent\\.iff: cannot open the file" env eval ${vx_env_seeds}/absent.iff 1)
 vx_cli_test(env_malformed_file 3 "CMakeLists\\.txt: line [0-9]+: " env eval ${CMAKE_CURRENT_SOURCE_DIR}/CMakeLists.txt 1)
 vx_cli_test(env_bad_time 2 "not a time in seconds: 'soon'" env eval ${vx_env_seeds}/text.txt soon)
