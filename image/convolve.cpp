@@ -117,18 +117,47 @@ VX_IMAGE_CLONES void ConvolveRowFixed(int32_t size, float *out, const float *con
 
 constexpr int32_t kMaxFixedSize = 7;
 
+// Result pixels [x0, x1) of a row of a square fixed-size matrix, from the RGBA float source
+// rows `source` (one per matrix row): the columns the pixels reach, edges repeated, are
+// copied into a small padded window first. At most kMaxFixedSize / 2 pixels.
+void ConvolveEdge(int32_t size, float *out, const float *const *source, int32_t width, int32_t x0, int32_t x1,
+                  const float *matrix, const float *offset)
+{
+    float window[kMaxFixedSize][8 * kMaxFixedSize];
+    const float *lines[kMaxFixedSize];
+    const int32_t reach = x1 - x0 + size - 1;
+    for (int32_t r = 0; r < size; ++r) {
+        for (int32_t j = 0; j < reach; ++j)
+            std::memcpy(window[r] + 4 * j, source[r] + 4 * std::clamp(x0 - (size >> 1) + j, 0, width - 1), 16);
+        lines[r] = window[r];
+    }
+    ConvolveRowFixed(size, out + 4 * x0, lines, matrix, offset, 4 * static_cast<size_t>(x1 - x0));
+}
+
 // Result row y: the matrix rows in order, each of its columns in order, summed in float.
 // RGBA float results are written in place, other types through the set-line operation.
+// Square 3x3, 5x5 and 7x7 matrices over RGBA float sources read the source rows in place,
+// the few pixels at each end of a row through a padded window.
 void ConvolveRows(VxImage *result, const float *matrix, int32_t columns, int32_t rows, const float *offset,
                   RowRing &ring, float *acc)
 {
-    const int32_t h = ring.source->height;
-    const size_t rowFloats = 4 * static_cast<size_t>(ring.source->width);
+    VxImage *source = ring.source;
+    const int32_t h = source->height, w = source->width;
+    const size_t rowFloats = 4 * static_cast<size_t>(w);
     const bool inPlace = result->type == VX_PIXEL_RGBA_FLOAT;
     const bool fixed = columns == rows && (columns == 3 || columns == 5 || columns == 7);
+    const int32_t left = columns >> 1, right = columns - 1 - left;
+    const bool direct = fixed && source->type == VX_PIXEL_RGBA_FLOAT && w > left + right;
     for (int32_t y = 0; y < h; ++y) {
         float *out = inPlace ? reinterpret_cast<float *>(Row(result, y)) : acc;
-        if (fixed) {
+        if (direct) {
+            const float *lines[kMaxFixedSize];
+            for (int32_t r = 0; r < rows; ++r)
+                lines[r] = reinterpret_cast<const float *>(Row(source, std::clamp(y - (rows >> 1) + r, 0, h - 1)));
+            ConvolveRowFixed(columns, out + 4 * left, lines, matrix, offset, 4 * static_cast<size_t>(w - left - right));
+            ConvolveEdge(columns, out, lines, w, 0, left, matrix, offset);
+            ConvolveEdge(columns, out, lines, w, w - right, w, matrix, offset);
+        } else if (fixed) {
             const float *lines[kMaxFixedSize];
             for (int32_t r = 0; r < rows; ++r)
                 lines[r] = ring.Get(std::clamp(y - (rows >> 1) + r, 0, h - 1));

@@ -16,7 +16,7 @@
 // The AVX2 copy performs the same float operations in the same order on wider vectors (the
 // target does not enable FMA, and contraction is off anyway), so results are identical.
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
-#define VX_IMAGE_CLONES __attribute__((target_clones("avx2", "default")))
+#define VX_IMAGE_CLONES __attribute__((target_clones("avx512f", "avx2", "default")))
 #else
 #define VX_IMAGE_CLONES
 #endif
