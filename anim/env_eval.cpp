@@ -6,6 +6,7 @@
 #include <vxtools3/memory.h>
 
 #include <algorithm>
+#include <cstring>
 
 namespace vx::env {
 namespace {
@@ -23,6 +24,13 @@ struct PowerCubic {
     {
     }
     double At(double s) const { return c0 + a * s + b * (s * s) + d * (s * s * s); }
+    // A cubic from its power-form coefficients, kept from an earlier construction.
+    static PowerCubic Of(double c0, double a, double b, double d)
+    {
+        PowerCubic p(0.0, 0.0, 0.0, 0.0);
+        p.c0 = c0, p.a = a, p.b = b, p.d = d;
+        return p;
+    }
 };
 
 // The x curve of the 2-D Bezier segment from S to E: time against the curve parameter.
@@ -88,36 +96,33 @@ bool IncreasingAtProbes(const PowerCubic &x)
     return lowest - slopeError > 4.0 * error * 131072.0;
 }
 
-// Where the bisection of an increasing x(s) ends, found without walking it: Newton steps give
-// the parameter of x(s) = t, from which the end point follows (the coarsest probe within
-// 0.0001 seconds of t, or the point between the two probes that bracket t). Increasing values
-// make the bisection's choices at all earlier probes follow from those at the two probes that
-// bracket the end point, so checking those (and the end point itself) confirms the guess:
-// the result is the bisection's to the bit. False, with `mid` untouched, when not confirmed.
-bool Bezier2Guess(const PowerCubic &x, double invRange, double t, double &mid)
+// Where the bisection of an increasing x(s) ends, found without walking it: from s, close to
+// the parameter of x(s) = t, and r, close to ds/dx there, follows the end point (the coarsest
+// probe within 0.0001 seconds of t, or the point between the two probes that bracket t).
+// Increasing values make the bisection's choices at all earlier probes follow from those at
+// the two probes that bracket the end point, so checking those (and the end point itself)
+// confirms the guess: the result is the bisection's to the bit. False, with `mid` untouched,
+// when not confirmed.
+[[gnu::always_inline]] inline bool Bezier2Confirm(const PowerCubic &x, double t, double s, double r, double &mid)
 {
-    double s = (t - x.c0) * invRange;
-    const double r = 1.0 / (x.a + 2.0 * x.b * s + 3.0 * x.d * (s * s));
-    s -= (x.At(s) - t) * r;
-    s -= (x.At(s) - t) * r;
     const double reach = 0.0001 * r;
-    const double lo = (s - reach) * 131072.0, hi = (s + reach) * 131072.0, at = s * 131072.0;
-    if (!(lo > -1.0 && hi < 131073.0 && at >= 0.0 && at < 131072.0 && reach > 0.0))
+    // The probes (in units of 2^-17) within reach of s lie in [floor(lo) + 1, floor(hi)]; lo
+    // and hi are taken one higher, so that truncation stands in for the floor. A rounding
+    // that moves the candidate only costs a failed check below.
+    const double lo = (s - reach) * 131072.0 + 1.0, hi = (s + reach) * 131072.0 + 1.0;
+    if (!(lo > 0.0 && hi > lo && hi < 131074.0))
         return false;
-    auto floorOf = [](double v) {  // v > -1
-        const auto i = static_cast<int64_t>(v);
-        return static_cast<double>(i) > v ? i - 1 : i;
-    };
-    const int64_t jLo = std::max<int64_t>(floorOf(lo) + 1, 1);  // the first probe above lo
-    const int64_t jHi = std::min<int64_t>(floorOf(hi), 131071);
-    int64_t k;  // the end point, in units of 2^-18
+    const int64_t jLo = std::max<int64_t>(static_cast<int64_t>(lo), 1);
+    const int64_t jHi = std::min<int64_t>(static_cast<int64_t>(hi) - 1, 131071);
+    int64_t k;  // the end point, in units of 2^-18, in [1, 2^18 - 1]
     if (jLo <= jHi) {
         // The probe in [jLo, jHi] with the most trailing zero bits is the first one reached.
         const uint64_t differ = static_cast<uint64_t>((jLo - 1) ^ jHi);
         const int top = 63 - __builtin_clzll(differ);
         k = 2 * (jHi & ~((int64_t{1} << top) - 1));
     } else {
-        k = 2 * floorOf(at) + 1;
+        // No probe within reach: the point between the two that bracket s.
+        k = 2 * std::clamp<int64_t>(static_cast<int64_t>(s * 131072.0 + 1.0), 1, 131072) - 1;
     }
     const int z = __builtin_ctzll(static_cast<uint64_t>(k));
     const int64_t below = k - (int64_t{1} << z), above = k + (int64_t{1} << z);
@@ -130,6 +135,17 @@ bool Bezier2Guess(const PowerCubic &x, double invRange, double t, double &mid)
         return false;
     mid = static_cast<double>(k) * kUnit;
     return true;
+}
+
+// The same from a start at the straight line through the curve's ends, refined by two Newton
+// steps.
+[[gnu::noinline]] bool Bezier2Guess(const PowerCubic &x, double invRange, double t, double &mid)
+{
+    double s = (t - x.c0) * invRange;
+    const double r = 1.0 / (x.a + 2.0 * x.b * s + 3.0 * x.d * (s * s));
+    s -= (x.At(s) - t) * r;
+    s -= (x.At(s) - t) * r;
+    return Bezier2Confirm(x, t, s, r, mid);
 }
 
 // The 2-D Bezier segment from S to E at time t: bisection for x(s) = t, then y(s).
@@ -208,17 +224,17 @@ double WalkSegmentValue(VxEnvelope *env, double t, int32_t n, bool probeBefore)
 
 // ---- Evaluation tables ------------------------------------------------------------------
 //
-// The keys in an array (ticks apart, for a binary search) and, per segment, what depends on
-// its keys only, filled in when the segment is first evaluated after an edit. Each value is
-// computed by the same expression as on the list walk, so both give the same bits; filling
-// a segment calls the tangent rules once, as the walk does on every evaluation, and so
+// The keys in an array (their ticks apart, for the segment search) and, per segment, what
+// depends on its keys only, filled in when the segment is first evaluated after an edit. Each
+// value is computed by the same expression as on the list walk, so both give the same bits;
+// filling a segment calls the tangent rules once, as the walk does on every evaluation, and so
 // leaves the same tangents cached in the keys.
 
 namespace {
 
 enum SegmentKind : int32_t {
     kUnfilled = 0,
-    kHold,       // stepped, or linear over one tick: the start value
+    kHold,       // stepped, or linear over one tick: c = start value
     kLinear,     // c = start value, end - start
     kBezier,     // c = start value, first and second control value, end value
     kHermite,    // c = start value, end value, out tangent, in tangent
@@ -229,6 +245,8 @@ enum SegmentKind : int32_t {
 struct Segment {
     int32_t kind;
     bool increasing;  // 2-D Bezier: x(s) as computed never decreases from one probe to the next
+    int32_t inverse;  // 2-D Bezier: its cells in VxEnvTables::inverse, or -1 when it has none
+    double keyEnd;    // the start key's tick + 1: t * 3600 + 0.5 below it rounds to that key
     double base;      // -(start time), so that u = (t + base) / span
     double span;      // the segment's length in seconds
     double c[4];
@@ -236,18 +254,53 @@ struct Segment {
     double invRange;  // 2-D Bezier: 1 / (x(1) - x(0)), for a first guess of the parameter
 };
 
+// The inverse of an increasing 2-D Bezier time curve, s against the time, in kCells cells of
+// equal length: in each a cubic in v, the time since the segment's start, that matches s and
+// ds/dx at both ends of the cell. It only gives a first guess of the parameter; the
+// bisection's end point is then confirmed at the probes that decide it.
+constexpr int kCells = 8;
+struct InverseCells {
+    double start;  // x(0), the segment's start time
+    double scale;  // cells per second
+    double q[kCells][4];
+};
+
+// Envelopes of up to this many keys find their segment by counting the edges at or below
+// t * 3600 + 0.5, four at a time; longer ones halve.
+constexpr int32_t kCountedKeys = 16;
+
+// The segment search looks first at the segment evaluated last (and its successor) while
+// `misses` is below kMissesToSearch: playback, where those branches are predicted. Each miss
+// counts two. From the limit on the search runs alone, without branches on the keys, for
+// kSearchRun evaluations, which count on; then the last segment is tried again. The search
+// alone stores nothing that depends on its result: such a store would hold back the next
+// evaluation.
+constexpr int32_t kMissesToSearch = 4;
+constexpr int32_t kSearchRun = 256;
+
+int32_t RoundUpToFour(int32_t n) { return (n + 3) & ~3; }
+
 }  // namespace
 
 struct VxEnvTables {
     size_t bytes;
     uint64_t edits;
     uint64_t paramEdits;
-    int32_t count;     // keys
-    int32_t capacity;  // keys the block has room for
-    int32_t last;      // the segment evaluated last, where playback looks first
+    // A tick strictly between the first and last key's is one of a time whose t * 3600 + 0.5
+    // lies in [innerLo, innerHi): the first tick + 1 and the last tick.
+    double innerLo;
+    double innerHi;
+    int32_t count;            // keys
+    int32_t capacity;         // keys the block has room for
+    int32_t inverseCapacity;  // inverse cells the block has room for
+    int32_t groups;           // up to kCountedKeys keys: the groups of four edges; else 0
+    int32_t last;             // the segment evaluated last, where playback looks first
+    int32_t misses;           // see kMissesToSearch
     Segment *segments;
+    InverseCells *inverse;
     VxEnvKey **keys;
     int32_t *ticks;
+    double *edges;  // the ticks as doubles, padded with infinity to a multiple of four
 };
 
 namespace vx::env {
@@ -256,10 +309,11 @@ std::atomic<uint64_t> g_paramEdits{0};
 
 namespace {
 
-size_t TablesBytes(int32_t capacity)
+size_t TablesBytes(int32_t capacity, int32_t inverseCapacity)
 {
     const auto n = static_cast<size_t>(capacity);
-    return sizeof(VxEnvTables) + (n - 1) * sizeof(Segment) + n * sizeof(VxEnvKey *) + n * sizeof(int32_t);
+    return sizeof(VxEnvTables) + (n - 1) * sizeof(Segment) + static_cast<size_t>(inverseCapacity) * sizeof(InverseCells) +
+           n * sizeof(VxEnvKey *) + static_cast<size_t>(RoundUpToFour(capacity)) * sizeof(double) + n * sizeof(int32_t);
 }
 
 // A block of `bytes`, or NULL: a failed allocation is not raised, the caller walks the list.
@@ -278,34 +332,53 @@ void *TryAlloc(size_t bytes)
 [[gnu::noinline]] VxEnvTables *BuildTables(VxEnvelope *env)
 {
     int32_t count = 0;
-    for (VxEnvKey *k = FirstKey(env); k; k = NextKey(k))
+    int32_t bezier2 = 0;  // segments that end at a 2-D Bezier key
+    for (VxEnvKey *k = FirstKey(env); k; k = NextKey(k)) {
+        if (count && k->shape == ENV_SHAPE_BEZIER2)
+            ++bezier2;
         ++count;
+    }
     VxEnvTables *tables = env->tables;
-    if (tables && tables->capacity < count) {
+    if (tables && (tables->capacity < count || tables->inverseCapacity < bezier2)) {
         FreeHeap(tables, tables->bytes);
         tables = env->tables = nullptr;
     }
     if (!tables) {
-        const size_t bytes = TablesBytes(count);
+        const size_t bytes = TablesBytes(count, bezier2);
         tables = static_cast<VxEnvTables *>(TryAlloc(bytes));
         if (!tables)
             return nullptr;
         tables->bytes = bytes;
         tables->capacity = count;
+        tables->inverseCapacity = bezier2;
         tables->segments = reinterpret_cast<Segment *>(tables + 1);
-        tables->keys = reinterpret_cast<VxEnvKey **>(tables->segments + (count - 1));
-        tables->ticks = reinterpret_cast<int32_t *>(tables->keys + count);
+        tables->inverse = reinterpret_cast<InverseCells *>(tables->segments + (count - 1));
+        tables->keys = reinterpret_cast<VxEnvKey **>(tables->inverse + bezier2);
+        tables->edges = reinterpret_cast<double *>(tables->keys + count);
+        tables->ticks = reinterpret_cast<int32_t *>(tables->edges + RoundUpToFour(count));
         env->tables = tables;
     }
     tables->count = count;
+    tables->groups = count <= kCountedKeys ? RoundUpToFour(count) / 4 : 0;
     tables->last = 0;
+    tables->misses = 0;
     int32_t i = 0;
     for (VxEnvKey *k = FirstKey(env); k; k = NextKey(k), ++i) {
         tables->keys[i] = k;
         tables->ticks[i] = k->tick;
+        tables->edges[i] = static_cast<double>(k->tick);
     }
-    for (i = 0; i + 1 < count; ++i)
-        tables->segments[i].kind = kUnfilled;
+    for (; i < RoundUpToFour(count); ++i)
+        tables->edges[i] = HUGE_VAL;
+    int32_t inverse = 0;
+    for (i = 0; i + 1 < count; ++i) {
+        Segment &seg = tables->segments[i];
+        seg.kind = kUnfilled;
+        seg.inverse = tables->keys[i + 1]->shape == ENV_SHAPE_BEZIER2 ? inverse++ : -1;
+        seg.keyEnd = tables->edges[i] + 1.0;
+    }
+    tables->innerLo = tables->edges[0] + 1.0;
+    tables->innerHi = tables->edges[count - 1];
     tables->edits = env->edits;
     tables->paramEdits = g_paramEdits.load(std::memory_order_relaxed);
     return tables;
@@ -324,12 +397,79 @@ inline VxEnvTables *Tables(VxEnvelope *env)
     return Current(env, tables) ? tables : BuildTables(env);
 }
 
-[[gnu::noinline]] void FillSegment(Segment &seg, VxEnvKey *s, VxEnvKey *e)
+double Slope(const PowerCubic &x, double s) { return x.a + 2.0 * x.b * s + 3.0 * x.d * (s * s); }
+
+// The parameter where the increasing curve x reaches `target`, to the last bits: Newton steps
+// kept inside the bracket [lo, hi] of the root, halving it when a step would leave it.
+double SolveIncreasing(const PowerCubic &x, double target, double s)
 {
+    double lo = 0.0, hi = 1.0;
+    for (int i = 0; i < 100; ++i) {
+        const double f = x.At(s) - target;
+        if (f == 0.0)
+            break;
+        (f < 0.0 ? lo : hi) = s;
+        double next = s - f / Slope(x, s);
+        if (!(next > lo && next < hi))
+            next = lo + (hi - lo) * 0.5;
+        if (next == s || hi - lo <= 0x1p-52)
+            break;
+        s = next;
+    }
+    return s;
+}
+
+// The inverse cells of an increasing time curve; false when they guess the parameter worse
+// than to 1e-9 at a cell's middle (near a flat end of the curve), where the Newton guess from
+// the curve's ends does better.
+bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
+{
+    const double x0 = x.c0;
+    const double width = (x.At(1.0) - x0) / kCells;
+    if (!(width > 0.0))
+        return false;
+    cells.start = x0;
+    cells.scale = 1.0 / width;
+    double s[kCells + 1];
+    double m[kCells + 1];
+    for (int i = 0; i <= kCells; ++i) {
+        const double target = x0 + width * i;
+        s[i] = i == 0 ? 0.0 : i == kCells ? 1.0 : SolveIncreasing(x, target, (target - x0) * invRange);
+        m[i] = 1.0 / Slope(x, s[i]);
+    }
+    for (int i = 0; i < kCells; ++i) {
+        // The cubic in w = v - c, c the cell's start, then in v.
+        const double secant = (s[i + 1] - s[i]) / width;
+        const double a0 = s[i], a1 = m[i];
+        const double a2 = (3.0 * secant - 2.0 * m[i] - m[i + 1]) / width;
+        const double a3 = (m[i] + m[i + 1] - 2.0 * secant) / (width * width);
+        const double c = width * i;
+        double *q = cells.q[i];
+        q[0] = a0 - c * (a1 - c * (a2 - c * a3));
+        q[1] = a1 - c * (2.0 * a2 - 3.0 * a3 * c);
+        q[2] = a2 - 3.0 * a3 * c;
+        q[3] = a3;
+        for (double part : {0.25, 0.5, 0.75}) {
+            const double v = c + width * part;
+            const double guess = q[0] + v * (q[1] + v * (q[2] + v * q[3]));
+            const double exact = SolveIncreasing(x, x0 + v, guess);
+            if (!(std::fabs(guess - exact) < 1e-9))
+                return false;
+        }
+    }
+    return true;
+}
+
+[[gnu::noinline]] void FillSegment(VxEnvTables *tables, int32_t i)
+{
+    Segment &seg = tables->segments[i];
+    VxEnvKey *s = tables->keys[i];
+    VxEnvKey *e = tables->keys[i + 1];
     const int64_t dt = int64_t{e->tick} - s->tick;
     seg.base = static_cast<double>(s->tick) * -kTickSeconds;
     seg.span = static_cast<double>(dt) * kTickSeconds;
     if (e->shape == ENV_SHAPE_STEPPED || (e->shape == ENV_SHAPE_LINEAR && dt <= 1)) {
+        seg.c[0] = s->value;
         seg.kind = kHold;
         return;
     }
@@ -351,6 +491,8 @@ inline VxEnvTables *Tables(VxEnvelope *env)
         seg.c[0] = x.c0, seg.c[1] = x.a, seg.c[2] = x.b, seg.c[3] = x.d;
         seg.invRange = 1.0 / (x.a + x.b + x.d);
         seg.increasing = IncreasingAtProbes(x);
+        if (seg.inverse >= 0 && !(seg.increasing && FillInverse(tables->inverse[seg.inverse], x, seg.invRange)))
+            seg.inverse = -1;
         // A non-2-D-Bezier start key lends its out tangent as stored, which the tangent rules
         // of TCB and Linear keys rewrite: that value curve is built at each evaluation.
         if (s->shape == ENV_SHAPE_BEZIER2) {
@@ -371,45 +513,95 @@ inline VxEnvTables *Tables(VxEnvelope *env)
     }
 }
 
-// The index i of the segment with ticks[i] <= n < ticks[i + 1]; ticks[0] <= n < ticks[count - 1].
-inline int32_t FindSegment(VxEnvTables *tables, int32_t n)
+// The index i of the segment with edges[i] <= x < edges[i + 1], without branches on the edges.
+[[gnu::always_inline]] inline int32_t SearchSegment(const VxEnvTables *tables, double x)
 {
-    const int32_t *ticks = tables->ticks;
-    int32_t i = tables->last;
-    if (ticks[i] <= n) {
-        if (n < ticks[i + 1])
-            return i;
-        if (i + 2 < tables->count && n < ticks[i + 2])
-            return tables->last = i + 1;
+    const double *edges = tables->edges;
+    if (const int32_t groups = tables->groups) {
+        // The edges at or below x, counted four at a time. The padding never counts.
+        typedef int64_t Two __attribute__((vector_size(16)));
+        typedef double TwoEdges __attribute__((vector_size(16)));
+        const TwoEdges limit = {x, x};
+        Two below = {0, 0};
+        for (int32_t g = 0; g < groups; ++g) {
+            TwoEdges first, second;
+            std::memcpy(&first, edges + 4 * g, sizeof first);
+            std::memcpy(&second, edges + 4 * g + 2, sizeof second);
+            below += (first <= limit) + (second <= limit);  // -1 where at or below
+        }
+        return static_cast<int32_t>(-(below[0] + below[1])) - 1;
     }
-    // The last index whose tick is n or below, in [0, count - 2].
+    // The last index whose edge is x or below, in [0, count - 2].
     int32_t lo = 0;
     int32_t len = tables->count - 1;
     while (len > 1) {
         const int32_t half = len / 2;
-        lo = ticks[lo + half] <= n ? lo + half : lo;
+        lo = edges[lo + half] <= x ? lo + half : lo;
         len -= half;
     }
-    return tables->last = lo;
+    return lo;
 }
 
-// The curve at tick n strictly inside the key range.
-inline double TableInnerValue(VxEnvTables *tables, double t, int32_t n)
+// The index i of the segment with edges[i] <= x < edges[i + 1], for x strictly inside the key
+// range (x = t * 3600 + 0.5; an edge at or below x is a tick at or below the tick of t).
+[[gnu::always_inline]] inline int32_t FindSegment(VxEnvTables *tables, double x)
 {
-    VxEnvKey **keys = tables->keys;
-    const int32_t i = FindSegment(tables, n);
-    VxEnvKey *s = keys[i];
-    if (tables->ticks[i] == n)
-        return s->value;
-    Segment &seg = tables->segments[i];
-    if (seg.kind == kUnfilled)
-        FillSegment(seg, s, keys[i + 1]);
-    if (seg.kind == kHold)
-        return s->value;
-    const double u = (t + seg.base) / seg.span;
+    const int32_t misses = tables->misses;
+    if (misses < kMissesToSearch) {
+        const int32_t last = tables->last;
+        const double *edges = tables->edges;
+        if (edges[last] <= x) {
+            if (x < edges[last + 1])
+                return last;
+            // x is below the last key's edge, so last + 1 is a segment.
+            if (x < edges[last + 2])
+                return tables->last = last + 1;
+        }
+        tables->misses = misses + 2;
+        return tables->last = SearchSegment(tables, x);
+    }
+    const int32_t i = SearchSegment(tables, x);
+    if (misses + 1 < kMissesToSearch + kSearchRun) {
+        tables->misses = misses + 1;
+    } else {
+        tables->misses = 0;
+        tables->last = i;
+    }
+    return i;
+}
+
+// The 2-D Bezier segment i at t: the bisection's end point from the inverse cells, else from
+// Newton steps, confirmed at its deciding probes; else the bisection itself.
+[[gnu::noinline]] double Bezier2Value(VxEnvTables *tables, int32_t i, double t)
+{
+    const Segment &seg = tables->segments[i];
+    const PowerCubic x = PowerCubic::Of(seg.c[0], seg.c[1], seg.c[2], seg.c[3]);
+    double mid;
+    bool found = false;
+    if (seg.inverse >= 0) {
+        const InverseCells &cells = tables->inverse[seg.inverse];
+        const double v = t - cells.start;
+        const double at = v * cells.scale;
+        // t is inside the segment, so at is within [0, kCells] but for rounding; the clamp
+        // keeps the end in the last cell.
+        const int32_t cell = std::clamp(static_cast<int32_t>(at), 0, kCells - 1);
+        const double *q = cells.q[cell];
+        const double s = q[0] + v * (q[1] + v * (q[2] + v * q[3]));
+        const double r = q[1] + v * (2.0 * q[2] + 3.0 * q[3] * v);
+        found = Bezier2Confirm(x, t, s, r, mid);
+    }
+    if (!found && !(seg.increasing && Bezier2Guess(x, seg.invRange, t, mid)))
+        mid = Bezier2Solve(x, t);
+    return seg.kind == kBezier2 ? seg.y.At(mid) : Bezier2Y(tables->keys[i], tables->keys[i + 1]).At(mid);
+}
+
+// The filled segment i at t, strictly inside it.
+[[gnu::always_inline]] inline double FilledSegmentValue(VxEnvTables *tables, int32_t i, double t)
+{
+    const Segment &seg = tables->segments[i];
     switch (seg.kind) {
-    case kLinear: return seg.c[0] + seg.c[1] * u;
     case kHermite: {
+        const double u = (t + seg.base) / seg.span;
         const double u2 = u * u;
         const double u3 = u2 * u;
         const double h1 = 2.0 * u3 - 3.0 * u2 + 1.0;
@@ -418,7 +610,10 @@ inline double TableInnerValue(VxEnvTables *tables, double t, int32_t n)
         const double h4 = u3 - u2;
         return seg.c[0] * h1 + seg.c[1] * h2 + seg.c[2] * h3 + seg.c[3] * h4;
     }
+    case kLinear: return seg.c[0] + seg.c[1] * ((t + seg.base) / seg.span);
+    case kHold: return seg.c[0];
     case kBezier: {
+        const double u = (t + seg.base) / seg.span;
         const double u2 = u * u;
         const double u3 = u2 * u;
         const double w0 = 1.0 - 3.0 * u + 3.0 * u2 - u3;
@@ -426,15 +621,27 @@ inline double TableInnerValue(VxEnvTables *tables, double t, int32_t n)
         const double w2 = 3.0 * u2 - 3.0 * u3;
         return seg.c[0] * w0 + seg.c[1] * w1 + seg.c[2] * w2 + seg.c[3] * u3;
     }
-    default: {
-        PowerCubic x(0.0, 0.0, 0.0, 0.0);
-        x.c0 = seg.c[0], x.a = seg.c[1], x.b = seg.c[2], x.d = seg.c[3];
-        double mid;
-        if (!seg.increasing || !Bezier2Guess(x, seg.invRange, t, mid))
-            mid = Bezier2Solve(x, t);
-        return seg.kind == kBezier2 ? seg.y.At(mid) : Bezier2Y(s, keys[i + 1]).At(mid);
+    default: return Bezier2Value(tables, i, t);
     }
-    }
+}
+
+// A segment evaluated for the first time since the last edit.
+[[gnu::noinline]] double UnfilledSegmentValue(VxEnvTables *tables, int32_t i, double t)
+{
+    FillSegment(tables, i);
+    return FilledSegmentValue(tables, i, t);
+}
+
+// The curve at t strictly inside the key range, x = t * 3600 + 0.5.
+[[gnu::always_inline]] inline double TableInnerValue(VxEnvTables *tables, double t, double x)
+{
+    const int32_t i = FindSegment(tables, x);
+    const Segment &seg = tables->segments[i];
+    if (x < seg.keyEnd)
+        return tables->keys[i]->value;
+    if (seg.kind == kUnfilled)
+        return UnfilledSegmentValue(tables, i, t);
+    return FilledSegmentValue(tables, i, t);
 }
 
 double TableSegmentValue(VxEnvTables *tables, double t, int32_t n)
@@ -444,7 +651,7 @@ double TableSegmentValue(VxEnvTables *tables, double t, int32_t n)
         return tables->keys[0]->value;
     if (n >= tables->ticks[lastIndex])
         return tables->keys[lastIndex]->value;
-    return TableInnerValue(tables, t, n);
+    return TableInnerValue(tables, t, t * 3600.0 + 0.5);
 }
 
 // The curve at t inside or at the ends of the key range, without the behaviour offset.
@@ -602,12 +809,15 @@ namespace {
 [[gnu::always_inline]] inline bool InnerValue(VxEnvelope *env, double t, double &value)
 {
     VxEnvTables *tables = env->tables;
-    if (!Current(env, tables))
+    if (!tables || tables->edits != env->edits ||
+        tables->paramEdits != g_paramEdits.load(std::memory_order_relaxed))
         return false;
-    const int32_t n = TickOf(t);
-    if (n <= tables->ticks[0] || n >= tables->ticks[tables->count - 1])
+    // The tick of t is floor(x) (TickOf): strictly between the first and last key's when x is
+    // in [innerLo, innerHi), which leaves out NaN and the clamped ends.
+    const double x = t * 3600.0 + 0.5;
+    if (!(x >= tables->innerLo && x < tables->innerHi))
         return false;
-    value = TableInnerValue(tables, t, n);
+    value = TableInnerValue(tables, t, x);
     return true;
 }
 
