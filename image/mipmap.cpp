@@ -110,8 +110,103 @@ void ReadLevelRow(VxImage *prev, int32_t y, float *out)
         CkptRecover(kLocalFailure);
 }
 
+// v / 255 for a byte v, as the double product rounded to float: for every byte this is the
+// correctly rounded quotient, the value of the byte conversions, and it vectorises without
+// a division.
+[[gnu::always_inline]] inline float ByteUnit(uint8_t v) { return static_cast<float>(static_cast<double>(v) * (1.0 / 255.0)); }
+
+// Vectors of RGBA pixels: sixteen pixels as words, four pixels' 16 channels as integers,
+// doubles and floats.
+using Words16 = uint32_t __attribute__((vector_size(64)));
+using Ints16 = int32_t __attribute__((vector_size(64)));
+using Doubles16 = double __attribute__((vector_size(128)));
+using Floats16 = float __attribute__((vector_size(64)));
+using Bytes16 = uint8_t __attribute__((vector_size(16)));
+
+// ByteUnit of the 16 channels of the four pixels `pick` selects (each pixel index repeated
+// for its four channels) among the sixteen of `pixels`. Vectors pass by reference: their
+// value passing would depend on the target's ABI.
+[[gnu::always_inline]] inline void UnitsOf(Floats16 &units, const Words16 &pixels, const Words16 &pick)
+{
+    const Words16 shifts = {0, 8, 16, 24, 0, 8, 16, 24, 0, 8, 16, 24, 0, 8, 16, 24};
+    const Words16 channels = (__builtin_shuffle(pixels, pick) >> shifts) & 0xFFu;
+    const Doubles16 d = __builtin_convertvector(reinterpret_cast<const Ints16 &>(channels), Doubles16) * (1.0 / 255.0);
+    units = __builtin_convertvector(d, Floats16);
+}
+
+// FloatToByteFlat on every lane.
+[[gnu::always_inline]] inline void StoreBytes(uint8_t *out, const Floats16 &f)
+{
+    const Floats16 zero = {}, one = zero + 1.0f;
+    const Floats16 low = f > zero ? f : zero;
+    const Floats16 clamped = low < one ? low : one;
+    const Bytes16 b = __builtin_convertvector(__builtin_convertvector(clamped * 255.0f, Ints16), Bytes16);
+    std::memcpy(out, &b, 16);
+}
+
+constexpr Words16 kPick[4] = {{0, 0, 0, 0, 2, 2, 2, 2, 4, 4, 4, 4, 6, 6, 6, 6},
+                              {1, 1, 1, 1, 3, 3, 3, 3, 5, 5, 5, 5, 7, 7, 7, 7},
+                              {8, 8, 8, 8, 10, 10, 10, 10, 12, 12, 12, 12, 14, 14, 14, 14},
+                              {9, 9, 9, 9, 11, 11, 11, 11, 13, 13, 13, 13, 15, 15, 15, 15}};
+
+// HalveRow on RGBA byte rows, straight from bytes to bytes: each channel takes the steps of
+// the byte-to-float conversion, HalveRow and FloatToByteFlat, eight result pixels at a time
+// as vectors of channels (the same operations on every lane), the rest one by one.
+VX_IMAGE_CLONES void HalveRgbaBytes(const uint8_t *__restrict upper, const uint8_t *__restrict lower, int32_t prevWidth,
+                                    int32_t width, uint8_t *__restrict out)
+{
+    const size_t pairs = static_cast<size_t>(prevWidth / 2);
+    size_t x = 0;
+    Words16 u, l;
+    Floats16 u0, u1, l0, l1;
+    if (lower) {
+        for (; x + 8 <= pairs; x += 8) {
+            std::memcpy(&u, upper + 8 * x, 64);
+            std::memcpy(&l, lower + 8 * x, 64);
+            for (int half = 0; half < 2; ++half) {
+                UnitsOf(u0, u, kPick[2 * half]);
+                UnitsOf(u1, u, kPick[2 * half + 1]);
+                UnitsOf(l0, l, kPick[2 * half]);
+                UnitsOf(l1, l, kPick[2 * half + 1]);
+                const Floats16 mean = (((u0 + u1) + l0) + l1) * 0.25f;
+                StoreBytes(out + 4 * x + 16 * half, mean);
+            }
+        }
+        for (; x < pairs; ++x)
+            for (size_t c = 0; c < 4; ++c) {
+                const float sum = ((ByteUnit(upper[8 * x + c]) + ByteUnit(upper[8 * x + 4 + c])) + ByteUnit(lower[8 * x + c])) +
+                                  ByteUnit(lower[8 * x + 4 + c]);
+                out[4 * x + c] = FloatToByteFlat(sum * 0.25f);
+            }
+    } else {
+        for (; x + 8 <= pairs; x += 8) {
+            std::memcpy(&u, upper + 8 * x, 64);
+            for (int half = 0; half < 2; ++half) {
+                UnitsOf(u0, u, kPick[2 * half]);
+                UnitsOf(u1, u, kPick[2 * half + 1]);
+                const Floats16 mean = (u0 + u1) * 0.5f;
+                StoreBytes(out + 4 * x + 16 * half, mean);
+            }
+        }
+        for (; x < pairs; ++x)
+            for (size_t c = 0; c < 4; ++c)
+                out[4 * x + c] = FloatToByteFlat((ByteUnit(upper[8 * x + c]) + ByteUnit(upper[8 * x + 4 + c])) * 0.5f);
+    }
+    if (pairs < static_cast<size_t>(width)) {  // the odd last column: one or two pixels
+        const size_t i = 4 * pairs, j = 8 * pairs;
+        for (size_t c = 0; c < 4; ++c)
+            out[i + c] = FloatToByteFlat(lower ? (ByteUnit(upper[j + c]) + ByteUnit(lower[j + c])) * 0.5f : ByteUnit(upper[j + c]));
+    }
+}
+
 void BuildLevel(VxImage *prev, VxImage *level, const uint8_t *inverse, float *upper, float *lower, float *line)
 {
+    if (prev->type == VX_PIXEL_RGBA && level->type == VX_PIXEL_RGBA) {
+        for (int32_t y = 0; y < level->height; ++y)
+            HalveRgbaBytes(Row(prev, 2 * y), 2 * y + 1 < prev->height ? Row(prev, 2 * y + 1) : nullptr, prev->width,
+                           level->width, Row(level, y));
+        return;
+    }
     for (int32_t y = 0; y < level->height; ++y) {
         const bool hasLower = 2 * y + 1 < prev->height;
         ReadLevelRow(prev, 2 * y, upper);
