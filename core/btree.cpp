@@ -122,38 +122,61 @@ int CompareWordInline(uintptr_t key, const void *storedKey)
     return (key > stored) - (key < stored);
 }
 
-// Asks for every cache line of a node at once, so that their misses overlap rather than follow
-// one another down the search.
-void PrefetchNode(const BTNode *node, int32_t nodeBytes)
+// Asks for the cache lines from `from` up to `bytes` further at once, so that their misses
+// overlap rather than follow one another.
+void PrefetchRange(const void *from, size_t bytes)
 {
-    const auto *bytes = reinterpret_cast<const char *>(node);
-    for (int32_t offset = 0; offset < nodeBytes; offset += 64)
-        __builtin_prefetch(bytes + offset);
+    const auto *p = static_cast<const char *>(from);
+    for (size_t offset = 0; offset < bytes; offset += 64)
+        __builtin_prefetch(p + offset);
+    __builtin_prefetch(p + bytes - 1);
 }
 
-// The search of word-keyed trees (tables, maps, key tables). A node holds few keys, so a
-// forward scan (predictable, sequential) beats halving; it stops at the same index the binary
-// search would: the first key not below `key`.
+// The search of word-keyed trees (tables, maps, key tables): the same halving as Find, with the
+// unsigned word comparison inlined instead of called through the tree's pointer. A probe that
+// is not a match only moves lo or hi, so the two cases are selected without a branch (the
+// probes of a random key are not predictable).
+//
+// Each node's header and keys are asked for at once on arrival. Its child slots are asked for
+// only in an inner node (a leaf's are all null and never read past the first): on a large tree
+// the leaves hold nearly all the memory, and fetching their child slots would fill the cache
+// with lines nobody reads.
 void *FindWord(const BTree *tree, uintptr_t key, BTPos *pos)
 {
     const auto stride = static_cast<size_t>(tree->keySize);
-    const int32_t nodeBytes = tree->nodeZone->elemSize;
+    const size_t keyBytes = KeyBytes(tree, tree->maxKeys);
+    const auto childSlots = static_cast<size_t>(tree->maxKeys) + 1;
     BTNode *node = tree->root;
     BTPos where{nullptr, 0};
     void *found = nullptr;
     while (node) {
-        PrefetchNode(node, nodeBytes);
-        const unsigned char *keys = node->keys;
-        const int32_t count = node->count;
-        int32_t index = 0;
-        while (index < count && FirstWord(keys + index * stride) < key)
-            ++index;
-        where = {node, index};
-        if (index < count && FirstWord(keys + index * stride) == key) {
-            found = node->keys + index * stride;
-            break;
+        // The node's own arrays follow its header inside the element.
+        BTNode **children = reinterpret_cast<BTNode **>(node + 1);
+        unsigned char *keys = reinterpret_cast<unsigned char *>(children + childSlots);
+        PrefetchRange(keys, keyBytes);
+        __builtin_prefetch(children);
+        const bool leaf = children[0] == nullptr;
+        if (!leaf)
+            PrefetchRange(children + 1, (childSlots - 1) * sizeof(BTNode *));
+        uint32_t lo = 0, hi = static_cast<uint32_t>(node->count);
+        while (lo < hi) {
+            const uint32_t mid = (lo + hi) / 2;
+            const uintptr_t stored = FirstWord(keys + mid * stride);
+            if (key == stored) [[unlikely]] {
+                lo = mid;
+                found = keys + mid * stride;
+                break;
+            }
+            // All ones when the key lies below the probe: hi = mid, else lo = mid + 1. Masks
+            // rather than ?: because the compiler turns the latter back into a branch.
+            const uint32_t below = 0u - static_cast<uint32_t>(key < stored);
+            hi = (mid & below) | (hi & ~below);
+            lo = (lo & below) | ((mid + 1) & ~below);
         }
-        node = node->children[index];
+        where = {node, static_cast<int32_t>(lo)};
+        if (found || leaf)
+            break;
+        node = children[lo];
     }
     if (pos)
         *pos = where;
