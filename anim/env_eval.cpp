@@ -96,20 +96,20 @@ bool IncreasingAtProbes(const PowerCubic &x)
     return lowest - slopeError > 4.0 * error * 131072.0;
 }
 
-// Where the bisection of an increasing x(s) ends, found without walking it: from s, close to
-// the parameter of x(s) = t, and r, close to ds/dx there, follows the end point (the coarsest
-// probe within 0.0001 seconds of t, or the point between the two probes that bracket t).
-// Increasing values make the bisection's choices at all earlier probes follow from those at
-// the two probes that bracket the end point, so checking those (and the end point itself)
-// confirms the guess: the result is the bisection's to the bit. False, with `mid` untouched,
-// when not confirmed.
-[[gnu::always_inline]] inline bool Bezier2Confirm(const PowerCubic &x, double t, double s, double r, double &mid)
+// Where the bisection of an increasing x(s) ends, found without walking it: from a guess of
+// the parameter of x(s) = t and of ds/dx there follows the end point (the coarsest probe
+// within 0.0001 seconds of t, or the point between the two probes that bracket t). Increasing
+// values make the bisection's choices at all earlier probes follow from those at the two
+// probes that bracket the end point, so checking those (and the end point itself) confirms
+// the guess: the result is the bisection's to the bit. False, with `mid` untouched, when not
+// confirmed. The guess comes in units of the probes' spacing 2^-17: `scaled` is s * 2^17 + 1
+// and `reach` is 0.0001 * ds/dx * 2^17, the parameters within 0.0001 seconds of t.
+[[gnu::always_inline]] inline bool Bezier2Confirm(const PowerCubic &x, double t, double scaled, double reach, double &mid)
 {
-    const double reach = 0.0001 * r;
-    // The probes (in units of 2^-17) within reach of s lie in [floor(lo) + 1, floor(hi)]; lo
-    // and hi are taken one higher, so that truncation stands in for the floor. A rounding
-    // that moves the candidate only costs a failed check below.
-    const double lo = (s - reach) * 131072.0 + 1.0, hi = (s + reach) * 131072.0 + 1.0;
+    // The probes within reach lie in [floor(lo) + 1, floor(hi)] for lo and hi one lower, so
+    // truncation stands in for the floor. A rounding that moves the candidate only costs a
+    // failed check below.
+    const double lo = scaled - reach, hi = scaled + reach;
     if (!(lo > 0.0 && hi > lo && hi < 131074.0))
         return false;
     const int64_t jLo = std::max<int64_t>(static_cast<int64_t>(lo), 1);
@@ -122,7 +122,7 @@ bool IncreasingAtProbes(const PowerCubic &x)
         k = 2 * (jHi & ~((int64_t{1} << top) - 1));
     } else {
         // No probe within reach: the point between the two that bracket s.
-        k = 2 * std::clamp<int64_t>(static_cast<int64_t>(s * 131072.0 + 1.0), 1, 131072) - 1;
+        k = 2 * std::clamp<int64_t>(static_cast<int64_t>(scaled), 1, 131072) - 1;
     }
     const int z = __builtin_ctzll(static_cast<uint64_t>(k));
     const int64_t below = k - (int64_t{1} << z), above = k + (int64_t{1} << z);
@@ -145,7 +145,7 @@ bool IncreasingAtProbes(const PowerCubic &x)
     const double r = 1.0 / (x.a + 2.0 * x.b * s + 3.0 * x.d * (s * s));
     s -= (x.At(s) - t) * r;
     s -= (x.At(s) - t) * r;
-    return Bezier2Confirm(x, t, s, r, mid);
+    return Bezier2Confirm(x, t, s * 131072.0 + 1.0, 0.0001 * r * 131072.0, mid);
 }
 
 // The 2-D Bezier segment from S to E at time t: bisection for x(s) = t, then y(s).
@@ -254,14 +254,16 @@ struct Segment {
     double invRange;  // 2-D Bezier: 1 / (x(1) - x(0)), for a first guess of the parameter
 };
 
-// The inverse of an increasing 2-D Bezier time curve, s against the time, in kCells cells of
-// equal length: in each a cubic in v, the time since the segment's start, that matches s and
-// ds/dx at both ends of the cell. It only gives a first guess of the parameter; the
+// The inverse of an increasing 2-D Bezier time curve, s against the time, in 1, 2, 4 or up to
+// kCells cells of equal length (the fewest that guess well): in each a cubic in v, the time
+// since the segment's start, that matches s and ds/dx at both ends of the cell, scaled as
+// Bezier2Confirm takes it (s * 2^17 + 1). It only gives a first guess of the parameter; the
 // bisection's end point is then confirmed at the probes that decide it.
 constexpr int kCells = 8;
 struct InverseCells {
     double start;  // x(0), the segment's start time
     double scale;  // cells per second
+    int32_t last;  // the last cell's index
     double q[kCells][4];
 };
 
@@ -419,45 +421,64 @@ double SolveIncreasing(const PowerCubic &x, double target, double s)
     return s;
 }
 
-// The inverse cells of an increasing time curve; false when they guess the parameter worse
-// than to 1e-9 at a cell's middle (near a flat end of the curve), where the Newton guess from
-// the curve's ends does better.
-bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
+// The guess of the inverse cells at v, in units of 2^-17 plus one, and its reach (see
+// Bezier2Confirm).
+[[gnu::always_inline]] inline double CellGuess(const double *q, double v, double &reach)
+{
+    const double v2 = v * v;
+    reach = 0.0001 * (q[1] + (2.0 * q[2]) * v + (3.0 * q[3]) * v2);
+    return (q[0] + q[1] * v) + (q[2] + q[3] * v) * v2;
+}
+
+// Inverse cells of an increasing time curve in `count` cells; false when they guess the
+// parameter worse than to 1e-9 somewhere inside a cell (near a flat end of the curve).
+bool FillCells(InverseCells &cells, const PowerCubic &x, double invRange, int count)
 {
     const double x0 = x.c0;
-    const double width = (x.At(1.0) - x0) / kCells;
+    const double width = (x.At(1.0) - x0) / count;
     if (!(width > 0.0))
         return false;
     cells.start = x0;
     cells.scale = 1.0 / width;
+    cells.last = count - 1;
     double s[kCells + 1];
     double m[kCells + 1];
-    for (int i = 0; i <= kCells; ++i) {
+    for (int i = 0; i <= count; ++i) {
         const double target = x0 + width * i;
-        s[i] = i == 0 ? 0.0 : i == kCells ? 1.0 : SolveIncreasing(x, target, (target - x0) * invRange);
+        s[i] = i == 0 ? 0.0 : i == count ? 1.0 : SolveIncreasing(x, target, (target - x0) * invRange);
         m[i] = 1.0 / Slope(x, s[i]);
     }
-    for (int i = 0; i < kCells; ++i) {
-        // The cubic in w = v - c, c the cell's start, then in v.
+    for (int i = 0; i < count; ++i) {
+        // The cubic in w = v - c, c the cell's start, then in v, then scaled.
         const double secant = (s[i + 1] - s[i]) / width;
         const double a0 = s[i], a1 = m[i];
         const double a2 = (3.0 * secant - 2.0 * m[i] - m[i + 1]) / width;
         const double a3 = (m[i] + m[i + 1] - 2.0 * secant) / (width * width);
         const double c = width * i;
         double *q = cells.q[i];
-        q[0] = a0 - c * (a1 - c * (a2 - c * a3));
-        q[1] = a1 - c * (2.0 * a2 - 3.0 * a3 * c);
-        q[2] = a2 - 3.0 * a3 * c;
-        q[3] = a3;
+        q[0] = (a0 - c * (a1 - c * (a2 - c * a3))) * 131072.0 + 1.0;
+        q[1] = (a1 - c * (2.0 * a2 - 3.0 * a3 * c)) * 131072.0;
+        q[2] = (a2 - 3.0 * a3 * c) * 131072.0;
+        q[3] = a3 * 131072.0;
         for (double part : {0.25, 0.5, 0.75}) {
             const double v = c + width * part;
-            const double guess = q[0] + v * (q[1] + v * (q[2] + v * q[3]));
+            double reach;
+            const double guess = (CellGuess(q, v, reach) - 1.0) * 0x1p-17;
             const double exact = SolveIncreasing(x, x0 + v, guess);
             if (!(std::fabs(guess - exact) < 1e-9))
                 return false;
         }
     }
     return true;
+}
+
+// The fewest inverse cells that guess well; false when even kCells do not.
+bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
+{
+    for (int count = 1; count <= kCells; count *= 2)
+        if (FillCells(cells, x, invRange, count))
+            return true;
+    return false;
 }
 
 [[gnu::noinline]] void FillSegment(VxEnvTables *tables, int32_t i)
@@ -581,14 +602,15 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
     if (seg.inverse >= 0) {
         const InverseCells &cells = tables->inverse[seg.inverse];
         const double v = t - cells.start;
-        const double at = v * cells.scale;
-        // t is inside the segment, so at is within [0, kCells] but for rounding; the clamp
-        // keeps the end in the last cell.
-        const int32_t cell = std::clamp(static_cast<int32_t>(at), 0, kCells - 1);
-        const double *q = cells.q[cell];
-        const double s = q[0] + v * (q[1] + v * (q[2] + v * q[3]));
-        const double r = q[1] + v * (2.0 * q[2] + 3.0 * q[3] * v);
-        found = Bezier2Confirm(x, t, s, r, mid);
+        const double *q = cells.q[0];
+        if (cells.last) {
+            // t is inside the segment, so v * scale is within [0, cells] but for rounding;
+            // the clamp keeps the end in the last cell.
+            q = cells.q[std::clamp(static_cast<int32_t>(v * cells.scale), 0, cells.last)];
+        }
+        double reach;
+        const double scaled = CellGuess(q, v, reach);
+        found = Bezier2Confirm(x, t, scaled, reach, mid);
     }
     if (!found && !(seg.increasing && Bezier2Guess(x, seg.invRange, t, mid)))
         mid = Bezier2Solve(x, t);
