@@ -1,6 +1,6 @@
 // B-trees of order m with keys stored by value. Nodes come from a block zone; a split gathers
 // the overfull key and child sequences in buffers from two more zones, and rebalancing after a
-// deletion gathers two siblings and their separator in two heap buffers made with the tree.
+// deletion moves keys and children between two siblings through their separator.
 //
 // An insertion that splits allocates everything it needs (buffers and new nodes, level by
 // level up to the last split) before it changes the tree, inside one checkpoint block that
@@ -263,37 +263,57 @@ int InsertWithSplits(BTree *tree, BTNode *node, int32_t index, const void *key)
 
 void RemoveKey(BTree *tree, BTNode *node, int32_t index);
 
-// Gathers siblings A, B and their separator s (parent key `slot`) into the merge buffers;
-// returns the number of keys gathered.
-int32_t Gather(BTree *tree, BTNode *parent, int32_t slot)
-{
-    BTNode *a = parent->children[slot];
-    BTNode *b = parent->children[slot + 1];
-    unsigned char *keys = tree->mergeKeys;
-    CopyKeys(tree, keys, a->keys, a->count);
-    CopyKeys(tree, keys + KeyBytes(tree, a->count), KeyAt(tree, parent, slot), 1);
-    CopyKeys(tree, keys + KeyBytes(tree, a->count + 1), b->keys, b->count);
-    CopyChildren(tree->mergeChildren, a->children, a->count + 1);
-    CopyChildren(tree->mergeChildren + a->count + 1, b->children, b->count + 1);
-    return a->count + 1 + b->count;
-}
-
+// Evens out siblings A, B (parent key `slot` between them): of the sequence A's keys, s, B's
+// keys (t in all) the key at t / 2 becomes the separator, A keeps or receives those before it
+// and B those after it, the children following their keys. Only the keys and children that
+// cross from one sibling to the other are moved, in place, rather than gathering both siblings
+// in the tree's rebalancing buffers and copying them back; the outcome is the same.
 void Redistribute(BTree *tree, BTNode *parent, int32_t slot)
 {
     BTNode *a = parent->children[slot];
     BTNode *b = parent->children[slot + 1];
-    const int32_t total = Gather(tree, parent, slot);
-    const int32_t half = total / 2;
-    CopyKeys(tree, a->keys, tree->mergeKeys, half);
-    AdoptChildren(a, tree->mergeChildren, half + 1);
-    ClearChildrenFrom(tree, a, half + 1);
-    a->count = half;
-    CopyKeys(tree, KeyAt(tree, parent, slot), tree->mergeKeys + KeyBytes(tree, half), 1);
-    const int32_t rest = total - half - 1;
-    CopyKeys(tree, b->keys, tree->mergeKeys + KeyBytes(tree, half + 1), rest);
-    AdoptChildren(b, tree->mergeChildren + half + 1, rest + 1);
-    ClearChildrenFrom(tree, b, rest + 1);
-    b->count = rest;
+    const int32_t na = a->count;
+    const int32_t nb = b->count;
+    const int32_t half = (na + 1 + nb) / 2;
+    const bool leaves = IsLeaf(a);  // siblings lie at one depth
+    unsigned char *separator = KeyAt(tree, parent, slot);
+    if (na < half) {
+        // k keys cross from B to A: s and B's first k - 1 go to A, B's key k - 1 goes up.
+        const int32_t k = half - na;
+        CopyKeys(tree, KeyAt(tree, a, na), separator, 1);
+        CopyKeys(tree, KeyAt(tree, a, na + 1), b->keys, k - 1);
+        CopyKeys(tree, separator, KeyAt(tree, b, k - 1), 1);
+        CopyKeys(tree, b->keys, KeyAt(tree, b, k), nb - k);
+        if (!leaves) {
+            for (int32_t i = 0; i < k; ++i) {
+                a->children[na + 1 + i] = b->children[i];
+                b->children[i]->parent = a;
+            }
+            CopyChildren(b->children, b->children + k, nb - k + 1);
+            for (int32_t i = nb - k + 1; i <= nb; ++i)
+                b->children[i] = nullptr;
+        }
+        a->count = half;
+        b->count = nb - k;
+    } else if (na > half) {
+        // j keys cross from A to B: A's keys after `half` and s go to B's front, A's key
+        // `half` goes up.
+        const int32_t j = na - half;
+        CopyKeys(tree, KeyAt(tree, b, j), b->keys, nb);
+        CopyKeys(tree, KeyAt(tree, b, j - 1), separator, 1);
+        CopyKeys(tree, b->keys, KeyAt(tree, a, half + 1), j - 1);
+        CopyKeys(tree, separator, KeyAt(tree, a, half), 1);
+        if (!leaves) {
+            CopyChildren(b->children + j, b->children, nb + 1);
+            for (int32_t i = 0; i < j; ++i) {
+                b->children[i] = a->children[half + 1 + i];
+                b->children[i]->parent = b;
+                a->children[half + 1 + i] = nullptr;
+            }
+        }
+        a->count = half;
+        b->count = nb + j;
+    }
 }
 
 void Merge(BTree *tree, BTNode *parent, int32_t slot)
@@ -302,11 +322,11 @@ void Merge(BTree *tree, BTNode *parent, int32_t slot)
     BTNode *b = parent->children[slot + 1];
     CopyKeys(tree, KeyAt(tree, a, a->count), KeyAt(tree, parent, slot), 1);
     CopyKeys(tree, KeyAt(tree, a, a->count + 1), b->keys, b->count);
-    for (int32_t i = 0; i <= b->count; ++i) {
-        a->children[a->count + 1 + i] = b->children[i];
-        if (b->children[i])
+    if (!IsLeaf(b))  // a leaf's child slots are all null: nothing to move
+        for (int32_t i = 0; i <= b->count; ++i) {
+            a->children[a->count + 1 + i] = b->children[i];
             b->children[i]->parent = a;
-    }
+        }
     a->count += 1 + b->count;
     BZFree(tree->nodeZone, b);
     RemoveKey(tree, parent, slot);
@@ -383,6 +403,8 @@ BTree *BuildTree(int32_t m, int32_t keySize, BTCompare *cmp)
     tree->nodeZone = ArmedZone(static_cast<size_t>(NodeBytes(m, keySize)));
     tree->splitKeyZone = ArmedZone(KeyBytes(tree, 2 * m + 1));
     tree->splitChildZone = ArmedZone((2 * static_cast<size_t>(m) + 2) * sizeof(BTNode *));
+    // The rebalancing buffers belong to the record and are made with it; redistribution now
+    // moves keys between the siblings directly and leaves them untouched.
     tree->mergeKeys = static_cast<unsigned char *>(ArmedBlock(MergeKeyBytes(tree)));
     tree->mergeChildren = static_cast<BTNode **>(ArmedBlock(MergeChildBytes(tree)));
     return tree;

@@ -103,6 +103,34 @@ TEST(BTree, ShapesOfSmallTreesOfOrderTwo)
     BTDestroy(tree);
 }
 
+// Inner nodes even out with a sibling too, children crossing with their keys; traced by hand.
+TEST(BTree, InnerNodesRedistributeInBothDirections)
+{
+    const char *const start = "(4 8 (2 (1) (3)) (6 (5) (7)) (10 12 (9) (11) (13 14)))";
+    BTree *tree = BTCreate(1, sizeof(uintptr_t), CompareWord);
+    for (uintptr_t k = 1; k <= 14; ++k)
+        Add(tree, k);
+    ASSERT_EQ(Shape(tree), start);
+    for (uintptr_t k : {1, 2, 3, 4})
+        Delete(tree, k);
+    EXPECT_EQ(Shape(tree), "(8 (6 (5) (7)) (10 12 (9) (11) (13 14)))");
+    Delete(tree, 5);  // (6 7) merges; its emptied parent takes 8 and (9) from the right
+    EXPECT_EQ(Shape(tree), "(10 (8 (6 7) (9)) (12 (11) (13 14)))");
+    EXPECT_EQ(BTValidate(tree, nullptr), 9);
+    BTDestroy(tree);
+
+    tree = BTCreate(1, sizeof(uintptr_t), CompareWord);
+    for (uintptr_t k = 1; k <= 14; ++k)
+        Add(tree, k);
+    for (uintptr_t k : {1, 2, 14, 13, 9})
+        Delete(tree, k);
+    EXPECT_EQ(Shape(tree), "(8 (4 6 (3) (5) (7)) (11 (10) (12)))");
+    Delete(tree, 10);  // (11 12) merges; its emptied parent takes 8 and (7) from the left
+    EXPECT_EQ(Shape(tree), "(6 (4 (3) (5)) (8 (7) (11 12)))");
+    EXPECT_EQ(BTValidate(tree, nullptr), 8);
+    BTDestroy(tree);
+}
+
 TEST(BTree, OrderOneSplitsIntoATwoThreeTree)
 {
     BTree *tree = BTCreate(1, sizeof(uintptr_t), CompareWord);
