@@ -178,66 +178,104 @@ void ConvolveRows(VxImage *result, const float *matrix, int32_t columns, int32_t
 
 // ---- the separable fixed-point blur ----
 
+// Scratch of the horizontal pass: the padded row and four words per padded sample.
+struct RowWork {
+    uint8_t *line;
+    uint32_t *g0, *g1, *g2;  // t0, t1, t2 of every padded sample
+    uint32_t *sums;          // sums from the left
+};
+
 // The horizontal pass over one row of `width` pixels of kBpp interleaved channels. Every
-// channel is a line of its own, filtered by the steps of the single line (below); the
-// channels of a pixel advance together, so that their sums form independent chains. `work`
-// holds the row padded with 3g - 1 copies of its first and last pixel, `left` a word per
-// sample.
+// channel is a line of its own; the row is copied with 3g - 1 copies of its first and last
+// pixel on either side.
 //
 // A line: sliding sums over the packed words from the left, acc = (acc >> 10) + t0[x(s)] +
 // t1[x(s - 3)] + t2[x(s - 6)], starting from 0 at s = 3 (g - 1) of the padded line and kept
 // (lane 0) from the line's first sample on; then the same from the right, starting at two
 // samples past the line's end; each sample is (left + right - bias) >> 2, clamped to 0..255.
+//
+// Each sample's three table words are looked up once and serve both directions; the words
+// of a step (t0 + t1 + t2) are summed on vectors, so that the two serial recurrences do
+// only a shift and an add per sample, and the samples are combined on vectors at the end.
 template <int kBpp, int kGroups>
 [[gnu::always_inline]] inline void FilterRow(const BlurKernel &kernel, const uint8_t *in, uint8_t *__restrict out,
-                                             int32_t width, uint8_t *__restrict work, uint16_t *__restrict left)
+                                             int32_t width, const RowWork &work)
 {
     constexpr int32_t kPad = 3 * kGroups - 1;
     constexpr ptrdiff_t kB = kBpp, kTap = 3 * kB;  // bytes per pixel, and between tap groups
     const size_t rowBytes = static_cast<size_t>(width) * kBpp;
+    uint8_t *__restrict line = work.line;
     for (int32_t i = 0; i < kPad; ++i)
-        std::memcpy(work + kB * i, in, kB);
-    std::memcpy(work + kB * kPad, in, rowBytes);
+        std::memcpy(line + kB * i, in, kB);
+    std::memcpy(line + kB * kPad, in, rowBytes);
     for (int32_t i = 0; i < kPad; ++i)
-        std::memcpy(work + kB * kPad + rowBytes + kB * i, in + rowBytes - kB, kB);
+        std::memcpy(line + kB * kPad + rowBytes + kB * i, in + rowBytes - kB, kB);
+    const ptrdiff_t n = static_cast<ptrdiff_t>(rowBytes) + 2 * kPad * kB;
     const uint32_t *t0 = kernel.table[0], *t1 = kernel.table[1], *t2 = kernel.table[2];
-    const int32_t bias = kernel.bias;
-    uint32_t acc[kBpp] = {};
-    // One step of every channel at padded sample `s`, the further taps `dir` pixels away per group.
-    auto step = [&](const uint8_t *p, ptrdiff_t dir, uint32_t *a) {
-        for (int c = 0; c < kBpp; ++c) {
-            uint32_t v = t0[p[c]];
-            if constexpr (kGroups > 1)
-                v += t1[p[c + dir * kTap]];
-            if constexpr (kGroups > 2)
-                v += t2[p[c + 2 * dir * kTap]];
-            a[c] = v + (acc[c] >> 10);
-            acc[c] = a[c];
+    uint32_t *__restrict g0 = work.g0, *__restrict g1 = work.g1, *__restrict g2 = work.g2;
+    uint32_t *__restrict sums = work.sums;
+#pragma GCC unroll 4
+    for (ptrdiff_t i = 0; i < n; ++i) {
+        uint32_t v0 = t0[line[i]];
+        __asm__("" : "+r"(v0));  // keeps the lookups scalar: assembled into vectors they are slower
+        g0[i] = v0;
+        if constexpr (kGroups > 1) {
+            uint32_t v1 = t1[line[i]];
+            __asm__("" : "+r"(v1));
+            g1[i] = v1;
         }
-    };
-    uint32_t a[kBpp];
-    for (int32_t s = 3 * (kGroups - 1); s < kPad; ++s)
-        step(work + kB * s, -1, a);
-    for (int32_t x = 0; x < width; ++x) {
-        step(work + kB * (kPad + x), -1, a);
-        for (int c = 0; c < kBpp; ++c)
-            left[kB * x + c] = static_cast<uint16_t>(a[c] & 0x3FF);
+        if constexpr (kGroups > 2) {
+            uint32_t v2 = t2[line[i]];
+            __asm__("" : "+r"(v2));
+            g2[i] = v2;
+        }
+    }
+    // From the left: the step words, then the sums in place.
+    const ptrdiff_t first = 3 * (kGroups - 1) * kB, end = (kPad + width) * kB;
+    for (ptrdiff_t i = first; i < end; ++i) {
+        uint32_t v = g0[i];
+        if constexpr (kGroups > 1)
+            v += g1[i - kTap];
+        if constexpr (kGroups > 2)
+            v += g2[i - 2 * kTap];
+        sums[i] = v;
+    }
+    uint32_t acc[kBpp] = {};
+#pragma GCC unroll 4
+    for (ptrdiff_t i = first; i < end; i += kB)
+        for (int c = 0; c < kBpp; ++c) {
+            acc[c] = sums[i + c] + (acc[c] >> 10);
+            sums[i + c] = acc[c];
+        }
+    // From the right: the step words into g0 (each reads its own g0 first), then the sums.
+    const ptrdiff_t last = (kPad + width + 2) * kB, stop = kPad * kB;
+    for (ptrdiff_t i = stop; i < last; ++i) {
+        uint32_t v = g0[i];
+        if constexpr (kGroups > 1)
+            v += g1[i + kTap];
+        if constexpr (kGroups > 2)
+            v += g2[i + 2 * kTap];
+        g0[i] = v;
     }
     for (int c = 0; c < kBpp; ++c)
         acc[c] = 0;
-    step(work + kB * (kPad + width + 1), 1, a);
-    step(work + kB * (kPad + width), 1, a);
-    for (int32_t x = width - 1; x >= 0; --x) {
-        step(work + kB * (kPad + x), 1, a);
+#pragma GCC unroll 4
+    for (ptrdiff_t i = last - kB; i >= stop; i -= kB)
         for (int c = 0; c < kBpp; ++c) {
-            const int32_t sum = (static_cast<int32_t>(left[kB * x + c]) + static_cast<int32_t>(a[c] & 0x3FF) - bias) >> 2;
-            out[kB * x + c] = static_cast<uint8_t>(std::clamp(sum, 0, 255));
+            acc[c] = g0[i + c] + (acc[c] >> 10);
+            g0[i + c] = acc[c];
         }
+    const int32_t bias = kernel.bias;
+    const uint32_t *__restrict left = sums + stop, *__restrict right = g0 + stop;
+    for (size_t i = 0; i < rowBytes; ++i) {
+        const int32_t sum = (static_cast<int32_t>(left[i] & 0x3FF) + static_cast<int32_t>(right[i] & 0x3FF) - bias) >> 2;
+        out[i] = static_cast<uint8_t>(std::clamp(sum, 0, 255));
     }
 }
 
 template <int kBpp>
-void FilterRows(const BlurKernel &kernel, const VxImage *image, uint8_t *across, uint8_t *work, uint16_t *left)
+[[gnu::always_inline]] inline void FilterRows(const BlurKernel &kernel, const VxImage *image, uint8_t *across,
+                                              const RowWork &work)
 {
     const int32_t w = image->width;
     const size_t rowBytes = static_cast<size_t>(w) * kBpp;
@@ -245,63 +283,81 @@ void FilterRows(const BlurKernel &kernel, const VxImage *image, uint8_t *across,
         const uint8_t *in = Row(image, y);
         uint8_t *out = across + rowBytes * static_cast<size_t>(y);
         switch (kernel.groups) {
-        case 1: FilterRow<kBpp, 1>(kernel, in, out, w, work, left); break;
-        case 2: FilterRow<kBpp, 2>(kernel, in, out, w, work, left); break;
-        default: FilterRow<kBpp, 3>(kernel, in, out, w, work, left); break;
+        case 1: FilterRow<kBpp, 1>(kernel, in, out, w, work); break;
+        case 2: FilterRow<kBpp, 2>(kernel, in, out, w, work); break;
+        default: FilterRow<kBpp, 3>(kernel, in, out, w, work); break;
         }
+    }
+}
+
+VX_IMAGE_CLONES void FilterRows(const BlurKernel &kernel, const VxImage *image, uint8_t *across, const RowWork &work)
+{
+    switch (image->bytesPerPixel) {
+    case 1: FilterRows<1>(kernel, image, across, work); break;
+    case 3: FilterRows<3>(kernel, image, across, work); break;
+    default: FilterRows<4>(kernel, image, across, work); break;
+    }
+}
+
+// Columns per vertical strip: the strip's left sums (2 bytes per sample) and its rows stay in
+// the core's cache between the downward and the upward sweep.
+constexpr size_t kStripBytes = 256;
+
+// The table words of one step of every column of a strip: t0[row s] + t1[row s -+ 3] +
+// t2[row s -+ 6]. Scalar lookups; the sums that use them run on vectors.
+template <int kGroups>
+[[gnu::always_inline]] inline void StripWords(const BlurKernel &kernel, const uint8_t *__restrict r0,
+                                              const uint8_t *__restrict r1, const uint8_t *__restrict r2,
+                                              uint32_t *__restrict words, size_t count)
+{
+    const uint32_t *t0 = kernel.table[0], *t1 = kernel.table[1], *t2 = kernel.table[2];
+#pragma GCC unroll 4
+    for (size_t i = 0; i < count; ++i) {
+        uint32_t v = t0[r0[i]];
+        if constexpr (kGroups > 1)
+            v += t1[r1[i]];
+        if constexpr (kGroups > 2)
+            v += t2[r2[i]];
+        __asm__("" : "+r"(v));  // keeps the loop scalar: lookups assembled into vectors are slower
+        words[i] = v;
     }
 }
 
 // The vertical pass over a strip of `count` byte columns: every column is a line filtered
 // down the rows by the steps above, all columns of the strip advancing together row by row.
-// `acc` holds a sum per column, `left` a word per sample of the strip.
+// `acc` holds a sum per column, `words` a table word per column, `left` a word per sample of
+// the strip.
 template <int kGroups>
 [[gnu::always_inline]] inline void FilterStrip(const BlurKernel &kernel, const uint8_t *in, uint8_t *out,
                                                size_t rowBytes, int32_t height, size_t count,
-                                               uint32_t *__restrict acc, uint16_t *__restrict left)
+                                               uint32_t *__restrict acc, uint32_t *__restrict words,
+                                               uint16_t *__restrict left)
 {
     constexpr int32_t kPad = 3 * kGroups - 1;
     auto rowAt = [&](int32_t s) { return in + rowBytes * static_cast<size_t>(std::clamp(s - kPad, 0, height - 1)); };
-    const uint32_t *t0 = kernel.table[0], *t1 = kernel.table[1], *t2 = kernel.table[2];
     const int32_t bias = kernel.bias;
     std::fill(acc, acc + count, 0u);
     for (int32_t s = 3 * (kGroups - 1); s < kPad + height; ++s) {
-        const uint8_t *__restrict r0 = rowAt(s), *__restrict r1 = rowAt(s - 3), *__restrict r2 = rowAt(s - 6);
+        StripWords<kGroups>(kernel, rowAt(s), rowAt(s - 3), rowAt(s - 6), words, count);
         uint16_t *__restrict l = left + count * static_cast<size_t>(std::max(s - kPad, 0));  // warm-up rows overwritten
         for (size_t i = 0; i < count; ++i) {
-            uint32_t v = t0[r0[i]];
-            if constexpr (kGroups > 1)
-                v += t1[r1[i]];
-            if constexpr (kGroups > 2)
-                v += t2[r2[i]];
-            const uint32_t a = v + (acc[i] >> 10);
+            const uint32_t a = words[i] + (acc[i] >> 10);
             acc[i] = a;
             l[i] = static_cast<uint16_t>(a & 0x3FF);
         }
     }
     std::fill(acc, acc + count, 0u);
     for (int32_t s = kPad + height + 1; s >= kPad; --s) {
-        const uint8_t *__restrict r0 = rowAt(s), *__restrict r1 = rowAt(s + 3), *__restrict r2 = rowAt(s + 6);
+        StripWords<kGroups>(kernel, rowAt(s), rowAt(s + 3), rowAt(s + 6), words, count);
         if (s >= kPad + height) {  // the two warm-up rows past the end
-            for (size_t i = 0; i < count; ++i) {
-                uint32_t v = t0[r0[i]];
-                if constexpr (kGroups > 1)
-                    v += t1[r1[i]];
-                if constexpr (kGroups > 2)
-                    v += t2[r2[i]];
-                acc[i] = v + (acc[i] >> 10);
-            }
+            for (size_t i = 0; i < count; ++i)
+                acc[i] = words[i] + (acc[i] >> 10);
             continue;
         }
         const uint16_t *__restrict l = left + count * static_cast<size_t>(s - kPad);
         uint8_t *__restrict o = out + rowBytes * static_cast<size_t>(s - kPad);
         for (size_t i = 0; i < count; ++i) {
-            uint32_t v = t0[r0[i]];
-            if constexpr (kGroups > 1)
-                v += t1[r1[i]];
-            if constexpr (kGroups > 2)
-                v += t2[r2[i]];
-            const uint32_t a = v + (acc[i] >> 10);
+            const uint32_t a = words[i] + (acc[i] >> 10);
             acc[i] = a;
             const int32_t sum = (static_cast<int32_t>(l[i]) + static_cast<int32_t>(a & 0x3FF) - bias) >> 2;
             o[i] = static_cast<uint8_t>(std::clamp(sum, 0, 255));
@@ -312,34 +368,32 @@ template <int kGroups>
 VX_IMAGE_CLONES void FilterStrip(const BlurKernel &kernel, const uint8_t *in, uint8_t *out, size_t rowBytes,
                                  int32_t height, size_t count, uint32_t *acc, uint16_t *left)
 {
+    uint32_t *words = acc + kStripBytes;
     switch (kernel.groups) {
-    case 1: FilterStrip<1>(kernel, in, out, rowBytes, height, count, acc, left); break;
-    case 2: FilterStrip<2>(kernel, in, out, rowBytes, height, count, acc, left); break;
-    default: FilterStrip<3>(kernel, in, out, rowBytes, height, count, acc, left); break;
+    case 1: FilterStrip<1>(kernel, in, out, rowBytes, height, count, acc, words, left); break;
+    case 2: FilterStrip<2>(kernel, in, out, rowBytes, height, count, acc, words, left); break;
+    default: FilterStrip<3>(kernel, in, out, rowBytes, height, count, acc, words, left); break;
     }
 }
 
-// Columns per vertical strip: the strip's left sums (2 bytes per sample) and its rows stay in
-// the core's cache between the downward and the upward sweep.
-constexpr size_t kStripBytes = 256;
-
 // Layout of the separable blur's one work buffer, every piece at an aligned offset.
 struct BlurWork {
-    size_t stripAcc, stripLeft, lineLeft, across, line, total;
+    size_t stripAcc, stripLeft, rowWords, across, line, total;
 };
 
 BlurWork BlurWorkLayout(const VxImage *image, int32_t taps)
 {
     const size_t w = static_cast<size_t>(image->width), h = static_cast<size_t>(image->height);
     const size_t bpp = image->bytesPerPixel, pad = 3 * static_cast<size_t>((taps + 2) / 3) - 1;
+    const size_t padded = (w + 2 * pad) * bpp;  // samples of a padded row
     auto aligned = [](size_t n) { return (n + 63) & ~size_t{63}; };
     BlurWork layout;
     layout.stripAcc = 0;                                                     // strip accumulators
-    layout.stripLeft = layout.stripAcc + aligned(4 * kStripBytes);           // left sums of a strip
-    layout.lineLeft = layout.stripLeft + aligned(2 * kStripBytes * h);       // left sums of a row
-    layout.across = layout.lineLeft + aligned(2 * w * bpp);                  // horizontally filtered image
-    layout.line = layout.across + aligned(h * w * bpp);                      // one padded row
-    layout.total = layout.line + (w + 2 * pad) * bpp;
+    layout.stripLeft = layout.stripAcc + aligned(8 * kStripBytes);           // sums and table words of a strip
+    layout.rowWords = layout.stripLeft + aligned(2 * kStripBytes * h);       // left sums of a strip
+    layout.across = layout.rowWords + 4 * aligned(4 * padded);               // four words per padded row sample
+    layout.line = layout.across + aligned(h * w * bpp);                      // horizontally filtered image
+    layout.total = layout.line + padded;                                     // one padded row
     return layout;
 }
 
@@ -351,17 +405,18 @@ void SeparableBlur(const VxImage *image, VxImage *result, int32_t taps, double s
     const BlurWork layout = BlurWorkLayout(image, taps);
     auto *stripAcc = reinterpret_cast<uint32_t *>(work + layout.stripAcc);
     auto *stripLeft = reinterpret_cast<uint16_t *>(work + layout.stripLeft);
-    auto *lineLeft = reinterpret_cast<uint16_t *>(work + layout.lineLeft);
     uint8_t *across = work + layout.across;
-    uint8_t *line = work + layout.line;
+    const size_t wordsBytes = (layout.across - layout.rowWords) / 4;
+    RowWork rowWork;
+    rowWork.line = work + layout.line;
+    rowWork.g0 = reinterpret_cast<uint32_t *>(work + layout.rowWords);
+    rowWork.g1 = reinterpret_cast<uint32_t *>(work + layout.rowWords + wordsBytes);
+    rowWork.g2 = reinterpret_cast<uint32_t *>(work + layout.rowWords + 2 * wordsBytes);
+    rowWork.sums = reinterpret_cast<uint32_t *>(work + layout.rowWords + 3 * wordsBytes);
 
     BlurKernel kernel;
     BuildBlurKernel(taps, sigmaH, kernel);
-    switch (bpp) {
-    case 1: FilterRows<1>(kernel, image, across, line, lineLeft); break;
-    case 3: FilterRows<3>(kernel, image, across, line, lineLeft); break;
-    default: FilterRows<4>(kernel, image, across, line, lineLeft); break;
-    }
+    FilterRows(kernel, image, across, rowWork);
     BuildBlurKernel(taps, sigmaV, kernel);
     uint8_t *out = result->priv->pixels;
     for (size_t from = 0; from < rowBytes; from += kStripBytes)
