@@ -114,24 +114,27 @@ bool IncreasingAtProbes(const PowerCubic &x)
         return false;
     const int64_t jLo = std::max<int64_t>(static_cast<int64_t>(lo), 1);
     const int64_t jHi = std::min<int64_t>(static_cast<int64_t>(hi) - 1, 131071);
+    constexpr double kUnit = 0x1p-18;
     int64_t k;  // the end point, in units of 2^-18, in [1, 2^18 - 1]
     if (jLo <= jHi) {
-        // The probe in [jLo, jHi] with the most trailing zero bits is the first one reached.
+        // The probe in [jLo, jHi] with the most trailing zero bits is the first one reached;
+        // the bisection stops there when it is within 0.0001 seconds of t.
         const uint64_t differ = static_cast<uint64_t>((jLo - 1) ^ jHi);
         const int top = 63 - __builtin_clzll(differ);
         k = 2 * (jHi & ~((int64_t{1} << top) - 1));
+        if (!(std::fabs(t - x.At(static_cast<double>(k) * kUnit)) < 0.0001))
+            return false;
     } else {
         // No probe within reach: the point between the two that bracket s.
         k = 2 * std::clamp<int64_t>(static_cast<int64_t>(scaled), 1, 131072) - 1;
     }
-    const int z = __builtin_ctzll(static_cast<uint64_t>(k));
-    const int64_t below = k - (int64_t{1} << z), above = k + (int64_t{1} << z);
-    constexpr double kUnit = 0x1p-18;
-    if (below > 0 && !(t - x.At(static_cast<double>(below) * kUnit) >= 0.0001))
+    // The interval [below, above] that the bisection has narrowed to when it reaches k. A
+    // bound at 0 or 1 is no probe; it is checked all the same, and passes when t lies inside
+    // the segment (then t is more than 0.0001 seconds from both ends).
+    const int64_t lowest = k & -k;
+    if (!(t - x.At(static_cast<double>(k - lowest) * kUnit) >= 0.0001))
         return false;
-    if (above < 262144 && !(t - x.At(static_cast<double>(above) * kUnit) <= -0.0001))
-        return false;
-    if (z > 0 && !(std::fabs(t - x.At(static_cast<double>(k) * kUnit)) < 0.0001))
+    if (!(t - x.At(static_cast<double>(k + lowest) * kUnit) <= -0.0001))
         return false;
     mid = static_cast<double>(k) * kUnit;
     return true;
@@ -930,9 +933,8 @@ namespace {
 
 // A filled 2-D Bezier segment i of the current tables, strictly inside it. The common case,
 // confirmed by the inverse cells, ends without a call; the others in a tail call.
-[[gnu::noinline]] double EvaluateBezier2(VxEnvelope *env, VxEnvTables *tables, int32_t i, double t)
+[[gnu::noinline]] double EvaluateBezier2(VxEnvelope *env, VxEnvTables *tables, const Segment &seg, int32_t i, double t)
 {
-    const Segment &seg = tables->segments[i];
     double mid;
     if (seg.kind != kBezier2 || !CellsParameter(tables, seg, t, mid))
         return EvaluateSegment(env, tables, i, t);
@@ -962,7 +964,7 @@ double EnvEvaluate(VxEnvelope *env, double t)
     if (x < seg.keyEnd)
         value = tables->keys[i]->value;
     else if (!CommonSegmentValue(seg, t, value))
-        return seg.kind == kUnfilled ? EvaluateSegment(env, tables, i, t) : EvaluateBezier2(env, tables, i, t);
+        return seg.kind == kUnfilled ? EvaluateSegment(env, tables, i, t) : EvaluateBezier2(env, tables, seg, i, t);
     if (env->filters.head->succ)
         return Finish(env, t, value);
     env->lastValue = value;
