@@ -479,4 +479,41 @@ TEST(EnvOom, EvaluationWithoutMemoryWalksTheKeys)
     }
 }
 
+// The segment search differs with the number of keys (up to four, up to sixteen, more) and
+// with the order of the times (the last segment first in playback, a search alone at random
+// times, and back). At every size from 2 to 40 keys, times in playback order, at random, on
+// the keys and in playback again give from the tables the list walk's values, bit for bit.
+// The keys lie on half ticks (odd multiples of 1/32 s), so that a time on a key is exactly
+// on the edge between two segments before it is rounded.
+TEST(EnvOom, TableSearchMatchesTheWalkAtEverySize)
+{
+    EnvDestroy(EnvCreate(nullptr, 0, 0, nullptr));  // the global port exists from now on
+    std::mt19937 rng(9);
+    auto uni = [&](double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(rng); };
+    const int32_t shapes[] = {ENV_SHAPE_TCB, ENV_SHAPE_HERMITE, ENV_SHAPE_LINEAR, ENV_SHAPE_STEPPED, ENV_SHAPE_BEZIER2};
+    for (int keys = 2; keys <= 40; ++keys) {
+        vxtest::FaultAllocator heap;
+        VxEnvelope *env = EnvCreate(nullptr, 0, 0, nullptr);
+        std::vector<double> onKeys;
+        for (int i = 0, j = 2 * static_cast<int>(rng() % 64) - 63; i < keys; ++i, j += 2 + 2 * static_cast<int>(rng() % 40)) {
+            EnvKeySetType(env, EnvAddKey(env, j / 32.0, uni(-3, 3)), shapes[rng() % 5]);
+            onKeys.push_back(j / 32.0);
+        }
+        const double tF = EnvGet(env, ENV_ATTR_FIRST_TIME), tL = EnvGet(env, ENV_ATTR_LAST_TIME);
+        std::vector<double> times;
+        for (int run = 0; run < 3; ++run)
+            for (int i = 0; i < 600; ++i)
+                times.push_back(run == 1 ? (i % 4 ? uni(tF - 0.1, tL + 0.1) : onKeys[rng() % onKeys.size()])
+                                         : tF - 0.1 + (tL - tF + 0.2) * i / 599);
+        std::vector<uint64_t> want;
+        heap.FailAt(1, vxtest::FailMode::FromThen);
+        for (double x : times)
+            want.push_back(Bits(EnvEvaluate(env, x)));
+        heap.Disarm();
+        for (size_t i = 0; i < times.size(); ++i)
+            ASSERT_EQ(Bits(EnvEvaluate(env, times[i])), want[i]) << keys << " keys, time " << i;
+        EnvDestroy(env);
+    }
+}
+
 }  // namespace
