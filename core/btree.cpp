@@ -534,7 +534,8 @@ VX_API void BTDestroy(BTree *tree)
 {
     if (!tree)
         return;
-    BTClear(tree);
+    // Every node lives in the node zone, which goes as a whole: the nodes are not walked and
+    // given back one by one first.
     FreeHeap(tree->mergeKeys, MergeKeyBytes(tree));
     FreeHeap(tree->mergeChildren, MergeChildBytes(tree));
     BZDestroy(tree->nodeZone);
