@@ -194,15 +194,23 @@ template <int kCells>
 // a / (column total row total); the sums stay in registers.
 constexpr int32_t kMaxAreaRows = 4;
 
-template <int kCells>
-[[gnu::always_inline]] inline void AreaRow(float *__restrict out, const float *const *rows, const double *wy,
-                                           int32_t count, const Span *columns, int32_t width, double rowTotal)
+template <int kCells, bool kScaled, int kRows = 0>
+[[gnu::always_inline]] inline void AreaRow(float *__restrict out, const float *const *rowList, const double *wyList,
+                                           int32_t count, const Span *columns, int32_t width, double rowTotal,
+                                           double scale)
 {
     const Double4 zero = {0.0, 0.0, 0.0, 0.0};
+    const int32_t n = kRows > 0 ? kRows : count;  // a fixed count unrolls the loop over rows
+    const float *rows[kMaxAreaRows];
+    double wy[kMaxAreaRows];
+    for (int32_t r = 0; r < n; ++r) {
+        rows[r] = rowList[r];
+        wy[r] = wyList[r];
+    }
     for (int32_t x = 0; x < width; ++x) {
         const Span &sx = columns[x];
         Double4 a = zero;
-        for (int32_t r = 0; r < count; ++r) {
+        for (int32_t r = 0; r < n; ++r) {
             const float *src = rows[r], *p = src + 4 * sx.lo;
             __builtin_prefetch(p + 256);  // 1 KiB ahead along each source row
             Double4 v;
@@ -223,20 +231,47 @@ template <int kCells>
             }
             a += wy[r] * h;
         }
-        const double total = sx.total * rowTotal;
-        const Float4 f = __builtin_convertvector(a / total, Float4);
+        if constexpr (kScaled) {
+            a *= scale;
+        } else {
+            const double total = sx.total * rowTotal;
+            a /= total;
+        }
+        const Float4 f = __builtin_convertvector(a, Float4);
         std::memcpy(out + 4 * x, &f, 16);
     }
 }
 
+// `scale` is 1 / (column total x row total) when that product is one power of two for every
+// pixel of the row, else 0: dividing by a power of two and multiplying by its inverse give
+// the same double.
 VX_IMAGE_CLONES void AreaRow(int cells, float *out, const float *const *rows, const double *wy, int32_t count,
-                             const Span *columns, int32_t width, double rowTotal)
+                             const Span *columns, int32_t width, double rowTotal, double scale)
 {
-    switch (cells) {
-    case 1: AreaRow<1>(out, rows, wy, count, columns, width, rowTotal); break;
-    case 2: AreaRow<2>(out, rows, wy, count, columns, width, rowTotal); break;
-    default: AreaRow<0>(out, rows, wy, count, columns, width, rowTotal); break;
+    const bool scaled = scale != 0.0;
+    switch (cells * 2 + (scaled ? 1 : 0)) {
+    case 2: AreaRow<1, false>(out, rows, wy, count, columns, width, rowTotal, scale); break;
+    case 3: AreaRow<1, true>(out, rows, wy, count, columns, width, rowTotal, scale); break;
+    case 4: AreaRow<2, false>(out, rows, wy, count, columns, width, rowTotal, scale); break;
+    case 5:
+        if (count == 2)  // halving
+            AreaRow<2, true, 2>(out, rows, wy, count, columns, width, rowTotal, scale);
+        else
+            AreaRow<2, true>(out, rows, wy, count, columns, width, rowTotal, scale);
+        break;
+    default:
+        if (scaled)
+            AreaRow<0, true>(out, rows, wy, count, columns, width, rowTotal, scale);
+        else
+            AreaRow<0, false>(out, rows, wy, count, columns, width, rowTotal, scale);
+        break;
     }
+}
+
+bool PowerOfTwo(double v)
+{
+    int exponent;
+    return v > 0.0 && std::isfinite(v) && std::frexp(v, &exponent) == 0.5;
 }
 
 VX_IMAGE_CLONES void AreaAcross(int cells, double *acc, const float *src, const Span *columns, int32_t width,
@@ -261,6 +296,9 @@ void AreaRows(const Job &job, int32_t mode, double *acc, Span *columns)
     for (int32_t x = 1; x < width && cells > 0; ++x)
         if (columns[x].hi - columns[x].lo != cells)
             cells = 0;
+    bool sameTotal = true;  // every column's total the same double
+    for (int32_t x = 1; x < width && sameTotal; ++x)
+        sameTotal = columns[x].total == columns[0].total;
     const bool inPlace = job.result->type == VX_PIXEL_RGBA_FLOAT;
     for (int32_t y = 0; y < job.result->height; ++y) {
         const Span sy = AreaSpan(mode, y, job.sy, job.source->height);
@@ -273,7 +311,9 @@ void AreaRows(const Job &job, int32_t mode, double *acc, Span *columns)
                 rows[r] = job.pixels + job.stride * (sy.lo + r);
                 wy[r] = sy.Weight(sy.lo + r);
             }
-            AreaRow(cells, line, rows, wy, count, columns, width, sy.total);
+            const double product = columns[0].total * sy.total;
+            AreaRow(cells, line, rows, wy, count, columns, width, sy.total,
+                    sameTotal && PowerOfTwo(product) ? 1.0 / product : 0.0);
         } else {
             std::fill(acc, acc + 4 * static_cast<size_t>(width), 0.0);
             for (int32_t r = sy.lo; r < sy.hi; ++r)

@@ -311,6 +311,29 @@ TEST(ImageResample, AreaModesEqualThePlainCoverageAverage)
         }
 }
 
+TEST(ImageResample, AreaModesOnEvenFactorsEqualThePlainCoverageAverage)
+{
+    // Halving, quartering and one-direction halving: footprints whose weight totals are
+    // powers of two (the quotient taken as a product), with negative zeros among the values.
+    VxImage *src = imagetest::RandomImage(VX_PIXEL_RGBA_FLOAT, 36, 20, 12);
+    auto *p = reinterpret_cast<float *>(src->priv->pixels);
+    for (size_t i = 0; i < 4 * 36 * 20; i += 7)
+        p[i] = -0.0f;
+    for (int k = 0; k < 16; ++k)  // a pixel block of negative zeros only
+        p[4 * (36 * (k / 4) + k % 4) + 2] = -0.0f;
+    for (auto [W, H] : {std::pair{18, 10}, {9, 5}, {18, 20}, {36, 10}, {12, 5}})
+        for (int32_t mode : {2, 3}) {
+            VxImage *r = ImageResample(src, VX_PIXEL_RGBA_FLOAT, W, H, mode);
+            ASSERT_NE(r, nullptr);
+            std::vector<float> got(4 * static_cast<size_t>(W) * H);
+            std::memcpy(got.data(), r->priv->pixels, got.size() * 4);
+            const std::vector<float> want = ReferenceArea(src, mode, W, H);
+            EXPECT_EQ(std::memcmp(got.data(), want.data(), got.size() * 4), 0) << W << "x" << H << " mode " << mode;
+            ImageDestroy(r);
+        }
+    ImageDestroy(src);
+}
+
 TEST(ImageResample, GatherTakesAtMost1024Samples)
 {
     std::vector<float> values(2048, 0.0f);
