@@ -241,8 +241,8 @@ enum SegmentKind : int32_t {
     kLinear,     // c = start value, end - start
     kBezier,     // c = start value, first and second control value, end value
     kHermite,    // c = start value, end value, out tangent, in tangent
-    kBezier2,    // x = time curve, y = value curve
-    kBezier2Y,   // x = time curve; the value curve reads a tangent the tangent rules may rewrite
+    kBezier2,    // c = time curve (c0, a, b, d), y = value curve
+    kBezier2Y,   // c = time curve; the value curve reads a tangent the tangent rules may rewrite
 };
 
 struct Segment {
