@@ -388,12 +388,12 @@ BlurWork BlurWorkLayout(const VxImage *image, int32_t taps)
     const size_t padded = (w + 2 * pad) * bpp;  // samples of a padded row
     auto aligned = [](size_t n) { return (n + 63) & ~size_t{63}; };
     BlurWork layout;
-    layout.stripAcc = 0;                                                     // strip accumulators
-    layout.stripLeft = layout.stripAcc + aligned(8 * kStripBytes);           // sums and table words of a strip
-    layout.rowWords = layout.stripLeft + aligned(2 * kStripBytes * h);       // left sums of a strip
-    layout.across = layout.rowWords + 4 * aligned(4 * padded);               // four words per padded row sample
-    layout.line = layout.across + aligned(h * w * bpp);                      // horizontally filtered image
-    layout.total = layout.line + padded;                                     // one padded row
+    layout.stripAcc = 0;                                            // sums and table words of a strip
+    layout.stripLeft = layout.stripAcc + aligned(8 * kStripBytes);  // left sums of a strip
+    layout.rowWords = layout.stripLeft + aligned(2 * kStripBytes * h);  // four words per padded row sample
+    layout.across = layout.rowWords + 4 * aligned(4 * padded);      // the horizontally filtered image
+    layout.line = layout.across + aligned(h * w * bpp);             // one padded row
+    layout.total = layout.line + padded;
     return layout;
 }
 
