@@ -2,6 +2,7 @@
 // building, and bilinear lookups. Results are reported per pixel (items are pixels). Like
 // ours, which return new images, the peers write into a fresh output every iteration.
 #include <vxtools3/image.h>
+#include <vxtools3/memory.h>
 
 #include "bench/ratio_reporter.h"
 
@@ -200,6 +201,23 @@ void MipmapCv(benchmark::State &state)
 
 #endif
 
+// A benchmark of ours run with the C library heap installed without its trim. FreeHeap asks
+// the heap to return memory to the system once more than 4 MB have been freed, so every
+// iteration's new result is faulted in afresh, while the peers' allocator keeps its pages;
+// these cases ("<case>_notrim") show the operations without that difference. Both tables
+// are printed: the plain cases are the library as it ships.
+template <class... Args>
+void WithoutTrim(benchmark::State &state, void (*run)(benchmark::State &, Args...), Args... args)
+{
+    StdAllocator saved;
+    StdGetAllocator(&saved);
+    StdAllocator table = saved;
+    table.trim = nullptr;  // the same allocate and free functions, so blocks stay interchangeable
+    StdSetAllocator(&table);
+    run(state, args...);
+    StdSetAllocator(&saved);
+}
+
 void Setup()
 {
 #if VX_BENCH_OPENCV
@@ -248,5 +266,25 @@ BENCHMARK(MipmapCv<true>)->Name("mipmap_rgba_4096:cv::pyrDown")->Unit(benchmark:
 #endif
 
 BENCHMARK(BilinearOurs)->Name("bilinear_coherent:ImageBiLinearPixel")->Unit(benchmark::kNanosecond);
+
+// The target cases again, ours without the heap trim (see WithoutTrim).
+#define NOTRIM(name, peer, ...)                                                                          \
+    BENCHMARK_CAPTURE(WithoutTrim, name, __VA_ARGS__)->Name(#name "_notrim:" peer)->Unit(benchmark::kMillisecond);
+NOTRIM(blur_rgb_3840x2160_9taps, "ImageBlur", &BlurOurs)
+NOTRIM(resample_rgbaf_half_mode2, "ImageResample", &ResampleOurs, Resample{2, 0.5})
+NOTRIM(resample_rgbaf_double_mode4, "ImageResample", &ResampleOurs, Resample{4, 2.0})
+NOTRIM(resample_rgbaf_double_mode5, "ImageResample", &ResampleOurs, Resample{5, 2.0})
+NOTRIM(convolve_rgbaf_3x3, "ImageConvolve", &ConvolveOurs, 3)
+NOTRIM(convolve_rgbaf_5x5, "ImageConvolve", &ConvolveOurs, 5)
+NOTRIM(mipmap_rgba_4096, "MipmapCreate", &MipmapOurs)
+#if VX_BENCH_OPENCV
+BENCHMARK(BlurCv)->Name("blur_rgb_3840x2160_9taps_notrim:cv::GaussianBlur")->Unit(benchmark::kMillisecond);
+RESAMPLE_PEER(resample_rgbaf_half_mode2_notrim, 2, 0.5, "cv::resize(INTER_AREA)")
+RESAMPLE_PEER(resample_rgbaf_double_mode4_notrim, 4, 2.0, "cv::resize(INTER_CUBIC)")
+RESAMPLE_PEER(resample_rgbaf_double_mode5_notrim, 5, 2.0, "cv::resize(INTER_CUBIC)")
+BENCHMARK_CAPTURE(ConvolveCv, c3, 3)->Name("convolve_rgbaf_3x3_notrim:cv::filter2D")->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(ConvolveCv, c5, 5)->Name("convolve_rgbaf_5x5_notrim:cv::filter2D")->Unit(benchmark::kMillisecond);
+BENCHMARK(MipmapCv<false>)->Name("mipmap_rgba_4096_notrim:cv::resize(INTER_AREA)")->Unit(benchmark::kMillisecond);
+#endif
 
 }  // namespace

@@ -323,18 +323,23 @@ template <int kGroups>
     }
 }
 
-// The vertical pass over a strip of `count` byte columns: every column is a line filtered
-// down the rows by the steps above, all columns of the strip advancing together row by row.
-// `acc` holds a sum per column, `words` a table word per column, `left` a word per sample of
-// the strip.
+// The vertical pass over a strip of `count` byte columns of `data`, in place: every column
+// is a line filtered down the rows by the steps above, all columns of the strip advancing
+// together row by row. `acc` holds a sum per column, `words` a table word per column, `left`
+// a word per sample of the strip. The upward sweep writes each row as it goes and still
+// reads the six rows below it, so each row is saved in `saved` (a ring of kSavedRows strip
+// rows) before it is overwritten, and rows already written are read from there.
+constexpr int32_t kSavedRows = 8;
+
 template <int kGroups>
-[[gnu::always_inline]] inline void FilterStrip(const BlurKernel &kernel, const uint8_t *in, uint8_t *out,
-                                               size_t rowBytes, int32_t height, size_t count,
-                                               uint32_t *__restrict acc, uint32_t *__restrict words,
-                                               uint16_t *__restrict left)
+[[gnu::always_inline]] inline void FilterStrip(const BlurKernel &kernel, uint8_t *data, size_t rowBytes,
+                                               int32_t height, size_t count, uint32_t *__restrict acc,
+                                               uint32_t *__restrict words, uint16_t *__restrict left,
+                                               uint8_t *__restrict saved)
 {
     constexpr int32_t kPad = 3 * kGroups - 1;
-    auto rowAt = [&](int32_t s) { return in + rowBytes * static_cast<size_t>(std::clamp(s - kPad, 0, height - 1)); };
+    auto rowOf = [&](int32_t s) { return std::clamp(s - kPad, 0, height - 1); };
+    auto rowAt = [&](int32_t s) { return data + rowBytes * static_cast<size_t>(rowOf(s)); };
     const int32_t bias = kernel.bias;
     std::fill(acc, acc + count, 0u);
     for (int32_t s = 3 * (kGroups - 1); s < kPad + height; ++s) {
@@ -347,15 +352,23 @@ template <int kGroups>
         }
     }
     std::fill(acc, acc + count, 0u);
+    int32_t written = height;  // rows from here down hold results; their sources are in `saved`
+    auto source = [&](int32_t s) -> const uint8_t * {
+        const int32_t r = rowOf(s);
+        return r >= written ? saved + kStripBytes * static_cast<size_t>(r % kSavedRows) : rowAt(s);
+    };
     for (int32_t s = kPad + height + 1; s >= kPad; --s) {
-        StripWords<kGroups>(kernel, rowAt(s), rowAt(s + 3), rowAt(s + 6), words, count);
+        StripWords<kGroups>(kernel, source(s), source(s + 3), source(s + 6), words, count);
         if (s >= kPad + height) {  // the two warm-up rows past the end
             for (size_t i = 0; i < count; ++i)
                 acc[i] = words[i] + (acc[i] >> 10);
             continue;
         }
-        const uint16_t *__restrict l = left + count * static_cast<size_t>(s - kPad);
-        uint8_t *__restrict o = out + rowBytes * static_cast<size_t>(s - kPad);
+        const int32_t r = s - kPad;
+        const uint16_t *__restrict l = left + count * static_cast<size_t>(r);
+        uint8_t *__restrict o = data + rowBytes * static_cast<size_t>(r);
+        std::memcpy(saved + kStripBytes * static_cast<size_t>(r % kSavedRows), o, count);
+        written = r;
         for (size_t i = 0; i < count; ++i) {
             const uint32_t a = words[i] + (acc[i] >> 10);
             acc[i] = a;
@@ -365,20 +378,21 @@ template <int kGroups>
     }
 }
 
-VX_IMAGE_CLONES void FilterStrip(const BlurKernel &kernel, const uint8_t *in, uint8_t *out, size_t rowBytes,
-                                 int32_t height, size_t count, uint32_t *acc, uint16_t *left)
+VX_IMAGE_CLONES void FilterStrip(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, int32_t height,
+                                 size_t count, uint32_t *acc, uint16_t *left, uint8_t *saved)
 {
     uint32_t *words = acc + kStripBytes;
     switch (kernel.groups) {
-    case 1: FilterStrip<1>(kernel, in, out, rowBytes, height, count, acc, words, left); break;
-    case 2: FilterStrip<2>(kernel, in, out, rowBytes, height, count, acc, words, left); break;
-    default: FilterStrip<3>(kernel, in, out, rowBytes, height, count, acc, words, left); break;
+    case 1: FilterStrip<1>(kernel, data, rowBytes, height, count, acc, words, left, saved); break;
+    case 2: FilterStrip<2>(kernel, data, rowBytes, height, count, acc, words, left, saved); break;
+    default: FilterStrip<3>(kernel, data, rowBytes, height, count, acc, words, left, saved); break;
     }
 }
 
-// Layout of the separable blur's one work buffer, every piece at an aligned offset.
+// Layout of the separable blur's one work buffer, every piece at an aligned offset. The rows
+// are filtered into the result, and the columns filtered there in place.
 struct BlurWork {
-    size_t stripAcc, stripLeft, rowWords, across, line, total;
+    size_t stripAcc, stripLeft, saved, rowWords, line, total;
 };
 
 BlurWork BlurWorkLayout(const VxImage *image, int32_t taps)
@@ -388,11 +402,11 @@ BlurWork BlurWorkLayout(const VxImage *image, int32_t taps)
     const size_t padded = (w + 2 * pad) * bpp;  // samples of a padded row
     auto aligned = [](size_t n) { return (n + 63) & ~size_t{63}; };
     BlurWork layout;
-    layout.stripAcc = 0;                                            // sums and table words of a strip
-    layout.stripLeft = layout.stripAcc + aligned(8 * kStripBytes);  // left sums of a strip
-    layout.rowWords = layout.stripLeft + aligned(2 * kStripBytes * h);  // four words per padded row sample
-    layout.across = layout.rowWords + 4 * aligned(4 * padded);      // the horizontally filtered image
-    layout.line = layout.across + aligned(h * w * bpp);             // one padded row
+    layout.stripAcc = 0;                                                // sums and table words of a strip
+    layout.stripLeft = layout.stripAcc + aligned(8 * kStripBytes);      // left sums of a strip
+    layout.saved = layout.stripLeft + aligned(2 * kStripBytes * h);     // saved rows of a strip
+    layout.rowWords = layout.saved + kSavedRows * kStripBytes;          // four words per padded row sample
+    layout.line = layout.rowWords + 4 * aligned(4 * padded);            // one padded row
     layout.total = layout.line + padded;
     return layout;
 }
@@ -405,8 +419,8 @@ void SeparableBlur(const VxImage *image, VxImage *result, int32_t taps, double s
     const BlurWork layout = BlurWorkLayout(image, taps);
     auto *stripAcc = reinterpret_cast<uint32_t *>(work + layout.stripAcc);
     auto *stripLeft = reinterpret_cast<uint16_t *>(work + layout.stripLeft);
-    uint8_t *across = work + layout.across;
-    const size_t wordsBytes = (layout.across - layout.rowWords) / 4;
+    uint8_t *saved = work + layout.saved;
+    const size_t wordsBytes = (layout.line - layout.rowWords) / 4;
     RowWork rowWork;
     rowWork.line = work + layout.line;
     rowWork.g0 = reinterpret_cast<uint32_t *>(work + layout.rowWords);
@@ -414,14 +428,13 @@ void SeparableBlur(const VxImage *image, VxImage *result, int32_t taps, double s
     rowWork.g2 = reinterpret_cast<uint32_t *>(work + layout.rowWords + 2 * wordsBytes);
     rowWork.sums = reinterpret_cast<uint32_t *>(work + layout.rowWords + 3 * wordsBytes);
 
+    uint8_t *out = result->priv->pixels;
     BlurKernel kernel;
     BuildBlurKernel(taps, sigmaH, kernel);
-    FilterRows(kernel, image, across, rowWork);
+    FilterRows(kernel, image, out, rowWork);
     BuildBlurKernel(taps, sigmaV, kernel);
-    uint8_t *out = result->priv->pixels;
     for (size_t from = 0; from < rowBytes; from += kStripBytes)
-        FilterStrip(kernel, across + from, out + from, rowBytes, h, std::min(kStripBytes, rowBytes - from), stripAcc,
-                    stripLeft);
+        FilterStrip(kernel, out + from, rowBytes, h, std::min(kStripBytes, rowBytes - from), stripAcc, stripLeft, saved);
     // Grey is always blurred; in RGB and RGBA the channels outside the mask keep the source.
     if (image->type == VX_PIXEL_GREY)
         return;
