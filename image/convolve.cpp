@@ -299,78 +299,91 @@ VX_IMAGE_CLONES void FilterRows(const BlurKernel &kernel, const VxImage *image, 
     }
 }
 
-// Columns per vertical strip: the strip's left sums (2 bytes per sample) and its rows stay in
-// the core's cache between the downward and the upward sweep.
-constexpr size_t kStripBytes = 256;
-
-// The table words of one step of every column of a strip: t0[row s] + t1[row s -+ 3] +
-// t2[row s -+ 6]. Scalar lookups; the sums that use them run on vectors.
-template <int kGroups>
-[[gnu::always_inline]] inline void StripWords(const BlurKernel &kernel, const uint8_t *__restrict r0,
-                                              const uint8_t *__restrict r1, const uint8_t *__restrict r2,
-                                              uint32_t *__restrict words, size_t count)
-{
-    const uint32_t *t0 = kernel.table[0], *t1 = kernel.table[1], *t2 = kernel.table[2];
-#pragma GCC unroll 4
-    for (size_t i = 0; i < count; ++i) {
-        uint32_t v = t0[r0[i]];
-        if constexpr (kGroups > 1)
-            v += t1[r1[i]];
-        if constexpr (kGroups > 2)
-            v += t2[r2[i]];
-        __asm__("" : "+r"(v));  // keeps the loop scalar: lookups assembled into vectors are slower
-        words[i] = v;
-    }
-}
+// Columns per vertical strip: the strip's left sums (2 bytes per sample) and upward step
+// words (4 bytes per sample) stay in the core's cache between the downward and the upward
+// sweep.
+constexpr size_t kStripBytes = 64;
+constexpr int32_t kWordRing = 8;  // rows of table words kept: a step reads rows up to 6 apart
 
 // The vertical pass over a strip of `count` byte columns of `data`, in place: every column
 // is a line filtered down the rows by the steps above, all columns of the strip advancing
-// together row by row. `acc` holds a sum per column, `words` a table word per column, `left`
-// a word per sample of the strip. The upward sweep writes each row as it goes and still
-// reads the six rows below it, so each row is saved in `saved` (a ring of kSavedRows strip
-// rows) before it is overwritten, and rows already written are read from there.
-constexpr int32_t kSavedRows = 8;
-
+// together row by row. Going down, each row of the padded column (s, clamped to the image)
+// is looked up once, its t0, t1 and t2 words kept in `ring` (kWordRing rows of each); the
+// downward step word of row s is t0(s) + t1(s - 3) + t2(s - 6), and the upward one of row u
+// = s - 3 (g - 1), t0(u) + t1(u + 3) + t2(u + 6), is complete at the same time and kept in
+// `up`. Going up then needs no lookups and no source rows, so it writes the rows in place.
+// `acc` holds a sum per column, `left` the downward sums' lane 0 per sample.
 template <int kGroups>
 [[gnu::always_inline]] inline void FilterStrip(const BlurKernel &kernel, uint8_t *data, size_t rowBytes,
                                                int32_t height, size_t count, uint32_t *__restrict acc,
-                                               uint32_t *__restrict words, uint16_t *__restrict left,
-                                               uint8_t *__restrict saved)
+                                               uint32_t *__restrict ring, uint16_t *__restrict left,
+                                               uint32_t *__restrict up)
 {
-    constexpr int32_t kPad = 3 * kGroups - 1;
-    auto rowOf = [&](int32_t s) { return std::clamp(s - kPad, 0, height - 1); };
-    auto rowAt = [&](int32_t s) { return data + rowBytes * static_cast<size_t>(rowOf(s)); };
-    const int32_t bias = kernel.bias;
+    constexpr int32_t kPad = 3 * kGroups - 1, kReach = 3 * (kGroups - 1);
+    const uint32_t *t0 = kernel.table[0], *t1 = kernel.table[1], *t2 = kernel.table[2];
+    auto slot = [&](int which, int32_t s) { return ring + kStripBytes * static_cast<size_t>(which * kWordRing + s % kWordRing); };
+    const int32_t lastDown = kPad + height - 1, lastUp = kPad + height + 1, lastLook = lastUp + kReach;
     std::fill(acc, acc + count, 0u);
-    for (int32_t s = 3 * (kGroups - 1); s < kPad + height; ++s) {
-        StripWords<kGroups>(kernel, rowAt(s), rowAt(s - 3), rowAt(s - 6), words, count);
-        uint16_t *__restrict l = left + count * static_cast<size_t>(std::max(s - kPad, 0));  // warm-up rows overwritten
+    for (int32_t s = 0; s <= lastLook; ++s) {
+        const uint8_t *__restrict row = data + rowBytes * static_cast<size_t>(std::clamp(s - kPad, 0, height - 1));
+        uint32_t *__restrict g0 = slot(0, s), *__restrict g1 = slot(1, s), *__restrict g2 = slot(2, s);
+#pragma GCC unroll 4
         for (size_t i = 0; i < count; ++i) {
-            const uint32_t a = words[i] + (acc[i] >> 10);
-            acc[i] = a;
-            l[i] = static_cast<uint16_t>(a & 0x3FF);
+            uint32_t v0 = t0[row[i]];
+            __asm__("" : "+r"(v0));  // keeps the lookups scalar: assembled into vectors they are slower
+            g0[i] = v0;
+            if constexpr (kGroups > 1) {
+                uint32_t v1 = t1[row[i]];
+                __asm__("" : "+r"(v1));
+                g1[i] = v1;
+            }
+            if constexpr (kGroups > 2) {
+                uint32_t v2 = t2[row[i]];
+                __asm__("" : "+r"(v2));
+                g2[i] = v2;
+            }
+        }
+        if (s >= kReach && s <= lastDown) {  // a downward step
+            const uint32_t *__restrict d1 = slot(1, s - 3 + kWordRing), *__restrict d2 = slot(2, s - 6 + kWordRing);
+            uint16_t *__restrict l = left + count * static_cast<size_t>(std::max(s - kPad, 0));  // warm-up rows overwritten
+            for (size_t i = 0; i < count; ++i) {
+                uint32_t v = g0[i];
+                if constexpr (kGroups > 1)
+                    v += d1[i];
+                if constexpr (kGroups > 2)
+                    v += d2[i];
+                const uint32_t a = v + (acc[i] >> 10);
+                acc[i] = a;
+                l[i] = static_cast<uint16_t>(a & 0x3FF);
+            }
+        }
+        const int32_t u = s - kReach;
+        if (u >= kPad) {  // the upward word of row u is complete
+            const uint32_t *__restrict u0 = slot(0, u), *__restrict u1 = slot(1, u + 3);
+            uint32_t *__restrict w = up + count * static_cast<size_t>(u - kPad);
+            for (size_t i = 0; i < count; ++i) {
+                uint32_t v = u0[i];
+                if constexpr (kGroups > 1)
+                    v += u1[i];
+                if constexpr (kGroups > 2)
+                    v += g2[i];
+                w[i] = v;
+            }
         }
     }
     std::fill(acc, acc + count, 0u);
-    int32_t written = height;  // rows from here down hold results; their sources are in `saved`
-    auto source = [&](int32_t s) -> const uint8_t * {
-        const int32_t r = rowOf(s);
-        return r >= written ? saved + kStripBytes * static_cast<size_t>(r % kSavedRows) : rowAt(s);
-    };
-    for (int32_t s = kPad + height + 1; s >= kPad; --s) {
-        StripWords<kGroups>(kernel, source(s), source(s + 3), source(s + 6), words, count);
+    const int32_t bias = kernel.bias;
+    for (int32_t s = lastUp; s >= kPad; --s) {
+        const uint32_t *__restrict w = up + count * static_cast<size_t>(s - kPad);
         if (s >= kPad + height) {  // the two warm-up rows past the end
             for (size_t i = 0; i < count; ++i)
-                acc[i] = words[i] + (acc[i] >> 10);
+                acc[i] = w[i] + (acc[i] >> 10);
             continue;
         }
-        const int32_t r = s - kPad;
-        const uint16_t *__restrict l = left + count * static_cast<size_t>(r);
-        uint8_t *__restrict o = data + rowBytes * static_cast<size_t>(r);
-        std::memcpy(saved + kStripBytes * static_cast<size_t>(r % kSavedRows), o, count);
-        written = r;
+        const uint16_t *__restrict l = left + count * static_cast<size_t>(s - kPad);
+        uint8_t *__restrict o = data + rowBytes * static_cast<size_t>(s - kPad);
         for (size_t i = 0; i < count; ++i) {
-            const uint32_t a = words[i] + (acc[i] >> 10);
+            const uint32_t a = w[i] + (acc[i] >> 10);
             acc[i] = a;
             const int32_t sum = (static_cast<int32_t>(l[i]) + static_cast<int32_t>(a & 0x3FF) - bias) >> 2;
             o[i] = static_cast<uint8_t>(std::clamp(sum, 0, 255));
@@ -379,20 +392,19 @@ template <int kGroups>
 }
 
 VX_IMAGE_CLONES void FilterStrip(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, int32_t height,
-                                 size_t count, uint32_t *acc, uint16_t *left, uint8_t *saved)
+                                 size_t count, uint32_t *acc, uint32_t *ring, uint16_t *left, uint32_t *up)
 {
-    uint32_t *words = acc + kStripBytes;
     switch (kernel.groups) {
-    case 1: FilterStrip<1>(kernel, data, rowBytes, height, count, acc, words, left, saved); break;
-    case 2: FilterStrip<2>(kernel, data, rowBytes, height, count, acc, words, left, saved); break;
-    default: FilterStrip<3>(kernel, data, rowBytes, height, count, acc, words, left, saved); break;
+    case 1: FilterStrip<1>(kernel, data, rowBytes, height, count, acc, ring, left, up); break;
+    case 2: FilterStrip<2>(kernel, data, rowBytes, height, count, acc, ring, left, up); break;
+    default: FilterStrip<3>(kernel, data, rowBytes, height, count, acc, ring, left, up); break;
     }
 }
 
 // Layout of the separable blur's one work buffer, every piece at an aligned offset. The rows
 // are filtered into the result, and the columns filtered there in place.
 struct BlurWork {
-    size_t stripAcc, stripLeft, saved, rowWords, line, total;
+    size_t stripAcc, stripRing, stripLeft, stripUp, rowWords, line, total;
 };
 
 BlurWork BlurWorkLayout(const VxImage *image, int32_t taps)
@@ -402,11 +414,12 @@ BlurWork BlurWorkLayout(const VxImage *image, int32_t taps)
     const size_t padded = (w + 2 * pad) * bpp;  // samples of a padded row
     auto aligned = [](size_t n) { return (n + 63) & ~size_t{63}; };
     BlurWork layout;
-    layout.stripAcc = 0;                                                // sums and table words of a strip
-    layout.stripLeft = layout.stripAcc + aligned(8 * kStripBytes);      // left sums of a strip
-    layout.saved = layout.stripLeft + aligned(2 * kStripBytes * h);     // saved rows of a strip
-    layout.rowWords = layout.saved + kSavedRows * kStripBytes;          // four words per padded row sample
-    layout.line = layout.rowWords + 4 * aligned(4 * padded);            // one padded row
+    layout.stripAcc = 0;                                                   // sums of a strip
+    layout.stripRing = layout.stripAcc + aligned(4 * kStripBytes);         // table words of a strip's last rows
+    layout.stripLeft = layout.stripRing + 12 * kWordRing * kStripBytes;    // left sums of a strip
+    layout.stripUp = layout.stripLeft + aligned(2 * kStripBytes * h);      // upward step words of a strip
+    layout.rowWords = layout.stripUp + 4 * kStripBytes * (h + 2);          // four words per padded row sample
+    layout.line = layout.rowWords + 4 * aligned(4 * padded);               // one padded row
     layout.total = layout.line + padded;
     return layout;
 }
@@ -418,8 +431,9 @@ void SeparableBlur(const VxImage *image, VxImage *result, int32_t taps, double s
     const size_t bpp = image->bytesPerPixel, rowBytes = static_cast<size_t>(w) * bpp;
     const BlurWork layout = BlurWorkLayout(image, taps);
     auto *stripAcc = reinterpret_cast<uint32_t *>(work + layout.stripAcc);
+    auto *stripRing = reinterpret_cast<uint32_t *>(work + layout.stripRing);
     auto *stripLeft = reinterpret_cast<uint16_t *>(work + layout.stripLeft);
-    uint8_t *saved = work + layout.saved;
+    auto *stripUp = reinterpret_cast<uint32_t *>(work + layout.stripUp);
     const size_t wordsBytes = (layout.line - layout.rowWords) / 4;
     RowWork rowWork;
     rowWork.line = work + layout.line;
@@ -434,7 +448,8 @@ void SeparableBlur(const VxImage *image, VxImage *result, int32_t taps, double s
     FilterRows(kernel, image, out, rowWork);
     BuildBlurKernel(taps, sigmaV, kernel);
     for (size_t from = 0; from < rowBytes; from += kStripBytes)
-        FilterStrip(kernel, out + from, rowBytes, h, std::min(kStripBytes, rowBytes - from), stripAcc, stripLeft, saved);
+        FilterStrip(kernel, out + from, rowBytes, h, std::min(kStripBytes, rowBytes - from), stripAcc, stripRing,
+                    stripLeft, stripUp);
     // Grey is always blurred; in RGB and RGBA the channels outside the mask keep the source.
     if (image->type == VX_PIXEL_GREY)
         return;

@@ -123,13 +123,17 @@ using Doubles16 = double __attribute__((vector_size(128)));
 using Floats16 = float __attribute__((vector_size(64)));
 using Bytes16 = uint8_t __attribute__((vector_size(16)));
 
-// ByteUnit of the 16 channels of the four pixels `pick` selects (each pixel index repeated
-// for its four channels) among the sixteen of `pixels`. Vectors pass by reference: their
-// value passing would depend on the target's ABI.
-[[gnu::always_inline]] inline void UnitsOf(Floats16 &units, const Words16 &pixels, const Words16 &pick)
+// ByteUnit of the 16 channels of the four pixels kFirst, kFirst + 2, kFirst + 4 and
+// kFirst + 6 among the sixteen of `pixels`. Vectors pass by reference: their value passing
+// would depend on the target's ABI.
+template <int kFirst>
+[[gnu::always_inline]] inline void UnitsOf(Floats16 &units, const Words16 &pixels)
 {
     const Words16 shifts = {0, 8, 16, 24, 0, 8, 16, 24, 0, 8, 16, 24, 0, 8, 16, 24};
-    const Words16 channels = (__builtin_shuffle(pixels, pick) >> shifts) & 0xFFu;
+    const Words16 picked = __builtin_shufflevector(pixels, pixels, kFirst, kFirst, kFirst, kFirst, kFirst + 2, kFirst + 2,
+                                                   kFirst + 2, kFirst + 2, kFirst + 4, kFirst + 4, kFirst + 4, kFirst + 4,
+                                                   kFirst + 6, kFirst + 6, kFirst + 6, kFirst + 6);
+    const Words16 channels = (picked >> shifts) & 0xFFu;
     const Doubles16 d = __builtin_convertvector(reinterpret_cast<const Ints16 &>(channels), Doubles16) * (1.0 / 255.0);
     units = __builtin_convertvector(d, Floats16);
 }
@@ -143,11 +147,6 @@ using Bytes16 = uint8_t __attribute__((vector_size(16)));
     const Bytes16 b = __builtin_convertvector(__builtin_convertvector(clamped * 255.0f, Ints16), Bytes16);
     std::memcpy(out, &b, 16);
 }
-
-constexpr Words16 kPick[4] = {{0, 0, 0, 0, 2, 2, 2, 2, 4, 4, 4, 4, 6, 6, 6, 6},
-                              {1, 1, 1, 1, 3, 3, 3, 3, 5, 5, 5, 5, 7, 7, 7, 7},
-                              {8, 8, 8, 8, 10, 10, 10, 10, 12, 12, 12, 12, 14, 14, 14, 14},
-                              {9, 9, 9, 9, 11, 11, 11, 11, 13, 13, 13, 13, 15, 15, 15, 15}};
 
 // HalveRow on RGBA byte rows, straight from bytes to bytes: each channel takes the steps of
 // the byte-to-float conversion, HalveRow and FloatToByteFlat, eight result pixels at a time
@@ -163,14 +162,18 @@ VX_IMAGE_CLONES void HalveRgbaBytes(const uint8_t *__restrict upper, const uint8
         for (; x + 8 <= pairs; x += 8) {
             std::memcpy(&u, upper + 8 * x, 64);
             std::memcpy(&l, lower + 8 * x, 64);
-            for (int half = 0; half < 2; ++half) {
-                UnitsOf(u0, u, kPick[2 * half]);
-                UnitsOf(u1, u, kPick[2 * half + 1]);
-                UnitsOf(l0, l, kPick[2 * half]);
-                UnitsOf(l1, l, kPick[2 * half + 1]);
-                const Floats16 mean = (((u0 + u1) + l0) + l1) * 0.25f;
-                StoreBytes(out + 4 * x + 16 * half, mean);
-            }
+            UnitsOf<0>(u0, u);
+            UnitsOf<1>(u1, u);
+            UnitsOf<0>(l0, l);
+            UnitsOf<1>(l1, l);
+            const Floats16 mean = (((u0 + u1) + l0) + l1) * 0.25f;
+            StoreBytes(out + 4 * x, mean);
+            UnitsOf<8>(u0, u);
+            UnitsOf<9>(u1, u);
+            UnitsOf<8>(l0, l);
+            UnitsOf<9>(l1, l);
+            const Floats16 next = (((u0 + u1) + l0) + l1) * 0.25f;
+            StoreBytes(out + 4 * x + 16, next);
         }
         for (; x < pairs; ++x)
             for (size_t c = 0; c < 4; ++c) {
@@ -181,12 +184,14 @@ VX_IMAGE_CLONES void HalveRgbaBytes(const uint8_t *__restrict upper, const uint8
     } else {
         for (; x + 8 <= pairs; x += 8) {
             std::memcpy(&u, upper + 8 * x, 64);
-            for (int half = 0; half < 2; ++half) {
-                UnitsOf(u0, u, kPick[2 * half]);
-                UnitsOf(u1, u, kPick[2 * half + 1]);
-                const Floats16 mean = (u0 + u1) * 0.5f;
-                StoreBytes(out + 4 * x + 16 * half, mean);
-            }
+            UnitsOf<0>(u0, u);
+            UnitsOf<1>(u1, u);
+            const Floats16 mean = (u0 + u1) * 0.5f;
+            StoreBytes(out + 4 * x, mean);
+            UnitsOf<8>(u0, u);
+            UnitsOf<9>(u1, u);
+            const Floats16 next = (u0 + u1) * 0.5f;
+            StoreBytes(out + 4 * x + 16, next);
         }
         for (; x < pairs; ++x)
             for (size_t c = 0; c < 4; ++c)
