@@ -304,6 +304,7 @@ VX_IMAGE_CLONES void FilterRows(const BlurKernel &kernel, const VxImage *image, 
 // sweep.
 constexpr size_t kStripBytes = 64;
 constexpr int32_t kWordRing = 8;  // rows of table words kept: a step reads rows up to 6 apart
+constexpr int32_t kAhead = 8;     // rows fetched ahead going down
 
 // The vertical pass over a strip of `count` byte columns of `data`, in place: every column
 // is a line filtered down the rows by the steps above, all columns of the strip advancing
@@ -326,6 +327,10 @@ template <int kGroups>
     std::fill(acc, acc + count, 0u);
     for (int32_t s = 0; s <= lastLook; ++s) {
         const uint8_t *__restrict row = data + rowBytes * static_cast<size_t>(std::clamp(s - kPad, 0, height - 1));
+        // Rows lie a whole image row apart: fetch the strip's part of a row some steps ahead.
+        const uint8_t *ahead = data + rowBytes * static_cast<size_t>(std::clamp(s + kAhead - kPad, 0, height - 1));
+        __builtin_prefetch(ahead);
+        __builtin_prefetch(ahead + count - 1);
         uint32_t *__restrict g0 = slot(0, s), *__restrict g1 = slot(1, s), *__restrict g2 = slot(2, s);
 #pragma GCC unroll 4
         for (size_t i = 0; i < count; ++i) {
