@@ -154,6 +154,10 @@ void ConvolveRows(VxImage *result, const float *matrix, int32_t columns, int32_t
             const float *lines[kMaxFixedSize];
             for (int32_t r = 0; r < rows; ++r)
                 lines[r] = reinterpret_cast<const float *>(Row(source, std::clamp(y - (rows >> 1) + r, 0, h - 1)));
+            // The source row the next result row adds is fetched while this one is computed.
+            const auto *next = reinterpret_cast<const char *>(Row(source, std::min(y + 1 + (rows >> 1), h - 1)));
+            for (size_t b = 0; b < 4 * rowFloats; b += 64)
+                __builtin_prefetch(next + b);
             ConvolveRowFixed(columns, out + 4 * left, lines, matrix, offset, 4 * static_cast<size_t>(w - left - right));
             ConvolveEdge(columns, out, lines, w, 0, left, matrix, offset);
             ConvolveEdge(columns, out, lines, w, w - right, w, matrix, offset);
