@@ -127,6 +127,7 @@ int CompareWordInline(uintptr_t key, const void *storedKey)
 void PrefetchRange(const void *from, size_t bytes)
 {
     const auto *p = static_cast<const char *>(from);
+#pragma GCC unroll 4
     for (size_t offset = 0; offset < bytes; offset += 64)
         __builtin_prefetch(p + offset);
     __builtin_prefetch(p + bytes - 1);
