@@ -249,7 +249,7 @@ struct Segment {
     int32_t kind;
     bool increasing;  // 2-D Bezier: x(s) as computed never decreases from one probe to the next
     int32_t inverse;  // 2-D Bezier: its cells in VxEnvTables::inverse, or -1 when it has none
-    double keyEnd;    // the start key's tick + 1: t * 3600 + 0.5 below it rounds to that key
+    double keyEnd;    // EdgeTime(start key's tick + 1): a time below it has the start key's tick
     double base;      // -(start time), so that u = (t + base) / span
     double span;      // the segment's length in seconds
     double c[4];
@@ -270,8 +270,8 @@ struct InverseCells {
     double q[kCells][4];
 };
 
-// Envelopes of up to this many keys find their segment by counting the edges at or below
-// t * 3600 + 0.5; longer ones halve.
+// Envelopes of up to this many keys find their segment by counting the edges at or below the
+// time; longer ones halve.
 constexpr int32_t kCountedKeys = 16;
 
 // The segment search looks first at the segment evaluated last (and its successor) while
@@ -292,8 +292,8 @@ struct VxEnvTables {
     size_t bytes;
     uint64_t edits;
     uint64_t paramEdits;
-    // A tick strictly between the first and last key's is one of a time whose t * 3600 + 0.5
-    // lies in [innerLo, innerHi): the first tick + 1 and the last tick.
+    // A time has a tick strictly between the first and last key's when it lies in
+    // [innerLo, innerHi), the EdgeTime of the first tick + 1 and of the last tick.
     double innerLo;
     double innerHi;
     int32_t count;            // keys
@@ -306,7 +306,7 @@ struct VxEnvTables {
     InverseCells *inverse;
     VxEnvKey **keys;
     int32_t *ticks;
-    double *edges;  // the ticks as doubles, padded with infinity to EdgePlaces(count)
+    double *edges;  // EdgeTime of each key's tick, padded with infinity to EdgePlaces(count)
 };
 
 namespace vx::env {
@@ -332,6 +332,21 @@ void *TryAlloc(size_t bytes)
     void *block = StdAlloc(bytes);
     CkptEnd();
     return block;
+}
+
+// The smallest time whose tick (TickOf: floor(t * 3600 + 0.5)) is `tick` or above. The sum
+// t * 3600 + 0.5, as evaluated, never decreases as t grows, so a time lies at or above this
+// edge exactly when its tick does: the evaluation compares times with edges and never
+// converts a time to a tick.
+double EdgeTime(double tick)
+{
+    auto reaches = [tick](double t) { return t * 3600.0 + 0.5 >= tick; };
+    double t = (tick - 0.5) * kTickSeconds;
+    while (!reaches(t))
+        t = std::nextafter(t, HUGE_VAL);
+    while (reaches(std::nextafter(t, -HUGE_VAL)))
+        t = std::nextafter(t, -HUGE_VAL);
+    return t;
 }
 
 // Rebuilds the tables of an envelope of two keys or more; NULL when memory ran out.
@@ -372,7 +387,7 @@ void *TryAlloc(size_t bytes)
     for (VxEnvKey *k = FirstKey(env); k; k = NextKey(k), ++i) {
         tables->keys[i] = k;
         tables->ticks[i] = k->tick;
-        tables->edges[i] = static_cast<double>(k->tick);
+        tables->edges[i] = EdgeTime(static_cast<double>(k->tick));
     }
     for (; i < EdgePlaces(count); ++i)
         tables->edges[i] = HUGE_VAL;
@@ -381,9 +396,9 @@ void *TryAlloc(size_t bytes)
         Segment &seg = tables->segments[i];
         seg.kind = kUnfilled;
         seg.inverse = tables->keys[i + 1]->shape == ENV_SHAPE_BEZIER2 ? inverse++ : -1;
-        seg.keyEnd = tables->edges[i] + 1.0;
+        seg.keyEnd = EdgeTime(static_cast<double>(tables->ticks[i]) + 1.0);
     }
-    tables->innerLo = tables->edges[0] + 1.0;
+    tables->innerLo = EdgeTime(static_cast<double>(tables->ticks[0]) + 1.0);
     tables->innerHi = tables->edges[count - 1];
     tables->edits = env->edits;
     tables->paramEdits = g_paramEdits.load(std::memory_order_relaxed);
@@ -538,7 +553,8 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
     }
 }
 
-// The index i of the segment with edges[i] <= x < edges[i + 1], without branches on the edges.
+// The index i of the segment with edges[i] <= x < edges[i + 1] (x a time strictly inside the
+// key range), without branches on the edges.
 [[gnu::always_inline]] inline int32_t SearchSegment(const VxEnvTables *tables, double x)
 {
     const double *edges = tables->edges;
@@ -570,8 +586,8 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
     return lo;
 }
 
-// The index i of the segment with edges[i] <= x < edges[i + 1], for x strictly inside the key
-// range (x = t * 3600 + 0.5; an edge at or below x is a tick at or below the tick of t).
+// The index i of the segment with edges[i] <= x < edges[i + 1], for a time x strictly inside
+// the key range.
 [[gnu::always_inline]] inline int32_t FindSegment(VxEnvTables *tables, double x)
 {
     const int32_t misses = tables->misses;
@@ -678,12 +694,12 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
     return FilledSegmentValue(tables, i, t);
 }
 
-// The curve at t strictly inside the key range, x = t * 3600 + 0.5.
-[[gnu::always_inline]] inline double TableInnerValue(VxEnvTables *tables, double t, double x)
+// The curve at t strictly inside the key range.
+[[gnu::always_inline]] inline double TableInnerValue(VxEnvTables *tables, double t)
 {
-    const int32_t i = FindSegment(tables, x);
+    const int32_t i = FindSegment(tables, t);
     const Segment &seg = tables->segments[i];
-    if (x < seg.keyEnd)
+    if (t < seg.keyEnd)
         return tables->keys[i]->value;
     if (seg.kind == kUnfilled)
         return UnfilledSegmentValue(tables, i, t);
@@ -697,7 +713,7 @@ double TableSegmentValue(VxEnvTables *tables, double t, int32_t n)
         return tables->keys[0]->value;
     if (n >= tables->ticks[lastIndex])
         return tables->keys[lastIndex]->value;
-    return TableInnerValue(tables, t, t * 3600.0 + 0.5);
+    return TableInnerValue(tables, t);
 }
 
 // The curve at t inside or at the ends of the key range, without the behaviour offset.
@@ -858,12 +874,10 @@ namespace {
     if (!tables || tables->edits != env->edits ||
         tables->paramEdits != g_paramEdits.load(std::memory_order_relaxed))
         return false;
-    // The tick of t is floor(x) (TickOf): strictly between the first and last key's when x is
-    // in [innerLo, innerHi), which leaves out NaN and the clamped ends.
-    const double x = t * 3600.0 + 0.5;
-    if (!(x >= tables->innerLo && x < tables->innerHi))
+    // The test leaves out NaN, and the times whose tick TickOf clamps.
+    if (!(t >= tables->innerLo && t < tables->innerHi))
         return false;
-    value = TableInnerValue(tables, t, x);
+    value = TableInnerValue(tables, t);
     return true;
 }
 
@@ -955,13 +969,12 @@ double EnvEvaluate(VxEnvelope *env, double t)
     if (!tables || tables->edits != env->edits ||
         tables->paramEdits != g_paramEdits.load(std::memory_order_relaxed))
         return EvaluateAnyTime(env, t);
-    const double x = t * 3600.0 + 0.5;  // see InnerValue
-    if (!(x >= tables->innerLo && x < tables->innerHi))
+    if (!(t >= tables->innerLo && t < tables->innerHi))  // see InnerValue
         return EvaluateAnyTime(env, t);
-    const int32_t i = FindSegment(tables, x);
+    const int32_t i = FindSegment(tables, t);
     const Segment &seg = tables->segments[i];
     double value;
-    if (x < seg.keyEnd)
+    if (t < seg.keyEnd)
         value = tables->keys[i]->value;
     else if (!CommonSegmentValue(seg, t, value))
         return seg.kind == kUnfilled ? EvaluateSegment(env, tables, i, t) : EvaluateBezier2(env, tables, seg, i, t);
