@@ -133,19 +133,40 @@ void PrefetchRange(const void *from, size_t bytes)
     __builtin_prefetch(p + bytes - 1);
 }
 
+// Moves lo or hi after a probe that did not match: hi = mid when the key lies below the probe,
+// else lo = mid + 1. Written as conditional moves: the outcome of a probe of a random key is
+// not predictable, and the moves add a single cycle to the chain of probes in a node, where the
+// compiler would branch (or select through several dependent operations).
+[[gnu::always_inline]] inline void Narrow(uintptr_t key, uintptr_t stored, uint32_t mid, uint32_t &lo, uint32_t &hi)
+{
+#if defined(__x86_64__)
+    const uint32_t next = mid + 1;
+    asm("cmp %[stored], %[key]\n\t"
+        "cmovb %[mid], %[hi]\n\t"
+        "cmovae %[next], %[lo]"
+        : [hi] "+r"(hi), [lo] "+r"(lo)
+        : [key] "r"(key), [stored] "r"(stored), [mid] "r"(mid), [next] "r"(next)
+        : "cc");
+#else
+    const uint32_t below = 0u - static_cast<uint32_t>(key < stored);
+    hi = (mid & below) | (hi & ~below);
+    lo = (lo & below) | ((mid + 1) & ~below);
+#endif
+}
+
 // The search of word-keyed trees (tables, maps, key tables): the same halving as Find, with the
-// unsigned word comparison inlined instead of called through the tree's pointer. A probe that
-// is not a match only moves lo or hi, so the two cases are selected without a branch (the
-// probes of a random key are not predictable).
+// unsigned word comparison inlined instead of called through the tree's pointer, and the key
+// size a constant where it is one or two words.
 //
 // Each node's header and keys are asked for at once on arrival. Its child slots are asked for
 // only in an inner node (a leaf's are all null and never read past the first): on a large tree
 // the leaves hold nearly all the memory, and fetching their child slots would fill the cache
 // with lines nobody reads.
-void *FindWord(const BTree *tree, uintptr_t key, BTPos *pos)
+template <size_t kStride>
+void *FindWordOf(const BTree *tree, uintptr_t key, BTPos *pos)
 {
-    const auto stride = static_cast<size_t>(tree->keySize);
-    const size_t keyBytes = KeyBytes(tree, tree->maxKeys);
+    const size_t stride = kStride ? kStride : static_cast<size_t>(tree->keySize);
+    const size_t keyBytes = stride * static_cast<size_t>(tree->maxKeys);
     const auto childSlots = static_cast<size_t>(tree->maxKeys) + 1;
     BTNode *node = tree->root;
     BTPos where{nullptr, 0};
@@ -168,11 +189,7 @@ void *FindWord(const BTree *tree, uintptr_t key, BTPos *pos)
                 found = keys + mid * stride;
                 break;
             }
-            // All ones when the key lies below the probe: hi = mid, else lo = mid + 1. Masks
-            // rather than ?: because the compiler turns the latter back into a branch.
-            const uint32_t below = 0u - static_cast<uint32_t>(key < stored);
-            hi = (mid & below) | (hi & ~below);
-            lo = (lo & below) | ((mid + 1) & ~below);
+            Narrow(key, stored, mid, lo, hi);
         }
         where = {node, static_cast<int32_t>(lo)};
         if (found || leaf)
@@ -182,6 +199,18 @@ void *FindWord(const BTree *tree, uintptr_t key, BTPos *pos)
     if (pos)
         *pos = where;
     return found;
+}
+
+void *FindWord(const BTree *tree, uintptr_t key, BTPos *pos)
+{
+    switch (tree->keySize) {
+    case sizeof(uintptr_t):
+        return FindWordOf<sizeof(uintptr_t)>(tree, key, pos);
+    case 2 * sizeof(uintptr_t):
+        return FindWordOf<2 * sizeof(uintptr_t)>(tree, key, pos);
+    default:
+        return FindWordOf<0>(tree, key, pos);
+    }
 }
 
 // ---- Insertion --------------------------------------------------------------------------
