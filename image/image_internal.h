@@ -5,12 +5,11 @@
 #include <vxtools3/image.h>
 #include <vxtools3/memory.h>
 
+#include "platform/memory_hints.h"
+
 #include <cstddef>
 #include <cstdint>
 
-#if defined(__linux__)
-#include <sys/mman.h>
-#endif
 
 // Hot pixel loops are built twice, for AVX2 and for the baseline, and chosen once at load.
 // The AVX2 copy performs the same float operations in the same order on wider vectors (the
@@ -74,26 +73,6 @@ void DestroyImageArm(uintptr_t image, uintptr_t);
 // Reads the whole image as RGBA floats into `out` (width x height x 4 floats). Returns false
 // when a pixel cannot be converted.
 bool ReadRgbaFloat(VxImage *image, float *out);
-
-// Large buffers are asked to be backed by huge pages. A fresh buffer is faulted in by the
-// first pass that writes it; with 4 KiB pages a 33 MB float image costs some 8,000 faults,
-// with 2 MiB pages a few dozen. Only the whole 2 MiB blocks inside the buffer are advised;
-// the advice is a hint, and when it is refused nothing changes.
-inline void AdviseHugePages(void *buffer, size_t bytes)
-{
-#if defined(__linux__) && defined(MADV_HUGEPAGE)
-    constexpr uintptr_t kHugePage = uintptr_t{1} << 21;
-    if (!buffer || bytes < 2 * kHugePage)
-        return;
-    const auto start = reinterpret_cast<uintptr_t>(buffer);
-    const uintptr_t first = (start + kHugePage - 1) & ~(kHugePage - 1), end = (start + bytes) & ~(kHugePage - 1);
-    if (end > first)
-        madvise(reinterpret_cast<void *>(first), end - first, MADV_HUGEPAGE);
-#else
-    (void)buffer;
-    (void)bytes;
-#endif
-}
 
 // Allocates `bytes` and arms its release in the innermost block (raises code 1 on failure).
 inline void *AllocArmed(size_t bytes)
