@@ -193,6 +193,32 @@ struct RowWork {
 // channel is a line of its own; the row is copied with 3g - 1 copies of its first and last
 // pixel on either side.
 //
+// Looks up the table words of `n` samples: g0[i] = t0[src[i]], and g1, g2 likewise for the
+// tap groups in use.
+template <int kGroups>
+[[gnu::always_inline]] inline void LookUpWords(const uint8_t *__restrict src, ptrdiff_t n, const BlurKernel &kernel,
+                                               uint32_t *__restrict g0, uint32_t *__restrict g1,
+                                               uint32_t *__restrict g2)
+{
+    const uint32_t *t0 = kernel.table[0], *t1 = kernel.table[1], *t2 = kernel.table[2];
+#pragma GCC unroll 4
+    for (ptrdiff_t i = 0; i < n; ++i) {
+        uint32_t v0 = t0[src[i]];
+        __asm__("" : "+r"(v0));  // keeps the lookups scalar: assembled into vectors they are slower
+        g0[i] = v0;
+        if constexpr (kGroups > 1) {
+            uint32_t v1 = t1[src[i]];
+            __asm__("" : "+r"(v1));
+            g1[i] = v1;
+        }
+        if constexpr (kGroups > 2) {
+            uint32_t v2 = t2[src[i]];
+            __asm__("" : "+r"(v2));
+            g2[i] = v2;
+        }
+    }
+}
+
 // A line: sliding sums over the packed words from the left, acc = (acc >> 10) + t0[x(s)] +
 // t1[x(s - 3)] + t2[x(s - 6)], starting from 0 at s = 3 (g - 1) of the padded line and kept
 // (lane 0) from the line's first sample on; then the same from the right, starting at two
@@ -215,25 +241,9 @@ template <int kBpp, int kGroups>
     for (int32_t i = 0; i < kPad; ++i)
         std::memcpy(line + kB * kPad + rowBytes + kB * i, in + rowBytes - kB, kB);
     const ptrdiff_t n = static_cast<ptrdiff_t>(rowBytes) + 2 * kPad * kB;
-    const uint32_t *t0 = kernel.table[0], *t1 = kernel.table[1], *t2 = kernel.table[2];
     uint32_t *__restrict g0 = work.g0, *__restrict g1 = work.g1, *__restrict g2 = work.g2;
     uint32_t *__restrict sums = work.sums;
-#pragma GCC unroll 4
-    for (ptrdiff_t i = 0; i < n; ++i) {
-        uint32_t v0 = t0[line[i]];
-        __asm__("" : "+r"(v0));  // keeps the lookups scalar: assembled into vectors they are slower
-        g0[i] = v0;
-        if constexpr (kGroups > 1) {
-            uint32_t v1 = t1[line[i]];
-            __asm__("" : "+r"(v1));
-            g1[i] = v1;
-        }
-        if constexpr (kGroups > 2) {
-            uint32_t v2 = t2[line[i]];
-            __asm__("" : "+r"(v2));
-            g2[i] = v2;
-        }
-    }
+    LookUpWords<kGroups>(line, n, kernel, g0, g1, g2);
     // From the left: the step words, then the sums in place.
     const ptrdiff_t first = 3 * (kGroups - 1) * kB, end = (kPad + width) * kB;
     for (ptrdiff_t i = first; i < end; ++i) {
@@ -325,7 +335,6 @@ template <int kGroups>
                                                uint32_t *__restrict up)
 {
     constexpr int32_t kPad = 3 * kGroups - 1, kReach = 3 * (kGroups - 1);
-    const uint32_t *t0 = kernel.table[0], *t1 = kernel.table[1], *t2 = kernel.table[2];
     auto slot = [&](int which, int32_t s) { return ring + kStripBytes * static_cast<size_t>(which * kWordRing + s % kWordRing); };
     const int32_t lastDown = kPad + height - 1, lastUp = kPad + height + 1, lastLook = lastUp + kReach;
     std::fill(acc, acc + count, 0u);
@@ -336,22 +345,7 @@ template <int kGroups>
         __builtin_prefetch(ahead);
         __builtin_prefetch(ahead + count - 1);
         uint32_t *__restrict g0 = slot(0, s), *__restrict g1 = slot(1, s), *__restrict g2 = slot(2, s);
-#pragma GCC unroll 4
-        for (size_t i = 0; i < count; ++i) {
-            uint32_t v0 = t0[row[i]];
-            __asm__("" : "+r"(v0));  // keeps the lookups scalar: assembled into vectors they are slower
-            g0[i] = v0;
-            if constexpr (kGroups > 1) {
-                uint32_t v1 = t1[row[i]];
-                __asm__("" : "+r"(v1));
-                g1[i] = v1;
-            }
-            if constexpr (kGroups > 2) {
-                uint32_t v2 = t2[row[i]];
-                __asm__("" : "+r"(v2));
-                g2[i] = v2;
-            }
-        }
+        LookUpWords<kGroups>(row, static_cast<ptrdiff_t>(count), kernel, g0, g1, g2);
         if (s >= kReach && s <= lastDown) {  // a downward step
             const uint32_t *__restrict d1 = slot(1, s - 3 + kWordRing), *__restrict d2 = slot(2, s - 6 + kWordRing);
             uint16_t *__restrict l = left + count * static_cast<size_t>(std::max(s - kPad, 0));  // warm-up rows overwritten
