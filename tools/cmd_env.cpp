@@ -5,7 +5,6 @@
 
 #include <vxtools3/envelope.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
