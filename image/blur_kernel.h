@@ -1,6 +1,7 @@
 // The fixed-point kernel of the separable byte blur, shared with its tests.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace vx::image {
@@ -24,5 +25,22 @@ double FullSum(int32_t taps, const double *w);
 int32_t BlurLane(int v, double tap, int32_t bias, int lane);
 // The tables of one direction (taps 1..9).
 void BuildBlurKernel(int32_t taps, double sigma, BlurKernel &kernel);
+
+// True when the largest values of all the kernel's lanes sum to at most 1023, so that no
+// sum of lanes carries into the next lane: then the wide passes give the same bytes as the
+// running sums.
+bool LanesStayApart(const BlurKernel &kernel);
+// True when the wide passes (AVX-512 VBMI) can run here and have not been switched off.
+bool WideBlurAvailable();
+// Switches the wide passes on or off (tests run the byte-exact checks both ways).
+void SetWideBlur(bool on);
+// Words of each of the three lookup arrays, and bytes of the padded line, of a wide row.
+size_t WideRowWords(int32_t width, uint32_t bpp);
+// The horizontal pass over every row of `src` into `dst` (same size), with a line of
+// WideRowWords bytes and four arrays of WideRowWords words.
+void WideBlurRows(const BlurKernel &kernel, const uint8_t *src, uint8_t *dst, int32_t width, int32_t height,
+                  uint32_t bpp, uint8_t *line, uint32_t *const words[4]);
+// The vertical pass over `data` in place.
+void WideBlurColumns(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, int32_t height);
 
 }  // namespace vx::image

@@ -421,9 +421,11 @@ BlurWork BlurWorkLayout(const VxImage *image, int32_t taps)
     layout.stripRing = layout.stripAcc + aligned(4 * kStripBytes);         // table words of a strip's last rows
     layout.stripLeft = layout.stripRing + 12 * kWordRing * kStripBytes;    // left sums of a strip
     layout.stripUp = layout.stripLeft + aligned(2 * kStripBytes * h);      // upward step words of a strip
-    layout.rowWords = layout.stripUp + 4 * kStripBytes * (h + 2);          // four words per padded row sample
-    layout.line = layout.rowWords + 4 * aligned(4 * padded);               // one padded row
-    layout.total = layout.line + padded;
+    // Four words per padded row sample, with room for the wide pass's whole vectors.
+    const size_t rowSamples = std::max(padded, WideRowWords(image->width, image->bytesPerPixel));
+    layout.rowWords = layout.stripUp + 4 * kStripBytes * (h + 2);
+    layout.line = layout.rowWords + 4 * aligned(4 * rowSamples);           // one padded row
+    layout.total = layout.line + rowSamples;
     return layout;
 }
 
@@ -447,12 +449,22 @@ void SeparableBlur(const VxImage *image, VxImage *result, int32_t taps, double s
 
     uint8_t *out = result->priv->pixels;
     BlurKernel kernel;
+    // Each pass runs wide when the machine allows and the kernel's lanes never carry (the
+    // same bytes either way).
     BuildBlurKernel(taps, sigmaH, kernel);
-    FilterRows(kernel, image, out, rowWork);
+    if (WideBlurAvailable() && LanesStayApart(kernel)) {
+        uint32_t *const words[4] = {rowWork.g0, rowWork.g1, rowWork.g2, rowWork.sums};
+        WideBlurRows(kernel, image->priv->pixels, out, w, h, static_cast<uint32_t>(bpp), rowWork.line, words);
+    } else {
+        FilterRows(kernel, image, out, rowWork);
+    }
     BuildBlurKernel(taps, sigmaV, kernel);
-    for (size_t from = 0; from < rowBytes; from += kStripBytes)
-        FilterStrip(kernel, out + from, rowBytes, h, std::min(kStripBytes, rowBytes - from), stripAcc, stripRing,
-                    stripLeft, stripUp);
+    if (WideBlurAvailable() && LanesStayApart(kernel))
+        WideBlurColumns(kernel, out, rowBytes, h);
+    else
+        for (size_t from = 0; from < rowBytes; from += kStripBytes)
+            FilterStrip(kernel, out + from, rowBytes, h, std::min(kStripBytes, rowBytes - from), stripAcc, stripRing,
+                        stripLeft, stripUp);
     // Grey is always blurred; in RGB and RGBA the channels outside the mask keep the source.
     if (image->type == VX_PIXEL_GREY)
         return;

@@ -1,0 +1,393 @@
+// The byte blur's passes 64 samples at a time, for processors with AVX-512 VBMI.
+//
+// The table words are looked up with byte permutes: each table of 256 32-bit words is split
+// into four planes of 256 bytes (byte b of every word), and a plane gives the bytes of 64
+// samples with two two-register permutes (entries 0..127 and 128..255) and a blend on the
+// index's top bit; unpacks reassemble the words.
+//
+// The sums are taken in direct form instead of the running recurrence. When no sum of lanes
+// can reach 1024 (LanesStayApart), lane 0 of the recurrence acc(s) = step(s) + (acc(s - 1)
+// >> 10) is exactly lane 0 of step(s) + (step(s - 1) >> 10) + (step(s - 2) >> 20): both are
+// the plain sum of the lanes of every tap, which then never carries and never wraps, and the
+// lower lanes of older steps only add fractions that stay below one. So every sample depends
+// on a fixed window of table words and whole vectors of samples are computed at once, with
+// the same bytes as the recurrence.
+#include "image/blur_kernel.h"
+
+#include <algorithm>
+#include <cstring>
+
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#include <immintrin.h>
+#define VX_WIDE_BLUR 1
+#if !defined(__clang__)
+// GCC 12 takes the deliberately undefined first operand that its AVX-512 intrinsics pass to
+// the unmasked instructions for a read of an uninitialised variable.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+#else
+#define VX_WIDE_BLUR 0
+#endif
+
+namespace vx::image {
+namespace {
+
+bool wideEnabled = true;
+
+#if VX_WIDE_BLUR
+
+#define VX_VBMI __attribute__((target("avx512f,avx512bw,avx512vbmi")))
+
+// Byte planes of the tables of one direction: plane[j][b] is byte b of the 256 words of
+// table j.
+struct Planes {
+    alignas(64) uint8_t plane[3][4][256];
+};
+
+void SplitPlanes(const BlurKernel &kernel, Planes &p)
+{
+    for (int j = 0; j < 3; ++j)
+        for (int b = 0; b < 4; ++b)
+            for (int v = 0; v < 256; ++v)
+                p.plane[j][b][v] = static_cast<uint8_t>(kernel.table[j][v] >> (8 * b));
+}
+
+// Byte b of the words of 64 indices: entries 0..127 and 128..255 by two permutes, chosen
+// by the index's top bit.
+VX_VBMI inline __m512i PlaneBytes(const uint8_t *plane, __m512i index, __mmask64 high)
+{
+    const __m512i lo = _mm512_permutex2var_epi8(_mm512_load_si512(plane), index, _mm512_load_si512(plane + 64));
+    const __m512i hi = _mm512_permutex2var_epi8(_mm512_load_si512(plane + 128), index, _mm512_load_si512(plane + 192));
+    return _mm512_mask_blend_epi8(high, lo, hi);
+}
+
+// The order in which the 64 indices are permuted before the lookup so that the unpacks,
+// which work within 128-bit lanes, give the words in the indices' own order: position
+// 16 L + 4 k + e takes index 16 k + 4 L + e.
+VX_VBMI inline __m512i WordOrder()
+{
+    alignas(64) uint8_t order[64];
+    for (int l = 0; l < 4; ++l)
+        for (int k = 0; k < 4; ++k)
+            for (int e = 0; e < 4; ++e)
+                order[16 * l + 4 * k + e] = static_cast<uint8_t>(16 * k + 4 * l + e);
+    return _mm512_load_si512(order);
+}
+
+// The words of table `plane` for 64 permuted indices, as four vectors of 16 words.
+VX_VBMI inline void LookUp(const uint8_t (*plane)[256], __m512i index, __mmask64 high, __m512i words[4])
+{
+    const __m512i b0 = PlaneBytes(plane[0], index, high), b1 = PlaneBytes(plane[1], index, high);
+    const __m512i b2 = PlaneBytes(plane[2], index, high), b3 = PlaneBytes(plane[3], index, high);
+    const __m512i lo01 = _mm512_unpacklo_epi8(b0, b1), hi01 = _mm512_unpackhi_epi8(b0, b1);
+    const __m512i lo23 = _mm512_unpacklo_epi8(b2, b3), hi23 = _mm512_unpackhi_epi8(b2, b3);
+    words[0] = _mm512_unpacklo_epi16(lo01, lo23);
+    words[1] = _mm512_unpackhi_epi16(lo01, lo23);
+    words[2] = _mm512_unpacklo_epi16(hi01, hi23);
+    words[3] = _mm512_unpackhi_epi16(hi01, hi23);
+}
+
+// Lane 0 of a step word plus the next older step's lane 1 and the one before's lane 2.
+VX_VBMI inline __m512i HalfSum(__m512i s0, __m512i s1, __m512i s2)
+{
+    const __m512i sum = _mm512_add_epi32(_mm512_add_epi32(s0, _mm512_srli_epi32(s1, 10)), _mm512_srli_epi32(s2, 20));
+    return _mm512_and_si512(sum, _mm512_set1_epi32(0x3FF));
+}
+
+// (left + right - bias) >> 2 of 16 samples (still to be clamped).
+VX_VBMI inline __m512i Combine(__m512i left, __m512i right, __m512i bias)
+{
+    return _mm512_srai_epi32(_mm512_sub_epi32(_mm512_add_epi32(left, right), bias), 2);
+}
+
+// Four vectors of 16 results as 64 bytes in order, each clamped to 0..255 by the saturating
+// packs (a result is at most 2046 >> 2, so the 16-bit step cannot wrap). The packs work
+// within 128-bit lanes; the final permute restores the order.
+VX_VBMI inline __m512i PackBytes(const __m512i v[4])
+{
+    const __m512i order = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+    const __m512i packed = _mm512_packus_epi16(_mm512_packus_epi32(v[0], v[1]), _mm512_packus_epi32(v[2], v[3]));
+    return _mm512_permutexvar_epi32(order, packed);
+}
+
+// The step word of 16 padded samples from q on: t0 of each plus t1 of the sample kTap bytes
+// away and t2 of the one 2 kTap away (kTap negative going left).
+template <int kGroups, ptrdiff_t kTap>
+VX_VBMI inline __m512i Step(const uint32_t *g0, const uint32_t *g1, const uint32_t *g2, ptrdiff_t q)
+{
+    __m512i v = _mm512_loadu_si512(g0 + q);
+    if constexpr (kGroups > 1)
+        v = _mm512_add_epi32(v, _mm512_loadu_si512(g1 + q + kTap));
+    if constexpr (kGroups > 2)
+        v = _mm512_add_epi32(v, _mm512_loadu_si512(g2 + q + 2 * kTap));
+    return v;
+}
+
+VX_VBMI inline __mmask64 TailMask64(size_t n) { return n >= 64 ? ~__mmask64(0) : (__mmask64(1) << n) - 1; }
+
+// 64 results of a row from the step words around padded sample q.
+VX_VBMI inline void RowResults(const uint32_t *fromLeft, const uint32_t *fromRight, ptrdiff_t q, ptrdiff_t kB,
+                               __m512i bias, uint8_t *out, __mmask64 mask)
+{
+    __m512i sums[4];
+    for (int k = 0; k < 4; ++k, q += 16) {
+        const __m512i left = HalfSum(_mm512_loadu_si512(fromLeft + q), _mm512_loadu_si512(fromLeft + q - kB),
+                                     _mm512_loadu_si512(fromLeft + q - 2 * kB));
+        const __m512i right = HalfSum(_mm512_loadu_si512(fromRight + q), _mm512_loadu_si512(fromRight + q + kB),
+                                      _mm512_loadu_si512(fromRight + q + 2 * kB));
+        sums[k] = Combine(left, right, bias);
+    }
+    _mm512_mask_storeu_epi8(out, mask, PackBytes(sums));
+}
+
+// One row in a single sweep over the padded line, 64 samples per step: block b's table words
+// are looked up into g[0..2], the left step words of block b go to g[3], the right step words
+// of block b - 1 (whose reach, at most 2 x 12 samples, ends inside block b) to g[0] in place
+// (each position reads its own t0 first), and then every 64 results whose window is complete
+// are formed. Everything read lies a block or two behind the lookups, in the first-level
+// cache. The arrays start 64-byte aligned, so the block stores are aligned.
+template <int kBpp, int kGroups>
+VX_VBMI void WideRow(const Planes &p, int32_t bias, const uint8_t *in, uint8_t *out, int32_t width, uint8_t *line,
+                     uint32_t *const g[4])
+{
+    constexpr int32_t kPad = 3 * kGroups - 1;
+    constexpr ptrdiff_t kB = kBpp, kTap = 3 * kB;
+    const size_t rowBytes = static_cast<size_t>(width) * kBpp;
+    for (int32_t i = 0; i < kPad; ++i)
+        std::memcpy(line + kB * i, in, kB);
+    std::memcpy(line + kB * kPad, in, rowBytes);
+    for (int32_t i = 0; i < kPad; ++i)
+        std::memcpy(line + kB * kPad + rowBytes + kB * i, in + rowBytes - kB, kB);
+    const ptrdiff_t n = static_cast<ptrdiff_t>(rowBytes) + 2 * kPad * kB;
+    const __m512i order = WordOrder(), vbias = _mm512_set1_epi32(bias);
+    uint32_t *g0 = g[0], *fromLeft = g[3];
+    const uint32_t *g1 = g[1], *g2 = g[2], *fromRight = g0;
+    ptrdiff_t done = 0;  // results formed
+    // The step words trail the lookups by two blocks and three blocks, so that their shifted
+    // loads read words stored well before (a load across a store still in flight would wait).
+    const ptrdiff_t blocks = (n + 63) / 64;
+    for (ptrdiff_t b = 0; b < blocks + 3; ++b) {
+        if (b < blocks) {
+            const ptrdiff_t i = 64 * b;
+            const __m512i index = _mm512_permutexvar_epi8(order, _mm512_loadu_si512(line + i));
+            const __mmask64 high = _mm512_movepi8_mask(index);
+            for (int j = 0; j < kGroups; ++j) {
+                __m512i words[4];
+                LookUp(p.plane[j], index, high, words);
+                for (int k = 0; k < 4; ++k)
+                    _mm512_store_si512(g[j] + i + 16 * k, words[k]);
+            }
+        }
+        if (b >= 2 && b - 2 < blocks) {
+            const ptrdiff_t i = 64 * (b - 2);
+            for (int k = 0; k < 4; ++k)
+                _mm512_store_si512(fromLeft + i + 16 * k, Step<kGroups, -kTap>(g0, g1, g2, i + 16 * k));
+        }
+        if (b >= 3) {
+            // The right step words of block b - 3 reach at most 2 x 12 samples into block b - 2.
+            const ptrdiff_t i = 64 * (b - 3);
+            for (int k = 0; k < 4; ++k)
+                _mm512_store_si512(g0 + i + 16 * k, Step<kGroups, kTap>(g0, g1, g2, i + 16 * k));
+            // Result r needs the right step words up to padded sample r + (kPad + 2) kB; after
+            // the last block every remaining result is complete (the lanes past the row are
+            // not stored).
+            const ptrdiff_t limit = b < blocks + 2 ? i + 64 - (kPad + 2) * kB - 63 : static_cast<ptrdiff_t>(rowBytes);
+            for (; done < limit && done < static_cast<ptrdiff_t>(rowBytes); done += 64)
+                RowResults(fromLeft, fromRight, done + kPad * kB, kB, vbias, out + done,
+                           TailMask64(rowBytes - static_cast<size_t>(done)));
+        }
+    }
+}
+
+template <int kBpp>
+VX_VBMI void WideRows(const BlurKernel &kernel, const uint8_t *src, uint8_t *dst, int32_t width, int32_t height,
+                      uint8_t *line, uint32_t *const g[4])
+{
+    Planes p;
+    SplitPlanes(kernel, p);
+    const size_t rowBytes = static_cast<size_t>(width) * kBpp;
+    for (int32_t y = 0; y < height; ++y) {
+        const uint8_t *in = src + rowBytes * static_cast<size_t>(y);
+        uint8_t *out = dst + rowBytes * static_cast<size_t>(y);
+        switch (kernel.groups) {
+        case 1: WideRow<kBpp, 1>(p, kernel.bias, in, out, width, line, g); break;
+        case 2: WideRow<kBpp, 2>(p, kernel.bias, in, out, width, line, g); break;
+        default: WideRow<kBpp, 3>(p, kernel.bias, in, out, width, line, g); break;
+        }
+    }
+}
+
+// Rows kept while a strip goes down, each ring a power of two: table words back to row s - 6,
+// downward step words back to s - 2, left sums back to the result row s - (3 g - 1), upward
+// step words from the result row to two below it.
+constexpr int32_t kWordRows = 8, kDownRows = 4, kLeftRows = 16, kUpRows = 4;
+// Vectors of 64 byte columns per strip, and rows fetched ahead of the lookups.
+constexpr int32_t kStripVectors = 1, kAheadRows = 8;
+
+struct StripState {
+    __m512i g[3][kWordRows][kStripVectors][4];
+    __m512i down[kDownRows][kStripVectors][4];
+    __m512i left[kLeftRows][kStripVectors][4];
+    __m512i up[kUpRows][kStripVectors][4];
+};
+
+// One strip of up to 64 kStripVectors byte columns, in place, going down the padded column
+// once: at step s row s (clamped) is looked up, the downward step word and left sum of row s
+// and the upward step word of row s - 3 (g - 1) are formed, and result row s - (3 g - 1),
+// whose window is then complete, is written. Later steps read only rows below it (or the
+// clamped last row, whose result is written at the very last step), so writing in place is
+// safe.
+template <int kGroups>
+VX_VBMI void WideStrip(const Planes &p, int32_t bias, uint8_t *data, size_t rowBytes, int32_t height, size_t count)
+{
+    StripState st;  // local, so that the stores to the image are known not to touch it
+    constexpr int32_t kPad = 3 * kGroups - 1, kReach = 3 * (kGroups - 1);
+    const __m512i order = WordOrder(), vbias = _mm512_set1_epi32(bias);
+    const int32_t vectors = static_cast<int32_t>((count + 63) / 64);
+    __mmask64 masks[kStripVectors];
+    for (int32_t v = 0; v < vectors; ++v)
+        masks[v] = TailMask64(count - 64 * static_cast<size_t>(v));
+    for (int32_t s = -kPad; s < height + kPad; ++s) {
+        const uint8_t *row = data + rowBytes * static_cast<size_t>(std::clamp(s, 0, height - 1));
+        const uint8_t *ahead = data + rowBytes * static_cast<size_t>(std::clamp(s + kAheadRows, 0, height - 1));
+        for (size_t b = 0; b < count; b += 64)
+            __builtin_prefetch(ahead + b);
+        __builtin_prefetch(ahead + count - 1);
+        const int32_t gs = s & (kWordRows - 1), ds = s & (kDownRows - 1);
+        for (int32_t v = 0; v < vectors; ++v) {
+            const __m512i index = _mm512_permutexvar_epi8(order, _mm512_maskz_loadu_epi8(masks[v], row + 64 * v));
+            const __mmask64 high = _mm512_movepi8_mask(index);
+            for (int j = 0; j < kGroups; ++j)
+                LookUp(p.plane[j], index, high, st.g[j][gs][v]);
+        }
+        if (s >= -2)
+            for (int32_t v = 0; v < vectors; ++v)
+                for (int k = 0; k < 4; ++k) {
+                    __m512i w = st.g[0][gs][v][k];
+                    if constexpr (kGroups > 1)
+                        w = _mm512_add_epi32(w, st.g[1][(s - 3) & (kWordRows - 1)][v][k]);
+                    if constexpr (kGroups > 2)
+                        w = _mm512_add_epi32(w, st.g[2][(s - 6) & (kWordRows - 1)][v][k]);
+                    st.down[ds][v][k] = w;
+                }
+        if (s >= 0)
+            for (int32_t v = 0; v < vectors; ++v)
+                for (int k = 0; k < 4; ++k)
+                    st.left[s & (kLeftRows - 1)][v][k] = HalfSum(st.down[ds][v][k], st.down[(s - 1) & (kDownRows - 1)][v][k],
+                                                                 st.down[(s - 2) & (kDownRows - 1)][v][k]);
+        const int32_t u = s - kReach;
+        if (u >= 0)
+            for (int32_t v = 0; v < vectors; ++v)
+                for (int k = 0; k < 4; ++k) {
+                    __m512i w = st.g[0][u & (kWordRows - 1)][v][k];
+                    if constexpr (kGroups > 1)
+                        w = _mm512_add_epi32(w, st.g[1][(u + 3) & (kWordRows - 1)][v][k]);
+                    if constexpr (kGroups > 2)
+                        w = _mm512_add_epi32(w, st.g[2][gs][v][k]);
+                    st.up[u & (kUpRows - 1)][v][k] = w;
+                }
+        const int32_t r = s - kPad;
+        if (r < 0)
+            continue;
+        uint8_t *out = data + rowBytes * static_cast<size_t>(r);
+        for (int32_t v = 0; v < vectors; ++v) {
+            __m512i sums[4];
+            for (int k = 0; k < 4; ++k) {
+                const __m512i right = HalfSum(st.up[r & (kUpRows - 1)][v][k], st.up[(r + 1) & (kUpRows - 1)][v][k],
+                                              st.up[(r + 2) & (kUpRows - 1)][v][k]);
+                sums[k] = Combine(st.left[r & (kLeftRows - 1)][v][k], right, vbias);
+            }
+            _mm512_mask_storeu_epi8(out + 64 * v, masks[v], PackBytes(sums));
+        }
+    }
+}
+
+VX_VBMI void WideColumns(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, int32_t height)
+{
+    Planes p;
+    SplitPlanes(kernel, p);
+    constexpr size_t kStrip = 64 * kStripVectors;
+    for (size_t from = 0; from < rowBytes; from += kStrip) {
+        const size_t count = std::min(kStrip, rowBytes - from);
+        switch (kernel.groups) {
+        case 1: WideStrip<1>(p, kernel.bias, data + from, rowBytes, height, count); break;
+        case 2: WideStrip<2>(p, kernel.bias, data + from, rowBytes, height, count); break;
+        default: WideStrip<3>(p, kernel.bias, data + from, rowBytes, height, count); break;
+        }
+    }
+}
+
+bool CpuHasVbmi()
+{
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+           __builtin_cpu_supports("avx512vbmi");
+}
+
+#endif
+
+}  // namespace
+
+bool LanesStayApart(const BlurKernel &kernel)
+{
+    int32_t total = 0;
+    for (int j = 0; j < kernel.groups; ++j)
+        for (int k = 0; k < 3; ++k) {
+            uint32_t most = 0;
+            for (int v = 0; v < 256; ++v)
+                most = std::max(most, (kernel.table[j][v] >> (10 * k)) & 0x3FF);
+            total += static_cast<int32_t>(most);
+        }
+    return total <= 1023;
+}
+
+void SetWideBlur(bool on) { wideEnabled = on; }
+
+bool WideBlurAvailable()
+{
+#if VX_WIDE_BLUR
+    static const bool has = CpuHasVbmi();
+    return wideEnabled && has;
+#else
+    return false;
+#endif
+}
+
+size_t WideRowWords(int32_t width, uint32_t bpp)
+{
+    // The padded row (at most 8 pixels each side) rounded up to whole vectors of 64, one more
+    // vector that the last results' windows may reach into, one before the start that the
+    // first block's left step words read (their values are not used), and room to align.
+    const size_t n = (static_cast<size_t>(width) + 16) * bpp;
+    return ((n + 63) & ~size_t{63}) + 64 + 64 + 16;
+}
+
+void WideBlurRows(const BlurKernel &kernel, const uint8_t *src, uint8_t *dst, int32_t width, int32_t height,
+                  uint32_t bpp, uint8_t *line, uint32_t *const words[4])
+{
+#if VX_WIDE_BLUR
+    uint32_t *g[4];
+    for (int j = 0; j < 4; ++j) {
+        const auto start = reinterpret_cast<uintptr_t>(words[j] + 64);
+        g[j] = reinterpret_cast<uint32_t *>((start + 63) & ~uintptr_t{63});
+    }
+    switch (bpp) {
+    case 1: WideRows<1>(kernel, src, dst, width, height, line, g); break;
+    case 3: WideRows<3>(kernel, src, dst, width, height, line, g); break;
+    default: WideRows<4>(kernel, src, dst, width, height, line, g); break;
+    }
+#else
+    (void)kernel, (void)src, (void)dst, (void)width, (void)height, (void)bpp, (void)line, (void)words;
+#endif
+}
+
+void WideBlurColumns(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, int32_t height)
+{
+#if VX_WIDE_BLUR
+    WideColumns(kernel, data, rowBytes, height);
+#else
+    (void)kernel, (void)data, (void)rowBytes, (void)height;
+#endif
+}
+
+}  // namespace vx::image
