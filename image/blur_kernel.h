@@ -37,9 +37,9 @@ void SetWideBlur(bool on);
 // Words of each of the three lookup arrays, and bytes of the padded line, of a wide row.
 size_t WideRowWords(int32_t width, uint32_t bpp);
 // The horizontal pass over every row of `src` into `dst` (same size), with a line of
-// WideRowWords bytes and four arrays of WideRowWords words.
+// WideRowWords bytes and three arrays of WideRowWords words.
 void WideBlurRows(const BlurKernel &kernel, const uint8_t *src, uint8_t *dst, int32_t width, int32_t height,
-                  uint32_t bpp, uint8_t *line, uint32_t *const words[4]);
+                  uint32_t bpp, uint8_t *line, uint32_t *const words[3]);
 // The vertical pass over `data` in place.
 void WideBlurColumns(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, int32_t height);
 

@@ -110,45 +110,51 @@ VX_VBMI inline __m512i PackBytes(const __m512i v[4])
     return _mm512_permutexvar_epi32(order, packed);
 }
 
-// The step word of 16 padded samples from q on: t0 of each plus t1 of the sample kTap bytes
+VX_VBMI inline __mmask64 TailMask64(size_t n) { return n >= 64 ? ~__mmask64(0) : (__mmask64(1) << n) - 1; }
+
+// The 16 words of `v` from 16 t + kD on, from the aligned vectors that hold them.
+template <ptrdiff_t kD>
+VX_VBMI inline __m512i WordsAt(const uint32_t *v, ptrdiff_t t)
+{
+    constexpr ptrdiff_t kBase = kD >= 0 ? kD / 16 : -((15 - kD) / 16);
+    constexpr int kShift = static_cast<int>(kD - 16 * kBase);
+    const __m512i lo = _mm512_load_si512(v + 16 * (t + kBase));
+    if constexpr (kShift == 0)
+        return lo;
+    return _mm512_alignr_epi32(_mm512_load_si512(v + 16 * (t + kBase + 1)), lo, kShift);
+}
+
+// The step word of vector t of padded samples: t0 of each plus t1 of the sample kTap words
 // away and t2 of the one 2 kTap away (kTap negative going left).
 template <int kGroups, ptrdiff_t kTap>
-VX_VBMI inline __m512i Step(const uint32_t *g0, const uint32_t *g1, const uint32_t *g2, ptrdiff_t q)
+VX_VBMI inline __m512i StepAt(const uint32_t *g0, const uint32_t *g1, const uint32_t *g2, ptrdiff_t t)
 {
-    __m512i v = _mm512_loadu_si512(g0 + q);
+    __m512i v = _mm512_load_si512(g0 + 16 * t);
     if constexpr (kGroups > 1)
-        v = _mm512_add_epi32(v, _mm512_loadu_si512(g1 + q + kTap));
+        v = _mm512_add_epi32(v, WordsAt<kTap>(g1, t));
     if constexpr (kGroups > 2)
-        v = _mm512_add_epi32(v, _mm512_loadu_si512(g2 + q + 2 * kTap));
+        v = _mm512_add_epi32(v, WordsAt<2 * kTap>(g2, t));
     return v;
 }
 
-VX_VBMI inline __mmask64 TailMask64(size_t n) { return n >= 64 ? ~__mmask64(0) : (__mmask64(1) << n) - 1; }
-
-// 64 results of a row from the step words around padded sample q.
-VX_VBMI inline void RowResults(const uint32_t *fromLeft, const uint32_t *fromRight, ptrdiff_t q, ptrdiff_t kB,
-                               __m512i bias, uint8_t *out, __mmask64 mask)
+// Mask of the bytes of the 64 padded samples from `first` that are results of the row.
+inline __mmask64 RowMask(ptrdiff_t first, ptrdiff_t begin, ptrdiff_t end)
 {
-    __m512i sums[4];
-    for (int k = 0; k < 4; ++k, q += 16) {
-        const __m512i left = HalfSum(_mm512_loadu_si512(fromLeft + q), _mm512_loadu_si512(fromLeft + q - kB),
-                                     _mm512_loadu_si512(fromLeft + q - 2 * kB));
-        const __m512i right = HalfSum(_mm512_loadu_si512(fromRight + q), _mm512_loadu_si512(fromRight + q + kB),
-                                      _mm512_loadu_si512(fromRight + q + 2 * kB));
-        sums[k] = Combine(left, right, bias);
-    }
-    _mm512_mask_storeu_epi8(out, mask, PackBytes(sums));
+    const ptrdiff_t lo = std::max<ptrdiff_t>(begin - first, 0), hi = std::min<ptrdiff_t>(end - first, 64);
+    if (hi <= lo)
+        return 0;
+    const uint64_t upTo = hi == 64 ? ~uint64_t{0} : (uint64_t{1} << hi) - 1;
+    return upTo & ~((uint64_t{1} << lo) - 1);
 }
 
 // One row in a single sweep over the padded line, 64 samples per step: block b's table words
-// are looked up into g[0..2], the left step words of block b go to g[3], the right step words
-// of block b - 1 (whose reach, at most 2 x 12 samples, ends inside block b) to g[0] in place
-// (each position reads its own t0 first), and then every 64 results whose window is complete
-// are formed. Everything read lies a block or two behind the lookups, in the first-level
-// cache. The arrays start 64-byte aligned, so the block stores are aligned.
+// are looked up into g[0..2] (aligned stores), then the results of block b - 1 are formed
+// from aligned loads of those words, the words of neighbouring samples taken by shifting
+// pairs of vectors. The step words stay in registers: going along, the left ones of the
+// previous vector and the right ones of the next vector are kept.
 template <int kBpp, int kGroups>
 VX_VBMI void WideRow(const Planes &p, int32_t bias, const uint8_t *in, uint8_t *out, int32_t width, uint8_t *line,
-                     uint32_t *const g[4])
+                     uint32_t *const g[3])
 {
     constexpr int32_t kPad = 3 * kGroups - 1;
     constexpr ptrdiff_t kB = kBpp, kTap = 3 * kB;
@@ -159,14 +165,14 @@ VX_VBMI void WideRow(const Planes &p, int32_t bias, const uint8_t *in, uint8_t *
     for (int32_t i = 0; i < kPad; ++i)
         std::memcpy(line + kB * kPad + rowBytes + kB * i, in + rowBytes - kB, kB);
     const ptrdiff_t n = static_cast<ptrdiff_t>(rowBytes) + 2 * kPad * kB;
+    const ptrdiff_t begin = kPad * kB, end = begin + static_cast<ptrdiff_t>(rowBytes);
     const __m512i order = WordOrder(), vbias = _mm512_set1_epi32(bias);
-    uint32_t *g0 = g[0], *fromLeft = g[3];
-    const uint32_t *g1 = g[1], *g2 = g[2], *fromRight = g0;
-    ptrdiff_t done = 0;  // results formed
-    // The step words trail the lookups by two blocks and three blocks, so that their shifted
-    // loads read words stored well before (a load across a store still in flight would wait).
+    const uint32_t *g0 = g[0], *g1 = g[1], *g2 = g[2];
     const ptrdiff_t blocks = (n + 63) / 64;
-    for (ptrdiff_t b = 0; b < blocks + 3; ++b) {
+    // The left step words of the vector before (only lanes that are no result read them
+    // before the first vector) and the right step words of the current vector.
+    __m512i leftPrev = _mm512_setzero_si512(), right = _mm512_setzero_si512();
+    for (ptrdiff_t b = 0; b <= blocks; ++b) {
         if (b < blocks) {
             const ptrdiff_t i = 64 * b;
             const __m512i index = _mm512_permutexvar_epi8(order, _mm512_loadu_si512(line + i));
@@ -177,31 +183,34 @@ VX_VBMI void WideRow(const Planes &p, int32_t bias, const uint8_t *in, uint8_t *
                 for (int k = 0; k < 4; ++k)
                     _mm512_store_si512(g[j] + i + 16 * k, words[k]);
             }
+            if (b == 0)
+                right = StepAt<kGroups, kTap>(g0, g1, g2, 0);
         }
-        if (b >= 2 && b - 2 < blocks) {
-            const ptrdiff_t i = 64 * (b - 2);
-            for (int k = 0; k < 4; ++k)
-                _mm512_store_si512(fromLeft + i + 16 * k, Step<kGroups, -kTap>(g0, g1, g2, i + 16 * k));
+        if (b == 0)
+            continue;
+        const ptrdiff_t first = 64 * (b - 1);
+        __m512i sums[4];
+        for (int k = 0; k < 4; ++k) {
+            const ptrdiff_t t = 4 * (b - 1) + k;
+            const __m512i left = StepAt<kGroups, -kTap>(g0, g1, g2, t);
+            const __m512i rightNext = StepAt<kGroups, kTap>(g0, g1, g2, t + 1);
+            const __m512i leftSum = HalfSum(left, _mm512_alignr_epi32(left, leftPrev, 16 - kB),
+                                            _mm512_alignr_epi32(left, leftPrev, 16 - 2 * kB));
+            const __m512i rightSum = HalfSum(right, _mm512_alignr_epi32(rightNext, right, kB),
+                                             _mm512_alignr_epi32(rightNext, right, 2 * kB));
+            sums[k] = Combine(leftSum, rightSum, vbias);
+            leftPrev = left;
+            right = rightNext;
         }
-        if (b >= 3) {
-            // The right step words of block b - 3 reach at most 2 x 12 samples into block b - 2.
-            const ptrdiff_t i = 64 * (b - 3);
-            for (int k = 0; k < 4; ++k)
-                _mm512_store_si512(g0 + i + 16 * k, Step<kGroups, kTap>(g0, g1, g2, i + 16 * k));
-            // Result r needs the right step words up to padded sample r + (kPad + 2) kB; after
-            // the last block every remaining result is complete (the lanes past the row are
-            // not stored).
-            const ptrdiff_t limit = b < blocks + 2 ? i + 64 - (kPad + 2) * kB - 63 : static_cast<ptrdiff_t>(rowBytes);
-            for (; done < limit && done < static_cast<ptrdiff_t>(rowBytes); done += 64)
-                RowResults(fromLeft, fromRight, done + kPad * kB, kB, vbias, out + done,
-                           TailMask64(rowBytes - static_cast<size_t>(done)));
-        }
+        const __mmask64 mask = RowMask(first, begin, end);
+        if (mask)
+            _mm512_mask_storeu_epi8(out + first - begin, mask, PackBytes(sums));
     }
 }
 
 template <int kBpp>
 VX_VBMI void WideRows(const BlurKernel &kernel, const uint8_t *src, uint8_t *dst, int32_t width, int32_t height,
-                      uint8_t *line, uint32_t *const g[4])
+                      uint8_t *line, uint32_t *const g[3])
 {
     Planes p;
     SplitPlanes(kernel, p);
@@ -363,11 +372,11 @@ size_t WideRowWords(int32_t width, uint32_t bpp)
 }
 
 void WideBlurRows(const BlurKernel &kernel, const uint8_t *src, uint8_t *dst, int32_t width, int32_t height,
-                  uint32_t bpp, uint8_t *line, uint32_t *const words[4])
+                  uint32_t bpp, uint8_t *line, uint32_t *const words[3])
 {
 #if VX_WIDE_BLUR
-    uint32_t *g[4];
-    for (int j = 0; j < 4; ++j) {
+    uint32_t *g[3];
+    for (int j = 0; j < 3; ++j) {
         const auto start = reinterpret_cast<uintptr_t>(words[j] + 64);
         g[j] = reinterpret_cast<uint32_t *>((start + 63) & ~uintptr_t{63});
     }

@@ -453,7 +453,7 @@ void SeparableBlur(const VxImage *image, VxImage *result, int32_t taps, double s
     // same bytes either way).
     BuildBlurKernel(taps, sigmaH, kernel);
     if (WideBlurAvailable() && LanesStayApart(kernel)) {
-        uint32_t *const words[4] = {rowWork.g0, rowWork.g1, rowWork.g2, rowWork.sums};
+        uint32_t *const words[3] = {rowWork.g0, rowWork.g1, rowWork.g2};
         WideBlurRows(kernel, image->priv->pixels, out, w, h, static_cast<uint32_t>(bpp), rowWork.line, words);
     } else {
         FilterRows(kernel, image, out, rowWork);
