@@ -208,6 +208,108 @@ VX_VBMI void WideRow(const Planes &p, int32_t bias, const uint8_t *in, uint8_t *
     }
 }
 
+// ---- rows when every lane fits in a byte ----
+//
+// Then each lane (one tap) is a table of bytes of its own, taken from the words of its group,
+// and is looked up with one plane's permutes. A result is the plain sum of the 2 (3 g) - 1
+// lane values around it (the centre lane twice), at most 2046, so it is summed on 16-bit
+// lanes from the looked-up bytes at their offsets.
+
+struct LanePlanes {
+    alignas(64) uint8_t plane[9][256];
+};
+
+// True when every lane of every table is at most 255.
+bool LanesFitBytes(const BlurKernel &kernel)
+{
+    for (int j = 0; j < kernel.groups; ++j)
+        for (int v = 0; v < 256; ++v)
+            for (int k = 0; k < 3; ++k)
+                if (((kernel.table[j][v] >> (10 * k)) & 0x3FF) > 255)
+                    return false;
+    return true;
+}
+
+void SplitLanes(const BlurKernel &kernel, LanePlanes &p)
+{
+    for (int i = 0; i < 9; ++i)
+        for (int v = 0; v < 256; ++v)
+            p.plane[i][v] = static_cast<uint8_t>(kernel.table[i / 3][v] >> (10 * (i % 3)));
+}
+
+// The sum of the lanes of 32 samples of the padded line from q on.
+VX_VBMI inline __m512i Widened(const uint8_t *p)
+{
+    return _mm512_cvtepu8_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(p)));
+}
+
+template <int kTaps, ptrdiff_t kB>
+VX_VBMI inline __m512i LaneSum(uint8_t *const *lane, ptrdiff_t q)
+{
+    const __m512i centre = Widened(lane[0] + q);
+    __m512i sum = _mm512_add_epi16(centre, centre);
+    for (int i = 1; i < kTaps; ++i)
+        sum = _mm512_add_epi16(sum, _mm512_add_epi16(Widened(lane[i] + q - i * kB), Widened(lane[i] + q + i * kB)));
+    return sum;
+}
+
+// One row: block b's lanes looked up into their byte arrays, then the results of block b - 2
+// (whose reach ends in block b - 1, stored an iteration before).
+template <int kBpp, int kGroups>
+VX_VBMI void LaneRow(const LanePlanes &p, int32_t bias, const uint8_t *in, uint8_t *out, int32_t width,
+                     uint8_t *line, uint8_t *const *lane)
+{
+    constexpr int32_t kPad = 3 * kGroups - 1, kTaps = 3 * kGroups;
+    constexpr ptrdiff_t kB = kBpp;
+    const size_t rowBytes = static_cast<size_t>(width) * kBpp;
+    for (int32_t i = 0; i < kPad; ++i)
+        std::memcpy(line + kB * i, in, kB);
+    std::memcpy(line + kB * kPad, in, rowBytes);
+    for (int32_t i = 0; i < kPad; ++i)
+        std::memcpy(line + kB * kPad + rowBytes + kB * i, in + rowBytes - kB, kB);
+    const ptrdiff_t n = static_cast<ptrdiff_t>(rowBytes) + 2 * kPad * kB;
+    const ptrdiff_t begin = kPad * kB, end = begin + static_cast<ptrdiff_t>(rowBytes);
+    const __m512i vbias = _mm512_set1_epi16(static_cast<short>(bias));
+    const __m512i order = _mm512_setr_epi64(0, 2, 4, 6, 1, 3, 5, 7);
+    const ptrdiff_t blocks = (n + 63) / 64;
+    for (ptrdiff_t b = 0; b < blocks + 2; ++b) {
+        if (b < blocks) {
+            const __m512i index = _mm512_loadu_si512(line + 64 * b);
+            const __mmask64 high = _mm512_movepi8_mask(index);
+            for (int i = 0; i < kTaps; ++i)
+                _mm512_store_si512(lane[i] + 64 * b, PlaneBytes(p.plane[i], index, high));
+        }
+        const ptrdiff_t first = 64 * (b - 2);
+        if (first < 0)
+            continue;
+        const __mmask64 mask = RowMask(first, begin, end);
+        if (!mask)
+            continue;
+        const __m512i lo = _mm512_srai_epi16(_mm512_sub_epi16(LaneSum<kTaps, kB>(lane, first), vbias), 2);
+        const __m512i hi = _mm512_srai_epi16(_mm512_sub_epi16(LaneSum<kTaps, kB>(lane, first + 32), vbias), 2);
+        // The pack saturates to 0..255 within 128-bit lanes; the permute restores the order.
+        _mm512_mask_storeu_epi8(out + first - begin, mask, _mm512_permutexvar_epi64(order, _mm512_packus_epi16(lo, hi)));
+    }
+}
+
+template <int kBpp>
+VX_VBMI void LaneRows(const BlurKernel &kernel, const uint8_t *src, uint8_t *dst, int32_t width, int32_t height,
+                      uint8_t *line, uint8_t *const *lane)
+{
+    LanePlanes p;
+    SplitLanes(kernel, p);
+    const size_t rowBytes = static_cast<size_t>(width) * kBpp;
+    for (int32_t y = 0; y < height; ++y) {
+        const uint8_t *in = src + rowBytes * static_cast<size_t>(y);
+        uint8_t *out = dst + rowBytes * static_cast<size_t>(y);
+        switch (kernel.groups) {
+        case 1: LaneRow<kBpp, 1>(p, kernel.bias, in, out, width, line, lane); break;
+        case 2: LaneRow<kBpp, 2>(p, kernel.bias, in, out, width, line, lane); break;
+        default: LaneRow<kBpp, 3>(p, kernel.bias, in, out, width, line, lane); break;
+        }
+    }
+}
+
 template <int kBpp>
 VX_VBMI void WideRows(const BlurKernel &kernel, const uint8_t *src, uint8_t *dst, int32_t width, int32_t height,
                       uint8_t *line, uint32_t *const g[3])
@@ -231,7 +333,7 @@ VX_VBMI void WideRows(const BlurKernel &kernel, const uint8_t *src, uint8_t *dst
 // step words from the result row to two below it.
 constexpr int32_t kWordRows = 8, kDownRows = 4, kLeftRows = 16, kUpRows = 4;
 // Vectors of 64 byte columns per strip, and rows fetched ahead of the lookups.
-constexpr int32_t kStripVectors = 1, kAheadRows = 8;
+constexpr int32_t kStripVectors = 2, kAheadRows = 8;
 
 struct StripState {
     __m512i g[3][kWordRows][kStripVectors][4];
@@ -375,6 +477,21 @@ void WideBlurRows(const BlurKernel &kernel, const uint8_t *src, uint8_t *dst, in
                   uint32_t bpp, uint8_t *line, uint32_t *const words[3])
 {
 #if VX_WIDE_BLUR
+    if (LanesFitBytes(kernel)) {
+        // Nine byte arrays of WideRowWords bytes, three in each word array, each starting
+        // 64-byte aligned after 64 bytes that the first results' windows may reach back into.
+        const size_t stride = (WideRowWords(width, bpp) - 16) & ~size_t{63};
+        uint8_t *lane[9];
+        for (int i = 0; i < 9; ++i) {
+            const auto start = reinterpret_cast<uintptr_t>(words[i / 3]) + 64 + stride * static_cast<size_t>(i % 3);
+            lane[i] = reinterpret_cast<uint8_t *>((start + 63) & ~uintptr_t{63});
+        }
+        switch (bpp) {
+        case 1: LaneRows<1>(kernel, src, dst, width, height, line, lane); return;
+        case 3: LaneRows<3>(kernel, src, dst, width, height, line, lane); return;
+        default: LaneRows<4>(kernel, src, dst, width, height, line, lane); return;
+        }
+    }
     uint32_t *g[3];
     for (int j = 0; j < 3; ++j) {
         const auto start = reinterpret_cast<uintptr_t>(words[j] + 64);
