@@ -1,7 +1,7 @@
-// Block zones: equal-sized elements carved from chunks of about 2000 bytes. Chunks stay in
-// ascending order of free count (full ones at the tail), so an allocation always takes a slot
-// from the fullest chunk that has room, and a chunk that becomes entirely free is released
-// unless it is the zone's last one.
+// Block zones: equal-sized elements carved from chunks of about 2000 bytes. Chunks with room
+// stay in ascending order of free count (full ones after them, kept aside), so an allocation
+// always takes a slot from the fullest chunk that has room, and a chunk that becomes entirely
+// free is released unless it is the zone's last one.
 #include "core/containers_internal.h"
 
 #include <vxtools3/ckpt.h>
@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <vector>
 
 using vx::zone::kSlotPrefix;
 
@@ -58,6 +59,26 @@ void MarkFree(BZChunk *chunk, int32_t index, bool isFree)
 bool MarkedFree(const BZChunk *chunk, int32_t index) { return (chunk->freeMap[index / 64] >> (index % 64)) & 1; }
 
 BZChunk *AsChunk(VxNode *node) { return reinterpret_cast<BZChunk *>(node); }
+
+BZChunk *MemberChunk(const BZMember *member)
+{
+    return reinterpret_cast<BZChunk *>(reinterpret_cast<uintptr_t>(member) - offsetof(BZChunk, member));
+}
+
+void AddMember(BZone *zone, BZChunk *chunk)
+{
+    BZMember *sentinel = &zone->allChunks;
+    chunk->member.next = sentinel->next;
+    chunk->member.prev = sentinel;
+    sentinel->next->prev = &chunk->member;
+    sentinel->next = &chunk->member;
+}
+
+void RemoveMember(BZChunk *chunk)
+{
+    chunk->member.prev->next = chunk->member.next;
+    chunk->member.next->prev = chunk->member.prev;
+}
 
 // The list's own Remove and Insert, written here so that the moves on every allocation and
 // free are inlined rather than called.
@@ -118,6 +139,7 @@ void LinkEmptyChunk(BZone *zone, BZChunk *chunk)
     Insert(&zone->chunks, &chunk->link, after);
     if (!zone->lastWithFree[zone->perChunk])
         zone->lastWithFree[zone->perChunk] = chunk;
+    AddMember(zone, chunk);
     ++zone->chunkCount;
 }
 
@@ -131,17 +153,13 @@ BZChunk *NewChunk(BZone *zone)
     chunk->zone = zone;
     chunk->firstFree = FirstSlot(chunk);
     chunk->freeCount = zone->perChunk;
-    const int32_t fullWords = zone->perChunk / 64;
-    for (int32_t word = 0; word < fullWords; ++word)
-        chunk->freeMap[word] = ~uint64_t{0};
-    if (const int32_t rest = zone->perChunk % 64)
-        chunk->freeMap[fullWords] = (uint64_t{1} << rest) - 1;
-    return chunk;
+    return chunk;  // the free map is all zero: no slot has been handed out and freed yet
 }
 
 [[gnu::noinline]] void ReleaseChunk(BZone *zone, BZChunk *chunk)
 {
     Unlink(zone, chunk);
+    RemoveMember(chunk);
     --zone->chunkCount;
     FreeHeap(chunk, zone->chunkBytes);
 }
@@ -154,8 +172,7 @@ BZChunk *NewChunk(BZone *zone)
         zone->lastWithFree[count] = nullptr;  // it was the only chunk with this count
     chunk->freeCount = count - 1;
     if (count - 1 == 0) {
-        UnlinkNode(&chunk->link);
-        LinkAfter(zone->chunks.tailPred, &chunk->link);
+        UnlinkNode(&chunk->link);  // full: out of the order until a slot is freed
     } else {
         zone->lastWithFree[count - 1] = chunk;  // no chunk had fewer free slots
     }
@@ -178,15 +195,18 @@ BZChunk *NewChunk(BZone *zone)
         zone->lastWithFree[count + 1] = chunk;
 }
 
-// The lowest free slot after taking one, from the free map.
+// The lowest free slot after taking one: a freed slot from the free map, else the first slot
+// never handed out (the end of the slots when every slot has been).
 unsigned char *LowestFree(const BZone *zone, BZChunk *chunk)
 {
-    const int32_t words = (zone->perChunk + 63) / 64;
+    const int32_t words = (chunk->used + 63) / 64;
+    int32_t index = chunk->used;
     for (int32_t word = 0; word < words; ++word)
-        if (chunk->freeMap[word])
-            return FirstSlot(chunk) + static_cast<size_t>(word * 64 + std::countr_zero(chunk->freeMap[word])) *
-                                          static_cast<size_t>(zone->slotSize);
-    return SlotsEnd(zone, chunk);
+        if (chunk->freeMap[word]) {
+            index = word * 64 + std::countr_zero(chunk->freeMap[word]);
+            break;
+        }
+    return FirstSlot(chunk) + static_cast<size_t>(index) * static_cast<size_t>(zone->slotSize);
 }
 
 [[gnu::always_inline]] inline void *TakeSlot(BZone *zone, BZChunk *chunk)
@@ -196,9 +216,8 @@ unsigned char *LowestFree(const BZone *zone, BZChunk *chunk)
     const int32_t used = chunk->used;
     SetSlotMark(slot, chunk);
     if (slot == FirstSlot(chunk) + static_cast<size_t>(used) * slotSize) {
-        // Never handed out, so still zero; every slot below it is in use, so the next free
-        // one follows it.
-        MarkFree(chunk, used, false);
+        // Never handed out, so still zero and not in the free map; every slot below it is in
+        // use, so the next free one follows it.
         chunk->used = used + 1;
         chunk->firstFree = slot + slotSize;
     } else {
@@ -232,8 +251,7 @@ unsigned char *LowestFree(const BZone *zone, BZChunk *chunk)
     std::memset(elem, kFreedFill, static_cast<size_t>(zone->elemSize));
     chunk->firstFree = std::min(chunk->firstFree, slot);
     if (chunk->freeCount == 0) {
-        UnlinkNode(&chunk->link);
-        LinkAfter(ListHeader(zone), &chunk->link);
+        LinkAfter(ListHeader(zone), &chunk->link);  // one free slot: the fullest with room
         chunk->freeCount = 1;
         if (!zone->lastWithFree[1])
             zone->lastWithFree[1] = chunk;
@@ -250,7 +268,8 @@ unsigned char *LowestFree(const BZone *zone, BZChunk *chunk)
     BZChunk *chunk = NewChunk(zone);
     if (!chunk)
         return nullptr;
-    AddHead(&zone->chunks, &chunk->link);  // every other chunk is full
+    AddHead(&zone->chunks, &chunk->link);  // every other chunk is full, so the order is empty
+    AddMember(zone, chunk);
     zone->lastWithFree[zone->perChunk] = chunk;
     ++zone->chunkCount;
     return TakeSlot(zone, chunk);
@@ -292,8 +311,7 @@ namespace vx::zone {
 
 void *AllocArmed(BZone *zone)
 {
-    BZChunk *head = HeadChunk(zone);
-    const uintptr_t madeChunk = !head || head->freeCount == 0;
+    const uintptr_t madeChunk = HeadChunk(zone) == nullptr;
     void *elem = BZAlloc(zone);
     CkptArm(ReturnArmed, reinterpret_cast<uintptr_t>(zone), reinterpret_cast<uintptr_t>(elem) | madeChunk);
     return elem;
@@ -316,6 +334,7 @@ VX_API BZone *BZCreate(size_t size)
     zone->elemSize = elemSize;
     zone->perChunk = perChunk;
     NewList(&zone->chunks);
+    zone->allChunks.next = zone->allChunks.prev = &zone->allChunks;
     zone->slotSize = slotSize;
     zone->chunkBytes = sizeof(BZChunk) + static_cast<size_t>(perChunk) * static_cast<size_t>(slotSize);
     zone->slotReciprocal = (uint64_t{1} << kReciprocalShift) / static_cast<uint64_t>(slotSize) + 1;
@@ -326,7 +345,7 @@ VX_API BZone *BZCreate(size_t size)
 VX_API void *BZAlloc(BZone *zone)
 {
     VxNode *head = zone->chunks.head;
-    if (head->succ && AsChunk(head)->freeCount != 0) [[likely]]
+    if (head->succ) [[likely]]
         return TakeSlot(zone, AsChunk(head));
     return AllocFromNewChunk(zone);
 }
@@ -353,8 +372,11 @@ VX_API void BZDestroy(BZone *zone)
 {
     if (!zone)
         return;
-    while (VxNode *node = RemHead(&zone->chunks))
-        FreeHeap(node, zone->chunkBytes);
+    for (BZMember *member = zone->allChunks.next; member != &zone->allChunks;) {
+        BZChunk *chunk = MemberChunk(member);
+        member = member->next;
+        FreeHeap(chunk, zone->chunkBytes);
+    }
     FreeHeap(zone, ZoneRecordBytes(zone->perChunk));
 }
 
@@ -407,7 +429,7 @@ int CheckSlots(const BZone *zone, BZChunk *chunk, int index)
         if (slot >= unused && (mark || !std::all_of(slot + kSlotPrefix, slot + zone->slotSize,
                                                     [](unsigned char b) { return b == 0; })))
             return Fault(zone, index, "a slot never handed out is in use or not zero");
-        if (MarkedFree(chunk, SlotIndex(zone, chunk, slot)) != !mark)
+        if (MarkedFree(chunk, SlotIndex(zone, chunk, slot)) != (slot < unused && !mark))
             return Fault(zone, index, "the free map disagrees with a slot mark");
         if (mark)
             continue;
@@ -426,30 +448,29 @@ int CheckSlots(const BZone *zone, BZChunk *chunk, int index)
     return freeSlots;
 }
 
-}  // namespace
-
-extern "C" VX_API int BZValidate(const BZone *zone)
+// Checks the order of chunks with room: ascending free counts, run ends recorded, every chunk
+// owned by the zone and none full. Returns how many chunks it holds, or -1.
+int CheckOrder(const BZone *zone)
 {
-    if (ListValidate(&zone->chunks) != zone->chunkCount)
-        return Fault(zone, -1, "the chunk list is broken or its length is not chunkCount");
-    int live = 0;
+    const int length = ListValidate(&zone->chunks);
+    if (length < 0)
+        return Fault(zone, -1, "the order of chunks with room is broken");
     int index = 0;
     int32_t previous = 1;
     for (VxNode *node = zone->chunks.head; node->succ; node = node->succ, ++index) {
         BZChunk *chunk = AsChunk(node);
         if (chunk->zone != zone)
-            return Fault(zone, index, "owned by another zone");
-        const int freeSlots = CheckSlots(zone, chunk, index);
-        if (freeSlots < 0)
-            return -1;
-        if (freeSlots != 0 && (previous == 0 || freeSlots < previous))
-            return Fault(zone, index, "out of order: free counts must ascend, full chunks last");
+            return Fault(zone, index, "a chunk in the order is owned by another zone");
+        const int32_t freeSlots = chunk->freeCount;
+        if (freeSlots <= 0)
+            return Fault(zone, index, "a full chunk is in the order of chunks with room");
+        if (freeSlots < previous)
+            return Fault(zone, index, "out of order: free counts must ascend");
         VxNode *next = node->succ;
         const bool endsRun = !next->succ || AsChunk(next)->freeCount != freeSlots;
-        if (freeSlots != 0 && endsRun && zone->lastWithFree[freeSlots] != chunk)
+        if (endsRun && zone->lastWithFree[freeSlots] != chunk)
             return Fault(zone, index, "not recorded as the end of its run of free counts");
         previous = freeSlots;
-        live += zone->perChunk - freeSlots;
     }
     for (int32_t count = 1; count <= zone->perChunk; ++count) {
         BZChunk *runEnd = zone->lastWithFree[count];
@@ -459,5 +480,51 @@ extern "C" VX_API int BZValidate(const BZone *zone)
         if (runEnd->freeCount != count || (next->succ && AsChunk(next)->freeCount == count))
             return Fault(zone, -1, "a run end does not end a run of its free count");
     }
+    return length;
+}
+
+// The length of the list of every chunk, or -1 when its links disagree.
+int64_t CountMembers(const BZone *zone)
+{
+    int64_t length = 0;
+    const BZMember *sentinel = &zone->allChunks;
+    for (const BZMember *member = sentinel; member->next != sentinel; member = member->next, ++length)
+        if (member->next->prev != member || length > zone->chunkCount)
+            return -1;
+    return sentinel->prev->next == sentinel ? length : -1;
+}
+
+}  // namespace
+
+extern "C" VX_API int BZValidate(const BZone *zone)
+{
+    if (CountMembers(zone) != zone->chunkCount)
+        return Fault(zone, -1, "the list of chunks is broken or its length is not chunkCount");
+    const int withRoom = CheckOrder(zone);
+    if (withRoom < 0)
+        return -1;
+    std::vector<const BZChunk *> ordered;
+    for (VxNode *node = zone->chunks.head; node->succ; node = node->succ)
+        ordered.push_back(AsChunk(node));
+    std::sort(ordered.begin(), ordered.end());
+    int live = 0;
+    int index = 0;
+    int notFull = 0;
+    for (const BZMember *member = zone->allChunks.next; member != &zone->allChunks; member = member->next, ++index) {
+        BZChunk *chunk = MemberChunk(member);
+        if (chunk->zone != zone)
+            return Fault(zone, index, "owned by another zone");
+        const int freeSlots = CheckSlots(zone, chunk, index);
+        if (freeSlots < 0)
+            return -1;
+        if (freeSlots != 0) {
+            ++notFull;
+            if (!std::binary_search(ordered.begin(), ordered.end(), chunk))
+                return Fault(zone, index, "a chunk with room is missing from the order");
+        }
+        live += zone->perChunk - freeSlots;
+    }
+    if (notFull != withRoom)
+        return Fault(zone, -1, "the order holds chunks the zone does not own");
     return live;
 }

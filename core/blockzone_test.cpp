@@ -31,11 +31,14 @@ BZChunk *ChunkOf(void *elem)
     return chunk;
 }
 
+// The free counts of the chunks with room in their order, then a zero for each full chunk
+// (full chunks are kept aside, after the others).
 std::vector<int32_t> FreeCountsInOrder(const BZone *zone)
 {
     std::vector<int32_t> counts;
     for (VxNode *node = zone->chunks.head; node->succ; node = node->succ)
         counts.push_back(reinterpret_cast<BZChunk *>(node)->freeCount);
+    counts.resize(static_cast<size_t>(Stats(zone).chunkCount), 0);
     return counts;
 }
 
@@ -138,7 +141,7 @@ TEST(BlockZone, ChunksStayInAscendingFreeCountWithFullOnesLast)
     std::vector<void *> elems;
     for (int i = 0; i < 40; ++i)
         elems.push_back(BZAlloc(zone));
-    // A chunk is made at the head and moves to the tail once full: oldest first.
+    // A chunk is made at the head and leaves the order once full.
     ASSERT_EQ(FreeCountsInOrder(zone), (std::vector<int32_t>{0, 0, 0, 0}));
     BZChunk *oldest = ChunkOf(elems[0]);
     BZChunk *newest = ChunkOf(elems[39]);

@@ -19,10 +19,19 @@ inline constexpr int32_t kFreeMapWords = (kMaxPerChunk + 63) / 64;
 
 // A chunk: this header, then perChunk slots of slotSize bytes. A slot starts with a word that
 // holds the owning chunk while the slot is in use and zero while it is free; the element
-// follows it. `freeMap` mirrors the slot marks (bit i set: slot i is free) so that the next
-// free slot is found without reading the slots themselves.
+// follows it. `freeMap` mirrors the marks of the slots handed out before (bit i set: slot
+// i < used is free) so that the next free slot is found without reading the slots themselves;
+// slots from `used` on are free without a bit, which keeps the map out of the way while a
+// fresh chunk is being filled.
+// Links of the circular list of every chunk a zone owns (the zone holds its sentinel).
+struct BZMember {
+    BZMember *next;
+    BZMember *prev;
+};
+
 struct BZChunk {
-    VxNode link;  // in the zone's chunk list; link.seq is unused
+    VxNode link;      // in the zone's order of chunks with room; unlinked while full; seq unused
+    BZMember member;  // in the zone's list of every chunk it owns
     BZone *zone;
     unsigned char *firstFree;  // lowest free slot, or the end of the slots when none is free
     int32_t freeCount;
@@ -35,7 +44,12 @@ struct BZChunk {
 struct BZone {
     int32_t elemSize;
     int32_t perChunk;
-    VxList chunks;  // ascending free count, full chunks at the tail
+    // The chunks that have room, in ascending order of free count. Full chunks, which would
+    // all sit at the tail, are left out of it: freeing into a full chunk then links it at the
+    // head without touching the chunks around its old place, and filling the head chunk
+    // unlinks it from the head. `allChunks` holds every chunk, for validation and release.
+    VxList chunks;
+    BZMember allChunks;
     int32_t chunkCount;
     int32_t slotSize;   // elemSize + the slot prefix
     size_t chunkBytes;  // the header and every slot
