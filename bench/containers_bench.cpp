@@ -13,6 +13,8 @@
 
 #include "bench/ratio_reporter.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <map>
@@ -305,6 +307,19 @@ WIDE_CASES(Erase, "erase")
 
 // ---- Block zones -----------------------------------------------------------------------------
 
+// The C library heap adapts its thresholds to what was freed before: after a large block is
+// freed it stops mapping and unmapping big blocks, and it gives pages back to the system only
+// past a trim threshold that follows the mapping threshold. Left alone, each contestant's
+// time would depend on which cases ran before it (boost::pool took 13.5 ms alone and 2.3 ms
+// after the malloc case). Fixing both thresholds at their largest values gives every
+// contestant the same heap: freed pages stay with the process, except when someone asks for
+// a trim, as FreeHeap does once more than 4 MB have been freed.
+const bool kFixedHeapThresholds = [] {
+    mallopt(M_MMAP_THRESHOLD, 32 << 20);
+    mallopt(M_TRIM_THRESHOLD, 1 << 30);
+    return true;
+}();
+
 constexpr size_t kBlocks = 1000000;
 constexpr size_t kBlockSize = 32;
 constexpr size_t kChurnLive = 100000;
@@ -314,6 +329,31 @@ struct ZoneHeap {
     ~ZoneHeap() { BZDestroy(zone); }
     void *Alloc() { return BZAlloc(zone); }
     void Free(void *p) { BZFree(zone, p); }
+};
+
+// The same zone with the C library heap installed without its trim: FreeHeap then leaves the
+// freed chunks' pages with the process, as malloc and boost::pool do, instead of returning
+// them once more than 4 MB have been freed.
+struct ZoneHeapNoTrim {
+    StdAllocator saved = InstallWithoutTrim();  // before the zone is made
+    BZone *zone = BZCreate(kBlockSize);
+    ~ZoneHeapNoTrim()
+    {
+        BZDestroy(zone);
+        StdSetAllocator(&saved);
+    }
+    void *Alloc() { return BZAlloc(zone); }
+    void Free(void *p) { BZFree(zone, p); }
+    // Installs the heap in use without its trim; returns the heap to put back.
+    static StdAllocator InstallWithoutTrim()
+    {
+        StdAllocator saved;
+        StdGetAllocator(&saved);
+        StdAllocator table = saved;
+        table.trim = nullptr;
+        StdSetAllocator(&table);
+        return saved;
+    }
 };
 
 struct MallocHeap {
@@ -412,10 +452,15 @@ void ZoneChurn(benchmark::State &state)
 #define BOOST_POOL_CASE(fn, name, ...)
 #endif
 
-#define ZONE_CASE(fn, name, ...)                                             \
-    BENCHMARK(fn<ZoneHeap>)->Name(name ":BZone")__VA_ARGS__;               \
+// Each case twice: with the zone as it ships, and again (case name "<case>_notrim") with the
+// zone on a heap without the trim, beside the same peers.
+#define ZONE_CASE_WITH(heap, fn, name, ...)                                  \
+    BENCHMARK(fn<heap>)->Name(name ":BZone")__VA_ARGS__;                     \
     BENCHMARK(fn<MallocHeap>)->Name(name ":malloc")__VA_ARGS__;              \
     BOOST_POOL_CASE(fn, name, __VA_ARGS__)
+#define ZONE_CASE(fn, name, ...)                                    \
+    ZONE_CASE_WITH(ZoneHeap, fn, name, __VA_ARGS__)                 \
+    ZONE_CASE_WITH(ZoneHeapNoTrim, fn, name "_notrim", __VA_ARGS__)
 
 ZONE_CASE(ZoneAlloc, "zone_alloc_1M", ->Unit(benchmark::kMillisecond))
 ZONE_CASE(ZoneFree, "zone_free_in_order_1M", ->Arg(0)->Unit(benchmark::kMillisecond))
