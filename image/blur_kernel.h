@@ -30,10 +30,6 @@ void BuildBlurKernel(int32_t taps, double sigma, BlurKernel &kernel);
 // sum of lanes carries into the next lane: then the wide passes give the same bytes as the
 // running sums.
 bool LanesStayApart(const BlurKernel &kernel);
-// True when the wide passes (AVX-512 VBMI) can run here and have not been switched off.
-bool WideBlurAvailable();
-// Switches the wide passes on or off (tests run the byte-exact checks both ways).
-void SetWideBlur(bool on);
 // Words of each of the three lookup arrays, and bytes of the padded line, of a wide row.
 size_t WideRowWords(int32_t width, uint32_t bpp);
 // The horizontal pass over every row of `src` into `dst` (same size), with a line of

@@ -13,30 +13,15 @@
 // on a fixed window of table words and whole vectors of samples are computed at once, with
 // the same bytes as the recurrence.
 #include "image/blur_kernel.h"
+#include "image/wide.h"
 
 #include <algorithm>
 #include <cstring>
 
-#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
-#include <immintrin.h>
-#define VX_WIDE_BLUR 1
-#if !defined(__clang__)
-// GCC 12 takes the deliberately undefined first operand that its AVX-512 intrinsics pass to
-// the unmasked instructions for a read of an uninitialised variable.
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
-#else
-#define VX_WIDE_BLUR 0
-#endif
-
 namespace vx::image {
 namespace {
 
-bool wideEnabled = true;
-
-#if VX_WIDE_BLUR
-
-#define VX_VBMI __attribute__((target("avx512f,avx512bw,avx512vbmi")))
+#if VX_WIDE
 
 // Byte planes of the tables of one direction: plane[j][b] is byte b of the 256 words of
 // table j.
@@ -52,41 +37,6 @@ void SplitPlanes(const BlurKernel &kernel, Planes &p)
                 p.plane[j][b][v] = static_cast<uint8_t>(kernel.table[j][v] >> (8 * b));
 }
 
-// Byte b of the words of 64 indices: entries 0..127 and 128..255 by two permutes, chosen
-// by the index's top bit.
-VX_VBMI inline __m512i PlaneBytes(const uint8_t *plane, __m512i index, __mmask64 high)
-{
-    const __m512i lo = _mm512_permutex2var_epi8(_mm512_load_si512(plane), index, _mm512_load_si512(plane + 64));
-    const __m512i hi = _mm512_permutex2var_epi8(_mm512_load_si512(plane + 128), index, _mm512_load_si512(plane + 192));
-    return _mm512_mask_blend_epi8(high, lo, hi);
-}
-
-// The order in which the 64 indices are permuted before the lookup so that the unpacks,
-// which work within 128-bit lanes, give the words in the indices' own order: position
-// 16 L + 4 k + e takes index 16 k + 4 L + e.
-VX_VBMI inline __m512i WordOrder()
-{
-    alignas(64) uint8_t order[64];
-    for (int l = 0; l < 4; ++l)
-        for (int k = 0; k < 4; ++k)
-            for (int e = 0; e < 4; ++e)
-                order[16 * l + 4 * k + e] = static_cast<uint8_t>(16 * k + 4 * l + e);
-    return _mm512_load_si512(order);
-}
-
-// The words of table `plane` for 64 permuted indices, as four vectors of 16 words.
-VX_VBMI inline void LookUp(const uint8_t (*plane)[256], __m512i index, __mmask64 high, __m512i words[4])
-{
-    const __m512i b0 = PlaneBytes(plane[0], index, high), b1 = PlaneBytes(plane[1], index, high);
-    const __m512i b2 = PlaneBytes(plane[2], index, high), b3 = PlaneBytes(plane[3], index, high);
-    const __m512i lo01 = _mm512_unpacklo_epi8(b0, b1), hi01 = _mm512_unpackhi_epi8(b0, b1);
-    const __m512i lo23 = _mm512_unpacklo_epi8(b2, b3), hi23 = _mm512_unpackhi_epi8(b2, b3);
-    words[0] = _mm512_unpacklo_epi16(lo01, lo23);
-    words[1] = _mm512_unpackhi_epi16(lo01, lo23);
-    words[2] = _mm512_unpacklo_epi16(hi01, hi23);
-    words[3] = _mm512_unpackhi_epi16(hi01, hi23);
-}
-
 // Lane 0 of a step word plus the next older step's lane 1 and the one before's lane 2.
 VX_VBMI inline __m512i HalfSum(__m512i s0, __m512i s1, __m512i s2)
 {
@@ -99,18 +49,6 @@ VX_VBMI inline __m512i Combine(__m512i left, __m512i right, __m512i bias)
 {
     return _mm512_srai_epi32(_mm512_sub_epi32(_mm512_add_epi32(left, right), bias), 2);
 }
-
-// Four vectors of 16 results as 64 bytes in order, each clamped to 0..255 by the saturating
-// packs (a result is at most 2046 >> 2, so the 16-bit step cannot wrap). The packs work
-// within 128-bit lanes; the final permute restores the order.
-VX_VBMI inline __m512i PackBytes(const __m512i v[4])
-{
-    const __m512i order = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
-    const __m512i packed = _mm512_packus_epi16(_mm512_packus_epi32(v[0], v[1]), _mm512_packus_epi32(v[2], v[3]));
-    return _mm512_permutexvar_epi32(order, packed);
-}
-
-VX_VBMI inline __mmask64 TailMask64(size_t n) { return n >= 64 ? ~__mmask64(0) : (__mmask64(1) << n) - 1; }
 
 // The 16 words of `v` from 16 t + kD on, from the aligned vectors that hold them.
 template <ptrdiff_t kD>
@@ -428,13 +366,6 @@ VX_VBMI void WideColumns(const BlurKernel &kernel, uint8_t *data, size_t rowByte
     }
 }
 
-bool CpuHasVbmi()
-{
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-           __builtin_cpu_supports("avx512vbmi");
-}
-
 #endif
 
 }  // namespace
@@ -452,18 +383,6 @@ bool LanesStayApart(const BlurKernel &kernel)
     return total <= 1023;
 }
 
-void SetWideBlur(bool on) { wideEnabled = on; }
-
-bool WideBlurAvailable()
-{
-#if VX_WIDE_BLUR
-    static const bool has = CpuHasVbmi();
-    return wideEnabled && has;
-#else
-    return false;
-#endif
-}
-
 size_t WideRowWords(int32_t width, uint32_t bpp)
 {
     // The padded row (at most 8 pixels each side) rounded up to whole vectors of 64, one more
@@ -476,7 +395,7 @@ size_t WideRowWords(int32_t width, uint32_t bpp)
 void WideBlurRows(const BlurKernel &kernel, const uint8_t *src, uint8_t *dst, int32_t width, int32_t height,
                   uint32_t bpp, uint8_t *line, uint32_t *const words[3])
 {
-#if VX_WIDE_BLUR
+#if VX_WIDE
     if (LanesFitBytes(kernel)) {
         // Nine byte arrays of WideRowWords bytes, three in each word array, each starting
         // 64-byte aligned after 64 bytes that the first results' windows may reach back into.
@@ -509,7 +428,7 @@ void WideBlurRows(const BlurKernel &kernel, const uint8_t *src, uint8_t *dst, in
 
 void WideBlurColumns(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, int32_t height)
 {
-#if VX_WIDE_BLUR
+#if VX_WIDE
     WideColumns(kernel, data, rowBytes, height);
 #else
     (void)kernel, (void)data, (void)rowBytes, (void)height;

@@ -3,6 +3,7 @@
 // and the Gaussian matrix convolution for the other types.
 #include "image/blur_kernel.h"
 #include "image/image_internal.h"
+#include "image/wide.h"
 
 #include <algorithm>
 #include <cmath>
@@ -452,14 +453,14 @@ void SeparableBlur(const VxImage *image, VxImage *result, int32_t taps, double s
     // Each pass runs wide when the machine allows and the kernel's lanes never carry (the
     // same bytes either way).
     BuildBlurKernel(taps, sigmaH, kernel);
-    if (WideBlurAvailable() && LanesStayApart(kernel)) {
+    if (WidePathsAvailable() && LanesStayApart(kernel)) {
         uint32_t *const words[3] = {rowWork.g0, rowWork.g1, rowWork.g2};
         WideBlurRows(kernel, image->priv->pixels, out, w, h, static_cast<uint32_t>(bpp), rowWork.line, words);
     } else {
         FilterRows(kernel, image, out, rowWork);
     }
     BuildBlurKernel(taps, sigmaV, kernel);
-    if (WideBlurAvailable() && LanesStayApart(kernel))
+    if (WidePathsAvailable() && LanesStayApart(kernel))
         WideBlurColumns(kernel, out, rowBytes, h);
     else
         for (size_t from = 0; from < rowBytes; from += kStripBytes)

@@ -3,6 +3,7 @@
 
 #include "image/blur_kernel.h"
 #include "image/image_test_util.h"
+#include "image/wide.h"
 #include "testkit/fault_alloc.h"
 
 #include <gtest/gtest.h>
@@ -224,7 +225,7 @@ TEST(ImageBlur, FixedPointBlurEqualsThePlainRulesByteForByte)
     const int32_t sizes[][2] = {{11, 7}, {1, 1}, {2, 13}, {23, 3}, {70, 40}};
     int compared = 0;
     for (bool wide : {false, true}) {
-        vx::image::SetWideBlur(wide);
+        vx::image::SetWidePaths(wide);
         for (int32_t type : {VX_PIXEL_GREY, VX_PIXEL_RGB, VX_PIXEL_RGBA})
             for (const auto &size : sizes) {
                 VxImage *src = imagetest::RandomImage(type, size[0], size[1], static_cast<uint32_t>(type * 100 + size[0]));
@@ -247,7 +248,7 @@ TEST(ImageBlur, FixedPointBlurEqualsThePlainRulesByteForByte)
                 ImageDestroy(src);
             }
     }
-    vx::image::SetWideBlur(true);
+    vx::image::SetWidePaths(true);
     EXPECT_GT(compared, 6000);
 }
 
