@@ -77,12 +77,16 @@ double Bezier2Solve(const PowerCubic &xCurve, double t)
     return mid;
 }
 
-// The probes of the bisection are the points j / 2^17 (0 < j < 2^17); the parameter it ends on
-// is k / 2^18. True when x(s), evaluated as PowerCubic::At evaluates it, cannot decrease
-// between neighbouring probes: its rounding error is below 6 units in the last place of the
-// sum of the coefficient magnitudes, and its slope, with a margin for the rounding of the
-// slope, outruns twice that error across 2^-17.
-bool IncreasingAtProbes(const PowerCubic &x)
+// Bounds of a time curve x on [0, 1]. `error` bounds the rounding error of a value as
+// PowerCubic::At computes it (below 6 units in the last place of the sum of the coefficient
+// magnitudes; 16 are taken). `slope` is at most the least slope of the exact cubic: the least
+// of its slopes at the ends and at its turning point, less a margin for their rounding.
+struct CurveBounds {
+    double error;
+    double slope;
+};
+
+CurveBounds BoundsOf(const PowerCubic &x)
 {
     constexpr double kUlp = 0x1p-53;
     const double error = 16.0 * kUlp * (std::fabs(x.c0) + std::fabs(x.a) + std::fabs(x.b) + std::fabs(x.d));
@@ -93,8 +97,14 @@ bool IncreasingAtProbes(const PowerCubic &x)
         if (turn > 0.0 && turn < 1.0)
             lowest = std::fmin(lowest, x.a + 2.0 * x.b * turn + 3.0 * x.d * (turn * turn));
     }
-    return lowest - slopeError > 4.0 * error * 131072.0;
+    return {error, lowest - slopeError};
 }
+
+// The probes of the bisection are the points j / 2^17 (0 < j < 2^17); the parameter it ends on
+// is k / 2^18. True when x(s), evaluated as PowerCubic::At evaluates it, cannot decrease
+// between neighbouring probes: the curve's least slope outruns twice the rounding error of
+// its values across 2^-17.
+bool IncreasingAtProbes(const CurveBounds &bounds) { return bounds.slope > 4.0 * bounds.error * 131072.0; }
 
 // Where the bisection of an increasing x(s) ends, found without walking it: from a guess of
 // the parameter of x(s) = t and of ds/dx there follows the end point (the coarsest probe
@@ -252,10 +262,17 @@ struct Segment {
     double keyEnd;    // EdgeTime(start key's tick + 1): a time below it has the start key's tick
     double base;      // -(start time), so that u = (t + base) / span
     double span;      // the segment's length in seconds
-    double c[4];
-    vx::env::PowerCubic y;
+    // The kinds up to kHermite use c[0] ... c[3] as their comments say. 2-D Bezier segments
+    // keep the power-form coefficients (c0, a, b, d) of the time curve x and the value curve y
+    // in pairs, c[2i] of x and c[2i + 1] of y, so that both curves are evaluated at once; the
+    // y halves are unused for kBezier2Y.
+    double c[8];
     double invRange;  // 2-D Bezier: 1 / (x(1) - x(0)), for a first guess of the parameter
 };
+
+using vx::env::PowerCubic;
+PowerCubic TimeCurve(const Segment &seg) { return PowerCubic::Of(seg.c[0], seg.c[2], seg.c[4], seg.c[6]); }
+PowerCubic ValueCurve(const Segment &seg) { return PowerCubic::Of(seg.c[1], seg.c[3], seg.c[5], seg.c[7]); }
 
 // The inverse of an increasing 2-D Bezier time curve, s against the time, in 1, 2, 4 or up to
 // kCells cells of equal length (the fewest that guess well): in each a cubic in v, the time
@@ -267,6 +284,10 @@ struct InverseCells {
     double start;  // x(0), the segment's start time
     double scale;  // cells per second
     int32_t last;  // the last cell's index
+    // For the end-point check without the bracketing probes (see CellsValue): over n units of
+    // 2^-18 of the parameter, x as computed rises by at least rise * n - clear + 0.0001.
+    double rise;
+    double clear;
     double q[kCells][4];
 };
 
@@ -528,15 +549,26 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
         break;
     case ENV_SHAPE_BEZIER2: {
         const PowerCubic x = Bezier2X(s, e);
-        seg.c[0] = x.c0, seg.c[1] = x.a, seg.c[2] = x.b, seg.c[3] = x.d;
+        seg.c[0] = x.c0, seg.c[2] = x.a, seg.c[4] = x.b, seg.c[6] = x.d;
         seg.invRange = 1.0 / (x.a + x.b + x.d);
-        seg.increasing = IncreasingAtProbes(x);
-        if (seg.inverse >= 0 && !(seg.increasing && FillInverse(tables->inverse[seg.inverse], x, seg.invRange)))
-            seg.inverse = -1;
+        const CurveBounds bounds = BoundsOf(x);
+        seg.increasing = IncreasingAtProbes(bounds);
+        if (seg.inverse >= 0) {
+            InverseCells &cells = tables->inverse[seg.inverse];
+            if (seg.increasing && FillInverse(cells, x, seg.invRange)) {
+                // The least slope per unit of 2^-18, and 0.0001 plus twice the rounding error
+                // of a value, each with a margin of 2^-30 for the roundings of the check.
+                cells.rise = bounds.slope * 0x1p-18 * (1.0 - 0x1p-30);
+                cells.clear = (2.0 * bounds.error + 0.0001) * (1.0 + 0x1p-30);
+            } else {
+                seg.inverse = -1;
+            }
+        }
         // A non-2-D-Bezier start key lends its out tangent as stored, which the tangent rules
         // of TCB and Linear keys rewrite: that value curve is built at each evaluation.
         if (s->shape == ENV_SHAPE_BEZIER2) {
-            seg.y = Bezier2Y(s, e);
+            const PowerCubic y = Bezier2Y(s, e);
+            seg.c[1] = y.c0, seg.c[3] = y.a, seg.c[5] = y.b, seg.c[7] = y.d;
             seg.kind = kBezier2;
         } else {
             seg.kind = kBezier2Y;
@@ -614,14 +646,9 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
     return i;
 }
 
-// The bisection's end point for the 2-D Bezier segment at t, guessed from its inverse cells
-// and confirmed at its deciding probes; false when the segment has no cells or the guess is
-// not confirmed.
-[[gnu::always_inline]] inline bool CellsParameter(const VxEnvTables *tables, const Segment &seg, double t, double &mid)
+// The guess of the inverse cells at a time t inside their segment (see CellGuess).
+[[gnu::always_inline]] inline double CellsGuess(const InverseCells &cells, double t, double &reach)
 {
-    if (seg.inverse < 0)
-        return false;
-    const InverseCells &cells = tables->inverse[seg.inverse];
     const double v = t - cells.start;
     const double *q = cells.q[0];
     if (cells.last) {
@@ -629,9 +656,66 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
         // clamp keeps the end in the last cell.
         q = cells.q[std::clamp(static_cast<int32_t>(v * cells.scale), 0, cells.last)];
     }
+    return CellGuess(q, v, reach);
+}
+
+// The bisection's end point for the 2-D Bezier segment at t, guessed from its inverse cells
+// and confirmed at its deciding probes; false when the segment has no cells or the guess is
+// not confirmed.
+[[gnu::always_inline]] inline bool CellsParameter(const VxEnvTables *tables, const Segment &seg, double t, double &mid)
+{
+    if (seg.inverse < 0)
+        return false;
     double reach;
-    const double scaled = CellGuess(q, v, reach);
-    return Bezier2Confirm(PowerCubic::Of(seg.c[0], seg.c[1], seg.c[2], seg.c[3]), t, scaled, reach, mid);
+    const double scaled = CellsGuess(tables->inverse[seg.inverse], t, reach);
+    return Bezier2Confirm(TimeCurve(seg), t, scaled, reach, mid);
+}
+
+// The value of a kBezier2 segment at t from its inverse cells, when their guess has a probe
+// within reach and the bisection is confirmed to stop at the one Bezier2Confirm picks, k;
+// false otherwise. x(k) and y(k) are evaluated together. The bisection stops at k when t is
+// within 0.0001 seconds of x(k) and the probes k - n and k + n that bracket it (n the lowest
+// set bit of k) are more than that below and above t. From either of them to k, x rises by at
+// least rise * n - clear + 0.0001, so |t - x(k)| <= rise * n - clear settles both without
+// evaluating x there; where it does not, they are checked as Bezier2Confirm checks them.
+[[gnu::always_inline]] inline bool CellsValue(const InverseCells &cells, const Segment &seg, double t, double &value)
+{
+    double reach;
+    const double scaled = CellsGuess(cells, t, reach);
+    const double lo = scaled - reach, hi = scaled + reach;
+    if (!(lo > 0.0 && hi > lo && hi < 131074.0))
+        return false;
+    const int64_t jLo = std::max<int64_t>(static_cast<int64_t>(lo), 1);
+    const int64_t jHi = std::min<int64_t>(static_cast<int64_t>(hi) - 1, 131071);
+    if (jLo > jHi)
+        return false;
+    const int top = 63 - __builtin_clzll(static_cast<uint64_t>((jLo - 1) ^ jHi));
+    const int64_t k = 2 * (jHi & ~((int64_t{1} << top) - 1));
+    const int64_t n = int64_t{2} << top;
+    constexpr double kUnit = 0x1p-18;
+    // x and y at k as PowerCubic::At evaluates each, one in each half.
+    typedef double Pair __attribute__((vector_size(16)));
+    Pair c0, a, b, d;
+    std::memcpy(&c0, &seg.c[0], sizeof c0);
+    std::memcpy(&a, &seg.c[2], sizeof a);
+    std::memcpy(&b, &seg.c[4], sizeof b);
+    std::memcpy(&d, &seg.c[6], sizeof d);
+    const double sk = static_cast<double>(k) * kUnit;
+    const Pair s = {sk, sk};
+    const Pair s2 = s * s;
+    const Pair xy = ((c0 + a * s) + b * s2) + d * (s2 * s);
+    const double off = std::fabs(t - xy[0]);
+    if (!(off < 0.0001))
+        return false;
+    if (!(cells.rise * static_cast<double>(n) - cells.clear >= off)) {
+        const PowerCubic x = TimeCurve(seg);
+        if (!(t - x.At(static_cast<double>(k - n) * kUnit) >= 0.0001))
+            return false;
+        if (!(t - x.At(static_cast<double>(k + n) * kUnit) <= -0.0001))
+            return false;
+    }
+    value = xy[1];
+    return true;
 }
 
 // The 2-D Bezier segment i at t: the bisection's end point from the inverse cells, else from
@@ -639,11 +723,11 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
 [[gnu::noinline]] double Bezier2Value(VxEnvTables *tables, int32_t i, double t)
 {
     const Segment &seg = tables->segments[i];
-    const PowerCubic x = PowerCubic::Of(seg.c[0], seg.c[1], seg.c[2], seg.c[3]);
+    const PowerCubic x = TimeCurve(seg);
     double mid;
     if (!CellsParameter(tables, seg, t, mid) && !(seg.increasing && Bezier2Guess(x, seg.invRange, t, mid)))
         mid = Bezier2Solve(x, t);
-    return seg.kind == kBezier2 ? seg.y.At(mid) : Bezier2Y(tables->keys[i], tables->keys[i + 1]).At(mid);
+    return seg.kind == kBezier2 ? ValueCurve(seg).At(mid) : Bezier2Y(tables->keys[i], tables->keys[i + 1]).At(mid);
 }
 
 // The segment at t, strictly inside it, when it is filled and of a kind other than 2-D
@@ -949,10 +1033,9 @@ namespace {
 // confirmed by the inverse cells, ends without a call; the others in a tail call.
 [[gnu::noinline]] double EvaluateBezier2(VxEnvelope *env, VxEnvTables *tables, const Segment &seg, int32_t i, double t)
 {
-    double mid;
-    if (seg.kind != kBezier2 || !CellsParameter(tables, seg, t, mid))
+    double value;
+    if (seg.kind != kBezier2 || seg.inverse < 0 || !CellsValue(tables->inverse[seg.inverse], seg, t, value))
         return EvaluateSegment(env, tables, i, t);
-    const double value = seg.y.At(mid);
     if (env->filters.head->succ)
         return Finish(env, t, value);
     env->lastValue = value;

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstring>
 #include <random>
 #include <string>
@@ -453,10 +454,40 @@ TEST(EnvOom, EvaluationWithoutMemoryWalksTheKeys)
                 const uint32_t kind = rng() % 4;
                 t += kind == 0 ? 1.0 / 3600.0 : kind == 1 ? uni(0, 2000) : uni(0.01, 1.5);
             }
+            if (round % 8 == 7) {
+                // Time handles at a third of their segments: nearly straight time curves, which
+                // the evaluation inverts from its tables.
+                for (VxEnvKey *k = EnvKeyFirst(env); k; k = EnvKeyNext(env, k)) {
+                    const VxEnvKey *prev = EnvKeyPrev(env, k), *next = EnvKeyNext(env, k);
+                    EnvKeySetParam(k, 0, prev ? (EnvKeyTime(prev) - EnvKeyTime(k)) / 3 : 0.0);
+                    EnvKeySetParam(k, 2, next ? (EnvKeyTime(next) - EnvKeyTime(k)) / 3 : 0.0);
+                }
+            }
         }
         const double tF = EnvGet(env, ENV_ATTR_FIRST_TIME), tL = EnvGet(env, ENV_ATTR_LAST_TIME);
         for (double &t : times)
             t = uni(tF - 1.0, tL + 1.0);
+        if (round & 1) {
+            // Every other time 0.0001 seconds from the time curve at a probe of the bisection,
+            // give or take up to three units in the last place: where the bisection stops
+            // turns on the last bits there, and a guessed end point must not be taken on trust.
+            std::vector<const VxEnvKey *> keys;
+            for (VxEnvKey *k = EnvKeyFirst(env); k; k = EnvKeyNext(env, k))
+                keys.push_back(k);
+            for (size_t i = 0; i < times.size(); i += 2) {
+                const size_t j = rng() % (keys.size() - 1);
+                // The time curve in power form, computed as the evaluation computes it.
+                const double x0 = EnvKeyTime(keys[j]), x3 = EnvKeyTime(keys[j + 1]);
+                const double x1 = x0 + EnvKeyGetParam(keys[j], 2), x2 = x3 + EnvKeyGetParam(keys[j + 1], 0);
+                const double a = (x1 - x0) * 3.0, b = (x2 - x1) * 3.0 - a, d = x3 - x0 - a - b;
+                const int level = 1 + static_cast<int>(rng() % 17);
+                const double s = static_cast<double>(2 * (rng() % (1u << (level - 1))) + 1) * std::ldexp(1.0, -level);
+                double t = x0 + a * s + b * (s * s) + d * (s * s * s) + (rng() & 1 ? 0.0001 : -0.0001);
+                for (int step = static_cast<int>(rng() % 7) - 3; step != 0; step -= step > 0 ? 1 : -1)
+                    t = std::nextafter(t, step > 0 ? HUGE_VAL : -HUGE_VAL);
+                times[i] = t;
+            }
+        }
         VxEnvelope *reference = EnvCopy(env);
         std::vector<uint64_t> want;
         for (double t : times)
