@@ -36,7 +36,9 @@ size_t WideRowWords(int32_t width, uint32_t bpp);
 // WideRowWords bytes and three arrays of WideRowWords words.
 void WideBlurRows(const BlurKernel &kernel, const uint8_t *src, uint8_t *dst, int32_t width, int32_t height,
                   uint32_t bpp, uint8_t *line, uint32_t *const words[3]);
-// The vertical pass over `data` in place.
-void WideBlurColumns(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, int32_t height);
+// Bytes of work memory of the wide vertical pass.
+size_t WideColumnBytes();
+// The vertical pass over `data` in place, with WideColumnBytes bytes at `work`.
+void WideBlurColumns(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, int32_t height, uint8_t *work);
 
 }  // namespace vx::image

@@ -366,6 +366,84 @@ VX_VBMI void WideColumns(const BlurKernel &kernel, uint8_t *data, size_t rowByte
     }
 }
 
+// Columns when every lane fits in a byte: a strip of up to 128 byte columns goes down the
+// padded column once; at step s row s (clamped) is looked up, each lane into its own byte
+// plane of the ring slot of row s, and result row r = s - (3 g - 1) is the plain sum of
+// lane i of rows r - i and r + i over the taps (the centre lane twice), 32 columns per
+// 16-bit vector. The ring holds the 2 (3 g - 1) + 1 rows of the window. Later steps read only
+// rows below the result row (or the clamped last row, whose result is written at the very
+// last step), so writing in place is safe.
+constexpr int32_t kLaneRing = 17, kLaneVectors = 8;
+
+using LaneRing = uint8_t[kLaneRing][9][kLaneVectors][64];
+
+template <int kGroups>
+VX_VBMI void LaneStrip(const LanePlanes &p, int32_t bias, uint8_t *data, size_t rowBytes, int32_t height, size_t count,
+                       LaneRing &__restrict ring)
+{
+    constexpr int32_t kPad = 3 * kGroups - 1, kTaps = 3 * kGroups;
+    const __m512i vbias = _mm512_set1_epi16(static_cast<short>(bias));
+    const __m512i order = _mm512_setr_epi64(0, 2, 4, 6, 1, 3, 5, 7);
+    const int32_t vectors = static_cast<int32_t>((count + 63) / 64);
+    __mmask64 masks[kLaneVectors];
+    for (int32_t v = 0; v < vectors; ++v)
+        masks[v] = TailMask64(count - 64 * static_cast<size_t>(v));
+    auto slot = [](int32_t row) { return ((row % kLaneRing) + kLaneRing) % kLaneRing; };
+    for (int32_t s = -kPad; s < height + kPad; ++s) {
+        const uint8_t *row = data + rowBytes * static_cast<size_t>(std::clamp(s, 0, height - 1));
+        const uint8_t *ahead = data + rowBytes * static_cast<size_t>(std::clamp(s + kAheadRows, 0, height - 1));
+        for (size_t b = 0; b < count; b += 64)
+            __builtin_prefetch(ahead + b);
+        __builtin_prefetch(ahead + count - 1);
+        const int32_t here = slot(s);
+        for (int32_t v = 0; v < vectors; ++v) {
+            const __m512i index = _mm512_maskz_loadu_epi8(masks[v], row + 64 * v);
+            const __mmask64 high = _mm512_movepi8_mask(index);
+            for (int i = 0; i < kTaps; ++i)
+                _mm512_store_si512(ring[here][i][v], PlaneBytes(p.plane[i], index, high));
+        }
+        const int32_t r = s - kPad;
+        if (r < 0)
+            continue;
+        int32_t above[kTaps], below[kTaps];
+        for (int i = 0; i < kTaps; ++i) {
+            above[i] = slot(r - i);
+            below[i] = slot(r + i);
+        }
+        uint8_t *out = data + rowBytes * static_cast<size_t>(r);
+        for (int32_t v = 0; v < vectors; ++v) {
+            __m512i half[2];
+            for (int h = 0; h < 2; ++h) {
+                const __m512i centre = Widened(ring[above[0]][0][v] + 32 * h);
+                __m512i sum = _mm512_add_epi16(centre, centre);
+                for (int i = 1; i < kTaps; ++i)
+                    sum = _mm512_add_epi16(sum, _mm512_add_epi16(Widened(ring[above[i]][i][v] + 32 * h),
+                                                                 Widened(ring[below[i]][i][v] + 32 * h)));
+                half[h] = _mm512_srai_epi16(_mm512_sub_epi16(sum, vbias), 2);
+            }
+            // The pack saturates to 0..255 within 128-bit lanes; the permute restores the order.
+            _mm512_mask_storeu_epi8(out + 64 * v, masks[v],
+                                    _mm512_permutexvar_epi64(order, _mm512_packus_epi16(half[0], half[1])));
+        }
+    }
+}
+
+VX_VBMI void LaneColumns(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, int32_t height, uint8_t *work)
+{
+    LanePlanes p;
+    SplitLanes(kernel, p);
+    auto &ring = *reinterpret_cast<LaneRing *>((reinterpret_cast<uintptr_t>(work) + 63) & ~uintptr_t{63});
+    constexpr size_t kStrip = 64 * kLaneVectors;
+    for (size_t from = 0; from < rowBytes; from += kStrip) {
+        const size_t count = std::min(kStrip, rowBytes - from);
+        switch (kernel.groups) {
+        case 1: LaneStrip<1>(p, kernel.bias, data + from, rowBytes, height, count, ring); break;
+        case 2: LaneStrip<2>(p, kernel.bias, data + from, rowBytes, height, count, ring); break;
+        default: LaneStrip<3>(p, kernel.bias, data + from, rowBytes, height, count, ring); break;
+        }
+    }
+}
+
 #endif
 
 }  // namespace
@@ -426,12 +504,24 @@ void WideBlurRows(const BlurKernel &kernel, const uint8_t *src, uint8_t *dst, in
 #endif
 }
 
-void WideBlurColumns(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, int32_t height)
+size_t WideColumnBytes()
 {
 #if VX_WIDE
-    WideColumns(kernel, data, rowBytes, height);
+    return sizeof(LaneRing) + 64;
 #else
-    (void)kernel, (void)data, (void)rowBytes, (void)height;
+    return 0;
+#endif
+}
+
+void WideBlurColumns(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, int32_t height, uint8_t *work)
+{
+#if VX_WIDE
+    if (LanesFitBytes(kernel))
+        LaneColumns(kernel, data, rowBytes, height, work);
+    else
+        WideColumns(kernel, data, rowBytes, height);
+#else
+    (void)kernel, (void)data, (void)rowBytes, (void)height, (void)work;
 #endif
 }
 

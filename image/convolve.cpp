@@ -408,7 +408,7 @@ VX_IMAGE_CLONES void FilterStrip(const BlurKernel &kernel, uint8_t *data, size_t
 // Layout of the separable blur's one work buffer, every piece at an aligned offset. The rows
 // are filtered into the result, and the columns filtered there in place.
 struct BlurWork {
-    size_t stripAcc, stripRing, stripLeft, stripUp, rowWords, line, total;
+    size_t stripAcc, stripRing, stripLeft, stripUp, rowWords, line, columns, total;
 };
 
 BlurWork BlurWorkLayout(const VxImage *image, int32_t taps)
@@ -426,7 +426,8 @@ BlurWork BlurWorkLayout(const VxImage *image, int32_t taps)
     const size_t rowSamples = std::max(padded, WideRowWords(image->width, image->bytesPerPixel));
     layout.rowWords = layout.stripUp + 4 * kStripBytes * (h + 2);
     layout.line = layout.rowWords + 4 * aligned(4 * rowSamples);           // one padded row
-    layout.total = layout.line + rowSamples;
+    layout.columns = layout.line + aligned(rowSamples);                    // the wide vertical pass's rows
+    layout.total = layout.columns + WideColumnBytes();
     return layout;
 }
 
@@ -461,7 +462,7 @@ void SeparableBlur(const VxImage *image, VxImage *result, int32_t taps, double s
     }
     BuildBlurKernel(taps, sigmaV, kernel);
     if (WidePathsAvailable() && LanesStayApart(kernel))
-        WideBlurColumns(kernel, out, rowBytes, h);
+        WideBlurColumns(kernel, out, rowBytes, h, work + layout.columns);
     else
         for (size_t from = 0; from < rowBytes; from += kStripBytes)
             FilterStrip(kernel, out + from, rowBytes, h, std::min(kStripBytes, rowBytes - from), stripAcc, stripRing,
