@@ -1,10 +1,5 @@
 // The byte blur's passes 64 samples at a time, for processors with AVX-512 VBMI.
 //
-// The table words are looked up with byte permutes: each table of 256 32-bit words is split
-// into four planes of 256 bytes (byte b of every word), and a plane gives the bytes of 64
-// samples with two two-register permutes (entries 0..127 and 128..255) and a blend on the
-// index's top bit; unpacks reassemble the words.
-//
 // The sums are taken in direct form instead of the running recurrence. When no sum of lanes
 // can reach 1024 (LanesStayApart), lane 0 of the recurrence acc(s) = step(s) + (acc(s - 1)
 // >> 10) is exactly lane 0 of step(s) + (step(s - 1) >> 10) + (step(s - 2) >> 20): both are
@@ -12,6 +7,17 @@
 // lower lanes of older steps only add fractions that stay below one. So every sample depends
 // on a fixed window of table words and whole vectors of samples are computed at once, with
 // the same bytes as the recurrence.
+//
+// Two forms of the lookups:
+// - Every lane at most 255 (LanesFitBytes, the usual case: a tap times 255 with two fraction
+//   bits stays below 256 for taps under a quarter): each lane of each table is a byte table
+//   of its own, looked up with one byte plane's permutes, and a result is the plain sum of
+//   the lane values of its window on 16-bit vectors.
+// - Otherwise the table words themselves: each table of 256 32-bit words is split into four
+//   planes of 256 bytes (byte b of every word), looked up plane by plane and reassembled
+//   with unpacks, and the packed step words are summed as above.
+// A plane gives the bytes of 64 samples with two two-register permutes (entries 0..127 and
+// 128..255) and a blend on the index's top bit (see image/wide.h).
 #include "image/blur_kernel.h"
 #include "image/wide.h"
 
@@ -175,12 +181,13 @@ void SplitLanes(const BlurKernel &kernel, LanePlanes &p)
             p.plane[i][v] = static_cast<uint8_t>(kernel.table[i / 3][v] >> (10 * (i % 3)));
 }
 
-// The sum of the lanes of 32 samples of the padded line from q on.
+// 32 bytes from p as 16-bit values.
 VX_VBMI inline __m512i Widened(const uint8_t *p)
 {
     return _mm512_cvtepu8_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(p)));
 }
 
+// The sum of the lanes of 32 samples of the padded line from q on.
 template <int kTaps, ptrdiff_t kB>
 VX_VBMI inline __m512i LaneSum(uint8_t *const *lane, ptrdiff_t q)
 {
@@ -366,11 +373,12 @@ VX_VBMI void WideColumns(const BlurKernel &kernel, uint8_t *data, size_t rowByte
     }
 }
 
-// Columns when every lane fits in a byte: a strip of up to 128 byte columns goes down the
+// Columns when every lane fits in a byte: a strip of up to 512 byte columns goes down the
 // padded column once; at step s row s (clamped) is looked up, each lane into its own byte
 // plane of the ring slot of row s, and result row r = s - (3 g - 1) is the plain sum of
 // lane i of rows r - i and r + i over the taps (the centre lane twice), 32 columns per
-// 16-bit vector. The ring holds the 2 (3 g - 1) + 1 rows of the window. Later steps read only
+// 16-bit vector. The ring (in the work buffer: 78 KB) holds the 2 (3 g - 1) + 1 rows of the
+// window; wide strips read whole runs of each image row. Later steps read only
 // rows below the result row (or the clamped last row, whose result is written at the very
 // last step), so writing in place is safe.
 constexpr int32_t kLaneRing = 17, kLaneVectors = 8;
