@@ -251,14 +251,16 @@ enum SegmentKind : int32_t {
     kLinear,     // c = start value, end - start
     kBezier,     // c = start value, first and second control value, end value
     kHermite,    // c = start value, end value, out tangent, in tangent
-    kBezier2,    // c = time curve (c0, a, b, d), y = value curve
+    kBezier2,    // c = time and value curves (c0, a, b, d) in pairs, see Segment
     kBezier2Y,   // c = time curve; the value curve reads a tangent the tangent rules may rewrite
 };
 
+struct InverseCells;
+
 struct Segment {
     int32_t kind;
-    bool increasing;  // 2-D Bezier: x(s) as computed never decreases from one probe to the next
-    int32_t inverse;  // 2-D Bezier: its cells in VxEnvTables::inverse, or -1 when it has none
+    bool increasing;      // 2-D Bezier: x(s) as computed never decreases from one probe to the next
+    InverseCells *cells;  // 2-D Bezier: its cells in VxEnvTables::inverse, or NULL when it has none
     double keyEnd;    // EdgeTime(start key's tick + 1): a time below it has the start key's tick
     double base;      // -(start time), so that u = (t + base) / span
     double span;      // the segment's length in seconds
@@ -277,8 +279,9 @@ PowerCubic ValueCurve(const Segment &seg) { return PowerCubic::Of(seg.c[1], seg.
 // The inverse of an increasing 2-D Bezier time curve, s against the time, in 1, 2, 4 or up to
 // kCells cells of equal length (the fewest that guess well): in each a cubic in v, the time
 // since the segment's start, that matches s and ds/dx at both ends of the cell, scaled as
-// Bezier2Confirm takes it (s * 2^17 + 1). It only gives a first guess of the parameter; the
-// bisection's end point is then confirmed at the probes that decide it.
+// Bezier2Confirm takes it (s * 2^17 + 1), in q[0] ... q[3], and its derivative times 0.0001
+// in q[4] ... q[6] (the reach). It only gives a first guess of the parameter; the bisection's
+// end point is then confirmed at the probes that decide it.
 constexpr int kCells = 8;
 struct InverseCells {
     double start;  // x(0), the segment's start time
@@ -288,7 +291,7 @@ struct InverseCells {
     // 2^-18 of the parameter, x as computed rises by at least rise * n - clear + 0.0001.
     double rise;
     double clear;
-    double q[kCells][4];
+    double q[kCells][8];
 };
 
 // Envelopes of up to this many keys find their segment by counting the edges at or below the
@@ -416,7 +419,7 @@ double EdgeTime(double tick)
     for (i = 0; i + 1 < count; ++i) {
         Segment &seg = tables->segments[i];
         seg.kind = kUnfilled;
-        seg.inverse = tables->keys[i + 1]->shape == ENV_SHAPE_BEZIER2 ? inverse++ : -1;
+        seg.cells = tables->keys[i + 1]->shape == ENV_SHAPE_BEZIER2 ? &tables->inverse[inverse++] : nullptr;
         seg.keyEnd = EdgeTime(static_cast<double>(tables->ticks[i]) + 1.0);
     }
     tables->innerLo = EdgeTime(static_cast<double>(tables->ticks[0]) + 1.0);
@@ -466,7 +469,7 @@ double SolveIncreasing(const PowerCubic &x, double target, double s)
 [[gnu::always_inline]] inline double CellGuess(const double *q, double v, double &reach)
 {
     const double v2 = v * v;
-    reach = 0.0001 * (q[1] + (2.0 * q[2]) * v + (3.0 * q[3]) * v2);
+    reach = q[4] + q[5] * v + q[6] * v2;
     return (q[0] + q[1] * v) + (q[2] + q[3] * v) * v2;
 }
 
@@ -500,6 +503,10 @@ bool FillCells(InverseCells &cells, const PowerCubic &x, double invRange, int co
         q[1] = (a1 - c * (2.0 * a2 - 3.0 * a3 * c)) * 131072.0;
         q[2] = (a2 - 3.0 * a3 * c) * 131072.0;
         q[3] = a3 * 131072.0;
+        q[4] = 0.0001 * q[1];
+        q[5] = 0.0002 * q[2];
+        q[6] = 0.0003 * q[3];
+        q[7] = 0.0;
         for (double part : {0.25, 0.5, 0.75}) {
             const double v = c + width * part;
             double reach;
@@ -553,15 +560,15 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
         seg.invRange = 1.0 / (x.a + x.b + x.d);
         const CurveBounds bounds = BoundsOf(x);
         seg.increasing = IncreasingAtProbes(bounds);
-        if (seg.inverse >= 0) {
-            InverseCells &cells = tables->inverse[seg.inverse];
+        if (seg.cells) {
+            InverseCells &cells = *seg.cells;
             if (seg.increasing && FillInverse(cells, x, seg.invRange)) {
                 // The least slope per unit of 2^-18, and 0.0001 plus twice the rounding error
                 // of a value, each with a margin of 2^-30 for the roundings of the check.
                 cells.rise = bounds.slope * 0x1p-18 * (1.0 - 0x1p-30);
                 cells.clear = (2.0 * bounds.error + 0.0001) * (1.0 + 0x1p-30);
             } else {
-                seg.inverse = -1;
+                seg.cells = nullptr;
             }
         }
         // A non-2-D-Bezier start key lends its out tangent as stored, which the tangent rules
@@ -662,12 +669,12 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
 // The bisection's end point for the 2-D Bezier segment at t, guessed from its inverse cells
 // and confirmed at its deciding probes; false when the segment has no cells or the guess is
 // not confirmed.
-[[gnu::always_inline]] inline bool CellsParameter(const VxEnvTables *tables, const Segment &seg, double t, double &mid)
+[[gnu::always_inline]] inline bool CellsParameter(const Segment &seg, double t, double &mid)
 {
-    if (seg.inverse < 0)
+    if (!seg.cells)
         return false;
     double reach;
-    const double scaled = CellsGuess(tables->inverse[seg.inverse], t, reach);
+    const double scaled = CellsGuess(*seg.cells, t, reach);
     return Bezier2Confirm(TimeCurve(seg), t, scaled, reach, mid);
 }
 
@@ -725,7 +732,7 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
     const Segment &seg = tables->segments[i];
     const PowerCubic x = TimeCurve(seg);
     double mid;
-    if (!CellsParameter(tables, seg, t, mid) && !(seg.increasing && Bezier2Guess(x, seg.invRange, t, mid)))
+    if (!CellsParameter(seg, t, mid) && !(seg.increasing && Bezier2Guess(x, seg.invRange, t, mid)))
         mid = Bezier2Solve(x, t);
     return seg.kind == kBezier2 ? ValueCurve(seg).At(mid) : Bezier2Y(tables->keys[i], tables->keys[i + 1]).At(mid);
 }
@@ -1034,7 +1041,7 @@ namespace {
 [[gnu::noinline]] double EvaluateBezier2(VxEnvelope *env, VxEnvTables *tables, const Segment &seg, int32_t i, double t)
 {
     double value;
-    if (seg.kind != kBezier2 || seg.inverse < 0 || !CellsValue(tables->inverse[seg.inverse], seg, t, value))
+    if (seg.kind != kBezier2 || !seg.cells || !CellsValue(*seg.cells, seg, t, value))
         return EvaluateSegment(env, tables, i, t);
     if (env->filters.head->succ)
         return Finish(env, t, value);
@@ -1059,8 +1066,10 @@ double EnvEvaluate(VxEnvelope *env, double t)
     double value;
     if (t < seg.keyEnd)
         value = tables->keys[i]->value;
+    else if (seg.kind >= kBezier2)  // one test, ahead of the other kinds' tests
+        return EvaluateBezier2(env, tables, seg, i, t);
     else if (!CommonSegmentValue(seg, t, value))
-        return seg.kind == kUnfilled ? EvaluateSegment(env, tables, i, t) : EvaluateBezier2(env, tables, seg, i, t);
+        return EvaluateSegment(env, tables, i, t);
     if (env->filters.head->succ)
         return Finish(env, t, value);
     env->lastValue = value;
