@@ -606,12 +606,14 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
         typedef int64_t Two __attribute__((vector_size(16)));
         typedef double TwoEdges __attribute__((vector_size(16)));
         const TwoEdges limit = {x, x};
-        // Read through a local copy: measured faster than reading the pairs in place on the
-        // 2-D Bezier path at random times, and no slower elsewhere to speak of.
-        TwoEdges e[8];
-        std::memcpy(e, edges, sizeof e);
-        const Two below = (((e[0] <= limit) + (e[1] <= limit)) + ((e[2] <= limit) + (e[3] <= limit))) +
-                          (((e[4] <= limit) + (e[5] <= limit)) + ((e[6] <= limit) + (e[7] <= limit)));
+        // Each pair compared where it lies: a local copy of the sixteen edges cost a stack
+        // frame on every evaluation and a store and a load per pair here.
+        auto at = [edges, limit](int j) {
+            TwoEdges pair;
+            std::memcpy(&pair, edges + 2 * j, sizeof pair);
+            return pair <= limit;
+        };
+        const Two below = ((at(0) + at(1)) + (at(2) + at(3))) + ((at(4) + at(5)) + (at(6) + at(7)));
         return static_cast<int32_t>(-(below[0] + below[1])) - 1;
     }
     // The last index whose edge is x or below, in [0, count - 2].
