@@ -69,6 +69,13 @@ VX_VBMI size_t Halve(const uint8_t *upper, const uint8_t *lower, size_t pairs, u
     const __m512i order = _mm512_load_si512(kUnits.order);
     size_t x = 0;
     for (; x + 16 <= pairs; x += 16) {
+        // Both source rows a kilobyte ahead (a hint: no fault past the row's end).
+        _mm_prefetch(reinterpret_cast<const char *>(upper + 8 * x + 1024), _MM_HINT_T0);
+        _mm_prefetch(reinterpret_cast<const char *>(upper + 8 * x + 1088), _MM_HINT_T0);
+        if constexpr (kLower) {
+            _mm_prefetch(reinterpret_cast<const char *>(lower + 8 * x + 1024), _MM_HINT_T0);
+            _mm_prefetch(reinterpret_cast<const char *>(lower + 8 * x + 1088), _MM_HINT_T0);
+        }
         __m512i result[4];
         for (int h = 0; h < 2; ++h) {
             __m512i u[4], l[4];
