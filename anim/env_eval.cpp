@@ -261,16 +261,22 @@ struct Segment {
     int32_t kind;
     bool increasing;      // 2-D Bezier: x(s) as computed never decreases from one probe to the next
     InverseCells *cells;  // 2-D Bezier: its cells in VxEnvTables::inverse, or NULL when it has none
-    double keyEnd;    // EdgeTime(start key's tick + 1): a time below it has the start key's tick
-    double base;      // -(start time), so that u = (t + base) / span
-    double span;      // the segment's length in seconds
+    double keyEnd;        // EdgeTime(start key's tick + 1): a time below it has the start key's tick
+    double base;          // -(start time), so that u = (t + base) / span
+    double span;          // the segment's length in seconds
     // The kinds up to kHermite use c[0] ... c[3] as their comments say. 2-D Bezier segments
     // keep the power-form coefficients (c0, a, b, d) of the time curve x and the value curve y
     // in pairs, c[2i] of x and c[2i + 1] of y, so that both curves are evaluated at once; the
     // y halves are unused for kBezier2Y.
     double c[8];
     double invRange;  // 2-D Bezier: 1 / (x(1) - x(0)), for a first guess of the parameter
+    // 2-D Bezier with inverse cells, for the end-point check without the bracketing probes
+    // (see CellsValue): over n units of 2^-18 of the parameter, x as computed rises by at
+    // least rise * n - clear + 0.0001. (They also make the record 128 bytes long.)
+    double rise;
+    double clear;
 };
+static_assert(sizeof(Segment) == 128, "a segment's index is a shift from its offset");
 
 using vx::env::PowerCubic;
 PowerCubic TimeCurve(const Segment &seg) { return PowerCubic::Of(seg.c[0], seg.c[2], seg.c[4], seg.c[6]); }
@@ -287,10 +293,6 @@ struct InverseCells {
     double start;  // x(0), the segment's start time
     double scale;  // cells per second
     int32_t last;  // the last cell's index
-    // For the end-point check without the bracketing probes (see CellsValue): over n units of
-    // 2^-18 of the parameter, x as computed rises by at least rise * n - clear + 0.0001.
-    double rise;
-    double clear;
     double q[kCells][8];
 };
 
@@ -565,8 +567,8 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
             if (seg.increasing && FillInverse(cells, x, seg.invRange)) {
                 // The least slope per unit of 2^-18, and 0.0001 plus twice the rounding error
                 // of a value, each with a margin of 2^-30 for the roundings of the check.
-                cells.rise = bounds.slope * 0x1p-18 * (1.0 - 0x1p-30);
-                cells.clear = (2.0 * bounds.error + 0.0001) * (1.0 + 0x1p-30);
+                seg.rise = bounds.slope * 0x1p-18 * (1.0 - 0x1p-30);
+                seg.clear = (2.0 * bounds.error + 0.0001) * (1.0 + 0x1p-30);
             } else {
                 seg.cells = nullptr;
             }
@@ -716,7 +718,7 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
     const double off = std::fabs(t - xy[0]);
     if (!(off < 0.0001))
         return false;
-    if (!(cells.rise * static_cast<double>(n) - cells.clear >= off)) {
+    if (!(seg.rise * static_cast<double>(n) - seg.clear >= off)) {
         const PowerCubic x = TimeCurve(seg);
         if (!(t - x.At(static_cast<double>(k - n) * kUnit) >= 0.0001))
             return false;
@@ -1061,9 +1063,16 @@ double EnvEvaluate(VxEnvelope *env, double t)
     if (!tables || tables->edits != env->edits ||
         tables->paramEdits != g_paramEdits.load(std::memory_order_relaxed))
         return EvaluateAnyTime(env, t);
-    if (!(t >= tables->innerLo && t < tables->innerHi))  // see InnerValue
-        return EvaluateAnyTime(env, t);
-    const int32_t i = FindSegment(tables, t);
+    // Playback first: the segment evaluated last, while it is hit. Its edges lie inside the
+    // key range, but for the first key's own tick, where segment 0 gives the first key's value
+    // as well; so the range test is left to the other times.
+    int32_t i = tables->last;
+    const double *edges = tables->edges;
+    if (!(tables->misses < kMissesToSearch && edges[i] <= t && t < edges[i + 1])) {
+        if (!(t >= tables->innerLo && t < tables->innerHi))  // see InnerValue
+            return EvaluateAnyTime(env, t);
+        i = FindSegment(tables, t);
+    }
     const Segment &seg = tables->segments[i];
     double value;
     if (t < seg.keyEnd)
