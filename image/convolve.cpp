@@ -155,11 +155,22 @@ void ConvolveRows(VxImage *result, const float *matrix, int32_t columns, int32_t
             const float *lines[kMaxFixedSize];
             for (int32_t r = 0; r < rows; ++r)
                 lines[r] = reinterpret_cast<const float *>(Row(source, std::clamp(y - (rows >> 1) + r, 0, h - 1)));
-            // The source row the next result row adds is fetched while this one is computed.
+            // The source row the next result row adds is fetched while this one is computed,
+            // a piece ahead of each piece of the row, so that the requests spread out.
             const auto *next = reinterpret_cast<const char *>(Row(source, std::min(y + 1 + (rows >> 1), h - 1)));
-            for (size_t b = 0; b < 4 * rowFloats; b += 64)
+            const size_t inner = 4 * static_cast<size_t>(w - left - right);
+            constexpr size_t kPiece = 256;  // floats
+            for (size_t b = 0; b < std::min(4 * rowFloats, 4 * 2 * kPiece); b += 64)
                 __builtin_prefetch(next + b);
-            ConvolveRowFixed(columns, out + 4 * left, lines, matrix, offset, 4 * static_cast<size_t>(w - left - right));
+            for (size_t from = 0; from < inner; from += kPiece) {
+                const size_t end = std::min(4 * rowFloats, 4 * (from + 3 * kPiece));
+                for (size_t b = 4 * (from + 2 * kPiece); b < end; b += 64)
+                    __builtin_prefetch(next + b);
+                const float *piece[kMaxFixedSize];
+                for (int32_t r = 0; r < rows; ++r)
+                    piece[r] = lines[r] + from;
+                ConvolveRowFixed(columns, out + 4 * left + from, piece, matrix, offset, std::min(kPiece, inner - from));
+            }
             ConvolveEdge(columns, out, lines, w, 0, left, matrix, offset);
             ConvolveEdge(columns, out, lines, w, w - right, w, matrix, offset);
         } else if (fixed) {

@@ -77,11 +77,12 @@ TEST(ImageConvolve, MatchesAPlainConvolutionWithRepeatedEdges)
 TEST(ImageConvolve, SquareMatricesOnEveryWidthMatchThePlainConvolution)
 {
     // Square 3x3, 5x5 and 7x7 matrices read RGBA float rows in place with padded windows at
-    // the row ends; narrow images (no pixel clear of both edges) take the padded-row path.
+    // the row ends, wide rows in pieces of 64 pixels; narrow images (no pixel clear of both
+    // edges) take the padded-row path.
     std::mt19937 rng(7);
     std::uniform_real_distribution<float> weight(-0.3f, 0.6f);
     const float offset[4] = {0.05f, -0.1f, 0.2f, 0.0f};
-    for (int32_t w : {1, 2, 3, 4, 6, 7, 8, 13})
+    for (int32_t w : {1, 2, 3, 4, 6, 7, 8, 13, 150})
         for (int size : {3, 5, 7}) {
             VxImage *src = imagetest::RandomImage(VX_PIXEL_RGBA_FLOAT, w, 4, static_cast<uint32_t>(w * 10 + size));
             std::vector<float> m(static_cast<size_t>(size * size));
