@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace vx::image {
 
@@ -25,6 +26,20 @@ double FullSum(int32_t taps, const double *w);
 int32_t BlurLane(int v, double tap, int32_t bias, int lane);
 // The tables of one direction (taps 1..9).
 void BuildBlurKernel(int32_t taps, double sigma, BlurKernel &kernel);
+
+// Copies a row of `rowBytes` bytes into `line` between `pad` copies of its first pixel and
+// `pad` copies of its last (pixels of `bpp` bytes): the edge pixels repeat outward. Returns the
+// line's length in bytes.
+inline ptrdiff_t PadLine(uint8_t *line, const uint8_t *row, size_t rowBytes, ptrdiff_t bpp, int32_t pad)
+{
+    const auto pixel = static_cast<size_t>(bpp);
+    for (int32_t i = 0; i < pad; ++i)
+        std::memcpy(line + bpp * i, row, pixel);
+    std::memcpy(line + bpp * pad, row, rowBytes);
+    for (int32_t i = 0; i < pad; ++i)
+        std::memcpy(line + bpp * pad + static_cast<ptrdiff_t>(rowBytes) + bpp * i, row + rowBytes - pixel, pixel);
+    return static_cast<ptrdiff_t>(rowBytes) + 2 * pad * bpp;
+}
 
 // True when the largest values of all the kernel's lanes sum to at most 1023, so that no
 // sum of lanes carries into the next lane: then the wide passes give the same bytes as the

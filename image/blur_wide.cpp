@@ -103,12 +103,7 @@ VX_VBMI void WideRow(const Planes &p, int32_t bias, const uint8_t *in, uint8_t *
     constexpr int32_t kPad = 3 * kGroups - 1;
     constexpr ptrdiff_t kB = kBpp, kTap = 3 * kB;
     const size_t rowBytes = static_cast<size_t>(width) * kBpp;
-    for (int32_t i = 0; i < kPad; ++i)
-        std::memcpy(line + kB * i, in, kB);
-    std::memcpy(line + kB * kPad, in, rowBytes);
-    for (int32_t i = 0; i < kPad; ++i)
-        std::memcpy(line + kB * kPad + rowBytes + kB * i, in + rowBytes - kB, kB);
-    const ptrdiff_t n = static_cast<ptrdiff_t>(rowBytes) + 2 * kPad * kB;
+    const ptrdiff_t n = PadLine(line, in, rowBytes, kB, kPad);
     const ptrdiff_t begin = kPad * kB, end = begin + static_cast<ptrdiff_t>(rowBytes);
     const __m512i order = WordOrder(), vbias = _mm512_set1_epi32(bias);
     const uint32_t *g0 = g[0], *g1 = g[1], *g2 = g[2];
@@ -207,12 +202,7 @@ VX_VBMI void LaneRow(const LanePlanes &p, int32_t bias, const uint8_t *in, uint8
     constexpr int32_t kPad = 3 * kGroups - 1, kTaps = 3 * kGroups;
     constexpr ptrdiff_t kB = kBpp;
     const size_t rowBytes = static_cast<size_t>(width) * kBpp;
-    for (int32_t i = 0; i < kPad; ++i)
-        std::memcpy(line + kB * i, in, kB);
-    std::memcpy(line + kB * kPad, in, rowBytes);
-    for (int32_t i = 0; i < kPad; ++i)
-        std::memcpy(line + kB * kPad + rowBytes + kB * i, in + rowBytes - kB, kB);
-    const ptrdiff_t n = static_cast<ptrdiff_t>(rowBytes) + 2 * kPad * kB;
+    const ptrdiff_t n = PadLine(line, in, rowBytes, kB, kPad);
     const ptrdiff_t begin = kPad * kB, end = begin + static_cast<ptrdiff_t>(rowBytes);
     const __m512i vbias = _mm512_set1_epi16(static_cast<short>(bias));
     const __m512i order = _mm512_setr_epi64(0, 2, 4, 6, 1, 3, 5, 7);

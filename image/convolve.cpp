@@ -247,12 +247,7 @@ template <int kBpp, int kGroups>
     constexpr ptrdiff_t kB = kBpp, kTap = 3 * kB;  // bytes per pixel, and between tap groups
     const size_t rowBytes = static_cast<size_t>(width) * kBpp;
     uint8_t *__restrict line = work.line;
-    for (int32_t i = 0; i < kPad; ++i)
-        std::memcpy(line + kB * i, in, kB);
-    std::memcpy(line + kB * kPad, in, rowBytes);
-    for (int32_t i = 0; i < kPad; ++i)
-        std::memcpy(line + kB * kPad + rowBytes + kB * i, in + rowBytes - kB, kB);
-    const ptrdiff_t n = static_cast<ptrdiff_t>(rowBytes) + 2 * kPad * kB;
+    const ptrdiff_t n = PadLine(line, in, rowBytes, kB, kPad);
     uint32_t *__restrict g0 = work.g0, *__restrict g1 = work.g1, *__restrict g2 = work.g2;
     uint32_t *__restrict sums = work.sums;
     LookUpWords<kGroups>(line, n, kernel, g0, g1, g2);
