@@ -11,9 +11,8 @@
 #include <vxtools3/containers.h>
 #include <vxtools3/memory.h>
 
+#include "bench/fixed_heap.h"
 #include "bench/ratio_reporter.h"
-
-#include <malloc.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -307,18 +306,8 @@ WIDE_CASES(Erase, "erase")
 
 // ---- Block zones -----------------------------------------------------------------------------
 
-// The C library heap adapts its thresholds to what was freed before: after a large block is
-// freed it stops mapping and unmapping big blocks, and it gives pages back to the system only
-// past a trim threshold that follows the mapping threshold. Left alone, each contestant's
-// time would depend on which cases ran before it (boost::pool took 13.5 ms alone and 2.3 ms
-// after the malloc case). Fixing both thresholds at their largest values gives every
-// contestant the same heap: freed pages stay with the process, except when someone asks for
-// a trim, as FreeHeap does once more than 4 MB have been freed.
-const bool kFixedHeapThresholds = [] {
-    mallopt(M_MMAP_THRESHOLD, 32 << 20);
-    mallopt(M_TRIM_THRESHOLD, 1 << 30);
-    return true;
-}();
+// Every contestant runs on the same heap (see bench/fixed_heap.h).
+const bool kFixedHeap = (vxbench::FixHeapThresholds(), true);
 
 constexpr size_t kBlocks = 1000000;
 constexpr size_t kBlockSize = 32;

@@ -4,6 +4,7 @@
 #include <vxtools3/image.h>
 #include <vxtools3/memory.h>
 
+#include "bench/fixed_heap.h"
 #include "bench/ratio_reporter.h"
 
 #include <cmath>
@@ -220,6 +221,7 @@ void WithoutTrim(benchmark::State &state, void (*run)(benchmark::State &, Args..
 
 void Setup()
 {
+    vxbench::FixHeapThresholds();
 #if VX_BENCH_OPENCV
     cv::setNumThreads(0);  // single-threaded, like ours
 #endif
