@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 namespace vx::env {
 namespace {
@@ -285,8 +286,9 @@ PowerCubic ValueCurve(const Segment &seg) { return PowerCubic::Of(seg.c[1], seg.
 // The inverse of an increasing 2-D Bezier time curve, s against the time, in 1, 2, 4 or up to
 // kCells cells of equal length (the fewest that guess well): in each a cubic in v, the time
 // since the segment's start, that matches s and ds/dx at both ends of the cell, scaled as
-// Bezier2Confirm takes it (s * 2^17 + 1), in q[0] ... q[3], and its derivative times 0.0001
-// in q[4] ... q[6] (the reach). It only gives a first guess of the parameter; the bisection's
+// Bezier2Confirm takes it (s * 2^17 + 1), in q[0] ... q[3], its derivative times 0.0001 in
+// q[4] ... q[6] (the reach), and the cell's start in v in q[7] (infinity in the unused cells),
+// which playback compares with. It only gives a first guess of the parameter; the bisection's
 // end point is then confirmed at the probes that decide it.
 constexpr int kCells = 8;
 struct InverseCells {
@@ -497,6 +499,8 @@ bool FillCells(InverseCells &cells, const PowerCubic &x, double invRange, int co
         s[i] = i == 0 ? 0.0 : i == count ? 1.0 : SolveIncreasing(x, target, (target - x0) * invRange);
         m[i] = 1.0 / Slope(x, s[i]);
     }
+    for (int i = count; i < kCells; ++i)
+        cells.q[i][7] = std::numeric_limits<double>::infinity();
     for (int i = 0; i < count; ++i) {
         // The cubic in w = v - c, c the cell's start, then in v, then scaled.
         const double secant = (s[i + 1] - s[i]) / width;
@@ -512,7 +516,7 @@ bool FillCells(InverseCells &cells, const PowerCubic &x, double invRange, int co
         q[4] = 0.0001 * q[1];
         q[5] = 0.0002 * q[2];
         q[6] = 0.0003 * q[3];
-        q[7] = 0.0;
+        q[7] = c;
         for (double part : {0.25, 0.5, 0.75}) {
             const double v = c + width * part;
             double reach;
@@ -661,15 +665,38 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
     return i;
 }
 
-// The guess of the inverse cells at a time t inside their segment (see CellGuess).
+// The guess of the inverse cells at a time t inside their segment (see CellGuess). In
+// playback the cell is chosen by branches, which the predictor learns as the times advance
+// through a cell, so that the guess need not wait for the cell's index to be computed; at
+// random times they would be mispredicted, and the index is computed.
+template <bool kPlayback>
 [[gnu::always_inline]] inline double CellsGuess(const InverseCells &cells, double t, double &reach)
 {
     const double v = t - cells.start;
     const double *q = cells.q[0];
     if (cells.last) {
-        // t is inside the segment, so v * scale is within [0, cells] but for rounding; the
-        // clamp keeps the end in the last cell.
-        q = cells.q[std::clamp(static_cast<int32_t>(v * cells.scale), 0, cells.last)];
+        // t is inside the segment, so v is within the cells but for rounding; both ways keep
+        // the ends in the first and last cell.
+        int32_t i = 0;
+        if constexpr (kPlayback) {
+            // Three halvings over the cells' starts (q[k][7], infinite past the last cell).
+            static_assert(kCells == 8, "three halvings");
+            if (v >= cells.q[4][7]) {
+                i = 4;
+                asm volatile("");  // keeps the branch: a conditional move would wait for v
+            }
+            if (v >= cells.q[i + 2][7]) {
+                i += 2;
+                asm volatile("");
+            }
+            if (v >= cells.q[i + 1][7]) {
+                i += 1;
+                asm volatile("");
+            }
+        } else {
+            i = std::clamp(static_cast<int32_t>(v * cells.scale), 0, cells.last);
+        }
+        q = cells.q[i];
     }
     return CellGuess(q, v, reach);
 }
@@ -682,7 +709,7 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
     if (!seg.cells)
         return false;
     double reach;
-    const double scaled = CellsGuess(*seg.cells, t, reach);
+    const double scaled = CellsGuess<false>(*seg.cells, t, reach);
     return Bezier2Confirm(TimeCurve(seg), t, scaled, reach, mid);
 }
 
@@ -693,10 +720,11 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
 // set bit of k) are more than that below and above t. From either of them to k, x rises by at
 // least rise * n - clear + 0.0001, so |t - x(k)| <= rise * n - clear settles both without
 // evaluating x there; where it does not, they are checked as Bezier2Confirm checks them.
+template <bool kPlayback>
 [[gnu::always_inline]] inline bool CellsValue(const InverseCells &cells, const Segment &seg, double t, double &value)
 {
     double reach;
-    const double scaled = CellsGuess(cells, t, reach);
+    const double scaled = CellsGuess<kPlayback>(cells, t, reach);
     const double lo = scaled - reach, hi = scaled + reach;
     if (!(lo > 0.0 && hi > lo && hi < 131074.0))
         return false;
@@ -1046,10 +1074,11 @@ namespace {
 
 // A filled 2-D Bezier segment i of the current tables, strictly inside it. The common case,
 // confirmed by the inverse cells, ends without a call; the others in a tail call.
+template <bool kPlayback>
 [[gnu::noinline]] double EvaluateBezier2(VxEnvelope *env, VxEnvTables *tables, const Segment &seg, int32_t i, double t)
 {
     double value;
-    if (seg.kind != kBezier2 || !seg.cells || !CellsValue(*seg.cells, seg, t, value))
+    if (seg.kind != kBezier2 || !seg.cells || !CellsValue<kPlayback>(*seg.cells, seg, t, value))
         return EvaluateSegment(env, tables, i, t);
     if (env->filters.head->succ)
         return Finish(env, t, value);
@@ -1072,7 +1101,8 @@ double EnvEvaluate(VxEnvelope *env, double t)
     // as well; so the range test is left to the other times.
     int32_t i = tables->last;
     const double *edges = tables->edges;
-    if (!(tables->misses < kMissesToSearch && edges[i] <= t && t < edges[i + 1])) {
+    const bool playback = tables->misses < kMissesToSearch && edges[i] <= t && t < edges[i + 1];
+    if (!playback) {
         if (!(t >= tables->innerLo && t < tables->innerHi))  // see InnerValue
             return EvaluateAnyTime(env, t);
         i = FindSegment(tables, t);
@@ -1082,7 +1112,7 @@ double EnvEvaluate(VxEnvelope *env, double t)
     if (t < seg.keyEnd)
         value = tables->keys[i]->value;
     else if (seg.kind >= kBezier2)  // one test, ahead of the other kinds' tests
-        return EvaluateBezier2(env, tables, seg, i, t);
+        return playback ? EvaluateBezier2<true>(env, tables, seg, i, t) : EvaluateBezier2<false>(env, tables, seg, i, t);
     else if (!CommonSegmentValue(seg, t, value))
         return EvaluateSegment(env, tables, i, t);
     if (env->filters.head->succ)
