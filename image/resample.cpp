@@ -2,6 +2,7 @@
 // pixel is read once as RGBA floats (RGBA float sources are used in place); result rows are
 // computed as RGBA floats and written through the result's set-line operation.
 #include "image/image_internal.h"
+#include "image/wide.h"
 
 #include <algorithm>
 #include <cmath>
@@ -299,6 +300,10 @@ void AreaRows(const Job &job, int32_t mode, double *acc, Span *columns)
     bool sameTotal = true;  // every column's total the same double
     for (int32_t x = 1; x < width && sameTotal; ++x)
         sameTotal = columns[x].total == columns[0].total;
+    // Exactly half the width: every result pixel covers source columns 2x and 2x + 1 whole.
+    bool halvesColumns = cells == 2 && WidePathsAvailable();
+    for (int32_t x = 0; x < width && halvesColumns; ++x)
+        halvesColumns = columns[x].lo == 2 * x && columns[x].firstWeight == 1.0 && columns[x].lastWeight == 1.0;
     const bool inPlace = job.result->type == VX_PIXEL_RGBA_FLOAT;
     for (int32_t y = 0; y < job.result->height; ++y) {
         const Span sy = AreaSpan(mode, y, job.sy, job.source->height);
@@ -312,8 +317,11 @@ void AreaRows(const Job &job, int32_t mode, double *acc, Span *columns)
                 wy[r] = sy.Weight(sy.lo + r);
             }
             const double product = columns[0].total * sy.total;
-            AreaRow(cells, line, rows, wy, count, columns, width, sy.total,
-                    sameTotal && PowerOfTwo(product) ? 1.0 / product : 0.0);
+            const double scale = sameTotal && PowerOfTwo(product) ? 1.0 / product : 0.0;
+            int32_t done = 0;
+            if (halvesColumns && count == 2 && wy[0] == 1.0 && wy[1] == 1.0 && scale == 0.25)
+                done = static_cast<int32_t>(HalveRgbaFloatsWide(rows[0], rows[1], static_cast<size_t>(width), line));
+            AreaRow(cells, line + 4 * done, rows, wy, count, columns + done, width - done, sy.total, scale);
         } else {
             std::fill(acc, acc + 4 * static_cast<size_t>(width), 0.0);
             for (int32_t r = sy.lo; r < sy.hi; ++r)

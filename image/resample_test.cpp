@@ -1,6 +1,7 @@
 #include <vxtools3/image.h>
 
 #include "image/image_test_util.h"
+#include "image/wide.h"
 
 #include <gtest/gtest.h>
 
@@ -314,24 +315,32 @@ TEST(ImageResample, AreaModesEqualThePlainCoverageAverage)
 TEST(ImageResample, AreaModesOnEvenFactorsEqualThePlainCoverageAverage)
 {
     // Halving, quartering and one-direction halving: footprints whose weight totals are
-    // powers of two (the quotient taken as a product), with negative zeros among the values.
-    VxImage *src = imagetest::RandomImage(VX_PIXEL_RGBA_FLOAT, 36, 20, 12);
-    auto *p = reinterpret_cast<float *>(src->priv->pixels);
-    for (size_t i = 0; i < 4 * 36 * 20; i += 7)
-        p[i] = -0.0f;
-    for (int k = 0; k < 16; ++k)  // a pixel block of negative zeros only
-        p[4 * (36 * (k / 4) + k % 4) + 2] = -0.0f;
-    for (auto [W, H] : {std::pair{18, 10}, {9, 5}, {18, 20}, {36, 10}, {12, 5}})
-        for (int32_t mode : {2, 3}) {
-            VxImage *r = ImageResample(src, VX_PIXEL_RGBA_FLOAT, W, H, mode);
-            ASSERT_NE(r, nullptr);
-            std::vector<float> got(4 * static_cast<size_t>(W) * H);
-            std::memcpy(got.data(), r->priv->pixels, got.size() * 4);
-            const std::vector<float> want = ReferenceArea(src, mode, W, H);
-            EXPECT_EQ(std::memcmp(got.data(), want.data(), got.size() * 4), 0) << W << "x" << H << " mode " << mode;
-            ImageDestroy(r);
+    // powers of two (the quotient taken as a product), with negative zeros among the values;
+    // halving also to an odd width, and with the wide loops off as well as on.
+    for (const bool wide : {true, false}) {
+        vx::image::SetWidePaths(wide);
+        for (auto [w, h] : {std::pair{36, 20}, {38, 6}}) {
+            VxImage *src = imagetest::RandomImage(VX_PIXEL_RGBA_FLOAT, w, h, 12);
+            auto *p = reinterpret_cast<float *>(src->priv->pixels);
+            for (size_t i = 0; i < 4 * static_cast<size_t>(w * h); i += 7)
+                p[i] = -0.0f;
+            for (int k = 0; k < 16; ++k)  // a pixel block of negative zeros only
+                p[4 * (w * (k / 4) + k % 4) + 2] = -0.0f;
+            for (auto [W, H] : {std::pair{w / 2, h / 2}, {w / 4, h / 4}, {w / 2, h}, {w, h / 2}, {w / 3, h / 4}})
+                for (int32_t mode : {2, 3}) {
+                    VxImage *r = ImageResample(src, VX_PIXEL_RGBA_FLOAT, W, H, mode);
+                    ASSERT_NE(r, nullptr);
+                    std::vector<float> got(4 * static_cast<size_t>(W) * H);
+                    std::memcpy(got.data(), r->priv->pixels, got.size() * 4);
+                    const std::vector<float> want = ReferenceArea(src, mode, W, H);
+                    EXPECT_EQ(std::memcmp(got.data(), want.data(), got.size() * 4), 0)
+                        << w << "x" << h << " to " << W << "x" << H << " mode " << mode << " wide " << wide;
+                    ImageDestroy(r);
+                }
+            ImageDestroy(src);
         }
-    ImageDestroy(src);
+    }
+    vx::image::SetWidePaths(true);
 }
 
 TEST(ImageResample, GatherTakesAtMost1024Samples)

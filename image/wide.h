@@ -86,4 +86,11 @@ VX_VBMI inline __mmask64 TailMask64(size_t n) { return n >= 64 ? ~__mmask64(0) :
 // time; returns the number of result pixels written (a multiple of 16, at most `pairs`).
 size_t HalveRgbaBytesWide(const uint8_t *upper, const uint8_t *lower, size_t pairs, uint8_t *out);
 
+// Area resampling to exactly half of an RGBA float image, two result pixels at a time: per
+// channel h = p0 + p1 of each source row, then ((0 + h upper) + h lower) * 0.25 in double,
+// which is what the weighted sums of the general loop give when every weight is 1 and the
+// scale a quarter (its 0 + first term only turns -0 into +0, which the outer 0 + does as
+// well). Returns the number of result pixels written (even, at most `pairs`).
+size_t HalveRgbaFloatsWide(const float *upper, const float *lower, size_t pairs, float *out);
+
 }  // namespace vx::image
