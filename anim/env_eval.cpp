@@ -87,18 +87,27 @@ struct CurveBounds {
     double slope;
 };
 
+// At most the least slope of the exact cubic x on [from, to] (within [0, 1]): the least of its
+// slopes at the ends and at its turning point, less a margin for their rounding.
+double LeastSlope(const PowerCubic &x, double from, double to)
+{
+    constexpr double kUlp = 0x1p-53;
+    const double slopeError = 16.0 * kUlp * (std::fabs(x.a) + 2.0 * std::fabs(x.b) + 3.0 * std::fabs(x.d));
+    auto slope = [&x](double s) { return x.a + 2.0 * x.b * s + 3.0 * x.d * (s * s); };
+    double lowest = std::fmin(slope(from), slope(to));
+    if (x.d != 0.0) {
+        const double turn = -x.b / (3.0 * x.d);
+        if (turn > from && turn < to)
+            lowest = std::fmin(lowest, slope(turn));
+    }
+    return lowest - slopeError;
+}
+
 CurveBounds BoundsOf(const PowerCubic &x)
 {
     constexpr double kUlp = 0x1p-53;
     const double error = 16.0 * kUlp * (std::fabs(x.c0) + std::fabs(x.a) + std::fabs(x.b) + std::fabs(x.d));
-    const double slopeError = 16.0 * kUlp * (std::fabs(x.a) + 2.0 * std::fabs(x.b) + 3.0 * std::fabs(x.d));
-    double lowest = std::fmin(x.a, x.a + 2.0 * x.b + 3.0 * x.d);
-    if (x.d != 0.0) {
-        const double turn = -x.b / (3.0 * x.d);
-        if (turn > 0.0 && turn < 1.0)
-            lowest = std::fmin(lowest, x.a + 2.0 * x.b * turn + 3.0 * x.d * (turn * turn));
-    }
-    return {error, lowest - slopeError};
+    return {error, LeastSlope(x, 0.0, 1.0)};
 }
 
 // The probes of the bisection are the points j / 2^17 (0 < j < 2^17); the parameter it ends on
@@ -296,7 +305,11 @@ struct InverseCells {
     double scale;  // cells per second
     int32_t last;  // the last cell's index
     double q[kCells][8];
+    // Per cell, the segment's rise (see Segment) over the parameters near the cell, for the
+    // end-point checks whose brackets lie within kCellRiseReach units of 2^-18 of the end point.
+    double rise[kCells];
 };
+constexpr int64_t kCellRiseReach = 4096;
 
 // Envelopes of up to this many keys find their segment by counting the edges at or below the
 // time; longer ones halve.
@@ -483,7 +496,7 @@ double SolveIncreasing(const PowerCubic &x, double target, double s)
 // time: a unit of the probes is 2^-17 (7.6e-6) of the parameter, and CellsValue confirms the
 // end point itself, so a looser guess costs a fallback now and then, never a wrong value. Time
 // handles away from a third of the segment (eased curves) need this looseness for 8 cells.
-bool FillCells(InverseCells &cells, const PowerCubic &x, double invRange, int count)
+bool FillCells(InverseCells &cells, const PowerCubic &x, double invRange, const CurveBounds &bounds, int count)
 {
     const double x0 = x.c0;
     const double width = (x.At(1.0) - x0) / count;
@@ -526,14 +539,23 @@ bool FillCells(InverseCells &cells, const PowerCubic &x, double invRange, int co
                 return false;
         }
     }
+    // An end point that passes its check lies within 0.0001 seconds (and the rounding of its
+    // value) of a time in its cell, so within `near` of the cell's parameters; its brackets
+    // within kCellRiseReach units further.
+    const double near = (2.0 * bounds.error + 0.0001) / bounds.slope * (1.0 + 0x1p-20) + 0x1p-30 +
+                        static_cast<double>(kCellRiseReach) * 0x1p-18;
+    for (int i = 0; i < count; ++i) {
+        const double least = LeastSlope(x, std::max(0.0, s[i] - near), std::min(1.0, s[i + 1] + near));
+        cells.rise[i] = std::max(least, bounds.slope) * 0x1p-18 * (1.0 - 0x1p-30);
+    }
     return true;
 }
 
 // The fewest inverse cells that guess well; false when even kCells do not.
-bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
+bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange, const CurveBounds &bounds)
 {
     for (int count = 1; count <= kCells; count *= 2)
-        if (FillCells(cells, x, invRange, count))
+        if (FillCells(cells, x, invRange, bounds, count))
             return true;
     return false;
 }
@@ -572,7 +594,7 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
         seg.increasing = IncreasingAtProbes(bounds);
         if (seg.cells) {
             InverseCells &cells = *seg.cells;
-            if (seg.increasing && FillInverse(cells, x, seg.invRange)) {
+            if (seg.increasing && FillInverse(cells, x, seg.invRange, bounds)) {
                 // The least slope per unit of 2^-18, and 0.0001 plus twice the rounding error
                 // of a value, each with a margin of 2^-30 for the roundings of the check.
                 seg.rise = bounds.slope * 0x1p-18 * (1.0 - 0x1p-30);
@@ -670,7 +692,7 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange)
 // through a cell, so that the guess need not wait for the cell's index to be computed; at
 // random times they would be mispredicted, and the index is computed.
 template <bool kPlayback>
-[[gnu::always_inline]] inline double CellsGuess(const InverseCells &cells, double t, double &reach)
+[[gnu::always_inline]] inline double CellsGuess(const InverseCells &cells, double t, double &reach, int32_t &cell)
 {
     const double v = t - cells.start;
     const double *q = cells.q[0];
@@ -697,6 +719,9 @@ template <bool kPlayback>
             i = std::clamp(static_cast<int32_t>(v * cells.scale), 0, cells.last);
         }
         q = cells.q[i];
+        cell = i;
+    } else {
+        cell = 0;
     }
     return CellGuess(q, v, reach);
 }
@@ -709,7 +734,8 @@ template <bool kPlayback>
     if (!seg.cells)
         return false;
     double reach;
-    const double scaled = CellsGuess<false>(*seg.cells, t, reach);
+    int32_t cell;
+    const double scaled = CellsGuess<false>(*seg.cells, t, reach, cell);
     return Bezier2Confirm(TimeCurve(seg), t, scaled, reach, mid);
 }
 
@@ -724,7 +750,8 @@ template <bool kPlayback>
 [[gnu::always_inline]] inline bool CellsValue(const InverseCells &cells, const Segment &seg, double t, double &value)
 {
     double reach;
-    const double scaled = CellsGuess<kPlayback>(cells, t, reach);
+    int32_t cell;
+    const double scaled = CellsGuess<kPlayback>(cells, t, reach, cell);
     const double lo = scaled - reach, hi = scaled + reach;
     if (!(lo > 0.0 && hi > lo && hi < 131074.0))
         return false;
@@ -750,7 +777,8 @@ template <bool kPlayback>
     const double off = std::fabs(t - xy[0]);
     if (!(off < 0.0001))
         return false;
-    if (!(seg.rise * static_cast<double>(n) - seg.clear >= off)) {
+    const double rise = n <= kCellRiseReach ? cells.rise[cell] : seg.rise;
+    if (!(rise * static_cast<double>(n) - seg.clear >= off)) {
         const PowerCubic x = TimeCurve(seg);
         if (!(t - x.At(static_cast<double>(k - n) * kUnit) >= 0.0001))
             return false;
