@@ -1,5 +1,6 @@
 #include "bench/ratio_reporter.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace vxbench {
@@ -33,14 +34,15 @@ void RatioReporter::ReportRuns(const std::vector<Run> &runs)
         std::string caseName, impl;
         if (!SplitName(run.run_name.str(), caseName, impl))
             continue;
-        entries_.push_back({caseName, impl, run.GetAdjustedRealTime(), isMedian});
+        entries_.push_back({caseName, impl, run.GetAdjustedRealTime(), isMedian, run.family_index});
     }
 }
 
 void RatioReporter::Finalize()
 {
     ConsoleReporter::Finalize();
-    // Per case: the first implementation is ours; medians replace single runs when present.
+    // Per case: the implementation registered first is ours; medians replace single runs when
+    // present.
     std::vector<std::string> order;
     std::map<std::string, std::vector<Entry>> byCase;
     for (const Entry &e : entries_) {
@@ -59,6 +61,11 @@ void RatioReporter::Finalize()
             list.push_back(e);
     }
     std::printf("\nRatios (our time / peer time; below 1.0 means ours is faster):\n");
+    for (auto &[caseName, list] : byCase)
+        std::stable_sort(list.begin(), list.end(), [](const Entry &a, const Entry &b) { return a.family < b.family; });
+    std::stable_sort(order.begin(), order.end(), [&byCase](const std::string &a, const std::string &b) {
+        return byCase[a].front().family < byCase[b].front().family;
+    });
     for (const std::string &caseName : order) {
         const auto &list = byCase[caseName];
         for (size_t i = 1; i < list.size(); ++i)
