@@ -4,6 +4,8 @@
 #include <vxtools3/debug.h>
 #include <vxtools3/memory.h>
 
+#include "platform/memory_hints.h"
+
 #include <malloc.h>
 
 #include <algorithm>
@@ -16,9 +18,35 @@ namespace {
 constexpr int kOutOfMemory = 1;
 constexpr size_t kHeapMinThreshold = 4194304;
 
-void *SystemAlloc(void *, size_t size) { return std::calloc(1, size); }
-void *SystemRealloc(void *, void *block, size_t, size_t newSize) { return std::realloc(block, newSize); }
-void SystemFree(void *, void *block, size_t) { std::free(block); }
+// The C library heap, with blocks of 4 MiB and more mapped straight from the system on 2 MiB
+// boundaries (see MapLargeBlock): whatever the heap's state, such a block is then faulted in
+// a few huge pages at a time by its first writer instead of being cleared page by page out
+// of free memory the last trim gave back, and it returns to the system when freed.
+void *SystemAlloc(void *, size_t size)
+{
+    return vx::IsLargeBlock(size) ? vx::MapLargeBlock(size) : std::calloc(1, size);
+}
+
+void SystemFree(void *, void *block, size_t size)
+{
+    if (vx::IsLargeBlock(size))
+        vx::UnmapLargeBlock(block, size);
+    else
+        std::free(block);
+}
+
+void *SystemRealloc(void *user, void *block, size_t oldSize, size_t newSize)
+{
+    if (!vx::IsLargeBlock(oldSize) && !vx::IsLargeBlock(newSize))
+        return std::realloc(block, newSize);
+    void *moved = SystemAlloc(user, newSize);
+    if (!moved)
+        return nullptr;
+    std::memcpy(moved, block, std::min(oldSize, newSize));
+    SystemFree(user, block, oldSize);
+    return moved;
+}
+
 void SystemTrim(void *) { malloc_trim(0); }
 
 constexpr StdAllocator kSystemAllocator = {SystemAlloc, SystemRealloc, SystemFree, SystemTrim, nullptr};

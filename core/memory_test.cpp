@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -124,6 +125,54 @@ TEST_F(Memory, HeapIsTrimmedAfterFourMegabytesFreed)
     EXPECT_EQ(debug.Text(), "calling heapmin\ncalling heapmin\n");
     EXPECT_EQ(heap.trims, trimsAfterReset + 1);
     EXPECT_TRUE(heap.live.empty());
+}
+
+// The default heap maps blocks of 4 MiB and more from the system on 2 MiB boundaries. Every
+// block reads zero-filled to its end, moves with its content across that size either way, and
+// frees without complaint under the sanitizers.
+TEST_F(Memory, LargeBlocksOfTheDefaultHeapStartOnHugePages)
+{
+    StdSetAllocator(nullptr);
+    constexpr size_t kLarge = size_t{4} << 20;
+    auto zeroFrom = [](const char *p, size_t from, size_t to) {
+        for (size_t i = from; i < to; ++i)
+            if (p[i] != 0)
+                return false;
+        return true;
+    };
+    for (const size_t size : {kLarge - 1, kLarge, kLarge + 12345}) {
+        auto *p = static_cast<char *>(StdAlloc(size));
+        ASSERT_NE(p, nullptr);
+        if (size >= kLarge) {
+            EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % (size_t{2} << 20), 0u) << size;
+        }
+        EXPECT_TRUE(zeroFrom(p, 0, size)) << size;
+        p[0] = 1;
+        p[size - 1] = 2;
+        FreeHeap(p, size);
+    }
+    // 1 MiB, grown to 6 MiB, grown to 9 MiB, shrunk to 1000 bytes.
+    auto *p = static_cast<char *>(StdAlloc(size_t{1} << 20));
+    for (size_t i = 0; i < (size_t{1} << 20); ++i)
+        p[i] = static_cast<char>(i % 251);
+    p = static_cast<char *>(StdRealloc(p, size_t{1} << 20, size_t{6} << 20));
+    p[(size_t{6} << 20) - 1] = 7;
+    p = static_cast<char *>(StdRealloc(p, size_t{6} << 20, size_t{9} << 20));
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % (size_t{2} << 20), 0u);
+    bool kept = true;
+    for (size_t i = 0; i < (size_t{1} << 20); ++i)
+        kept = kept && p[i] == static_cast<char>(i % 251);
+    EXPECT_TRUE(kept);
+    EXPECT_TRUE(zeroFrom(p, size_t{1} << 20, (size_t{6} << 20) - 1));
+    EXPECT_EQ(p[(size_t{6} << 20) - 1], 7);
+    EXPECT_TRUE(zeroFrom(p, size_t{6} << 20, size_t{9} << 20));
+    p = static_cast<char *>(StdRealloc(p, size_t{9} << 20, 1000));
+    kept = true;
+    for (size_t i = 0; i < 1000; ++i)
+        kept = kept && p[i] == static_cast<char>(i % 251);
+    EXPECT_TRUE(kept);
+    FreeHeap(p, 1000);
 }
 
 TEST_F(Memory, StringCopyAndFree)

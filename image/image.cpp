@@ -179,7 +179,7 @@ void FreePalette(Palette &p)
 void OpDestroy(VxImage *image)
 {
     VxImagePrivate *priv = image->priv;
-    FreeHeap(priv->block, vx::HugePageBlockBytes(BufferBytes(image)));
+    FreeHeap(priv->pixels, BufferBytes(image));
     FreePalette(priv->palette[0]);
     FreePalette(priv->palette[1]);
     FreeHeap(priv, sizeof *priv);
@@ -286,15 +286,12 @@ VX_API VxImage *ImageCreate(int32_t type, int32_t width, int32_t height)
         CkptRecover(VX_IMAGE_BAD_TYPE);
     auto *image = static_cast<VxImage *>(AllocArmed(sizeof(VxImage)));
     auto *priv = static_cast<VxImagePrivate *>(AllocArmed(sizeof(VxImagePrivate)));
-    // A large buffer starts on a 2 MiB boundary, so that huge pages back all of it: a new
-    // result is faulted in by the pass that writes it (the heap gives freed memory back to
-    // the system), a few times instead of once per 4 KiB.
-    void *block = StdAlloc(vx::HugePageBlockBytes(bytes));
+    auto *pixels = static_cast<uint8_t *>(StdAlloc(bytes));
     CkptEnd();
+    vx::AdviseHugePages(pixels, bytes);  // for a heap of the application's own
     InitRecord(image, type, width, height);
     InitPrivate(priv);
-    priv->block = block;
-    priv->pixels = static_cast<uint8_t *>(vx::PlaceOnHugePages(block, bytes));
+    priv->pixels = pixels;
     image->priv = priv;
     return image;
 }

@@ -37,8 +37,7 @@ struct Palette {
 }  // namespace vx::image
 
 struct VxImagePrivate {
-    uint8_t *pixels;  // inside `block`, see ImageCreate
-    void *block;
+    uint8_t *pixels;
     int32_t palettesAgree;
     vx::image::Palette palette[2];
     uint32_t attributes[vx::image::kAttributeCount];

@@ -2,7 +2,6 @@
 #include <vxtools3/image.h>
 
 #include "image/convert.h"
-#include "image/image_internal.h"
 #include "image/image_test_util.h"
 #include "testkit/fault_alloc.h"
 
@@ -390,36 +389,6 @@ TEST(ImageDuplicate, AreaCopiesTheRectangle)
 }
 
 // ---- out of memory ----
-
-// Buffers of 4 MiB or more start on a 2 MiB boundary inside a larger block, so that huge pages
-// can back all of them; smaller ones are the block itself. Either is zero-filled, writable to
-// its last byte, and freed with the size it was allocated with.
-TEST(Image, LargeBuffersStartOnHugePageBoundaries)
-{
-    vxtest::FaultAllocator heap;
-    constexpr uintptr_t kHugePage = uintptr_t{1} << 21;
-    for (const int32_t side : {1024, 511}) {  // 16 MiB and just under 4 MiB of RGBA floats
-        VxImage *image = ImageCreate(VX_PIXEL_RGBA_FLOAT, side, side);
-        ASSERT_NE(image, nullptr);
-        const auto start = reinterpret_cast<uintptr_t>(image->priv->pixels);
-        if (side == 1024)
-            EXPECT_EQ(start % kHugePage, 0u);
-        else
-            EXPECT_EQ(image->priv->pixels, image->priv->block);
-        EXPECT_EQ(heap.LiveBytes() - sizeof(VxImage) - sizeof(VxImagePrivate),
-                  16u * side * side + (side == 1024 ? kHugePage : 0));
-        const float last[4] = {0.25f, 0.5f, 0.75f, 1.0f};
-        float read[4] = {};
-        EXPECT_EQ(image->getPixel(image, VX_PIXEL_RGBA_FLOAT, side - 1, side - 1, read), 1);
-        EXPECT_EQ(read[3], 0.0f) << "zero-filled";
-        ASSERT_EQ(image->setPixel(image, VX_PIXEL_RGBA_FLOAT, side - 1, side - 1, last), 1);
-        ASSERT_EQ(image->getPixel(image, VX_PIXEL_RGBA_FLOAT, side - 1, side - 1, read), 1);
-        EXPECT_EQ(read[3], 1.0f);
-        ImageDestroy(image);
-    }
-    EXPECT_EQ(heap.LiveBytes(), 0u);
-    EXPECT_EQ(heap.BadFrees(), 0);
-}
 
 TEST(ImageOom, CreateIndexCreateAndDuplicate)
 {

@@ -1,5 +1,5 @@
-// Hints to the operating system about how the library will use large buffers. Internal to
-// the library; a hint that is refused changes nothing.
+// How the library's heap and its large buffers meet the operating system. Internal to the
+// library; a hint that is refused changes nothing.
 #pragma once
 
 #include <cstddef>
@@ -11,12 +11,15 @@ namespace vx {
 // 8,000 faults, with 2 MiB pages a few dozen. Buffers under 4 MiB are left alone.
 void AdviseHugePages(void *buffer, size_t bytes);
 
-// The bytes to allocate for a buffer of `bytes` that PlaceOnHugePages is to place: 2 MiB more
-// from 4 MiB on, else `bytes`.
-size_t HugePageBlockBytes(size_t bytes);
-// Where a buffer of `bytes` lies inside `block`, an allocation of HugePageBlockBytes(bytes):
-// from 4 MiB on at the block's first 2 MiB boundary, with huge pages advised over the block,
-// so that every 2 MiB of the buffer can be one huge page; else at the block's start.
-void *PlaceOnHugePages(void *block, size_t bytes);
+// True for the sizes that the C library heap of the library's default allocator hands to
+// MapLargeBlock instead (4 MiB and more, where the system maps memory).
+bool IsLargeBlock(size_t bytes);
+// A zero-filled block of `bytes` mapped straight from the system, starting on a 2 MiB
+// boundary with huge pages advised before anything touches it; NULL when the system refuses.
+// Such a block is faulted in whole pages by its first writer, never cleared twice, and goes
+// back to the system when it is freed.
+void *MapLargeBlock(size_t bytes);
+// Returns a block from MapLargeBlock to the system.
+void UnmapLargeBlock(void *block, size_t bytes);
 
 }  // namespace vx
