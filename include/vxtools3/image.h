@@ -84,8 +84,7 @@ typedef struct VxMipmap {
 VX_API uint32_t ImageBytesPerPixel(int32_t type);
 
 /* Returns a new zero-filled image, or NULL. An unknown type or a width or height below 1
- * raises VX_IMAGE_BAD_TYPE; an exhausted heap raises code 1. A pixel buffer of 4 MiB or more
- * is allocated 2 MiB larger and starts on a 2 MiB boundary, where huge pages can back it. */
+ * raises VX_IMAGE_BAD_TYPE; an exhausted heap raises code 1. */
 VX_API VxImage *ImageCreate(int32_t type, int32_t width, int32_t height);
 /* ImageCreate of an RGB byte (type 0) / grey byte (type 1) image. */
 VX_API VxImage *ImageColorCreate(int32_t width, int32_t height);

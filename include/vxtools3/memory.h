@@ -27,8 +27,10 @@ typedef struct StdAllocator {
     void *user;
 } StdAllocator;
 
-/* Installs a copy of `allocator` (NULL restores the C library heap). Install it before any
- * block is allocated, or free every block with the allocator that made it. */
+/* Installs a copy of `allocator` (NULL restores the default: the C library heap, with blocks
+ * of 4 MiB and more mapped from the system on 2 MiB boundaries, huge pages advised, and
+ * unmapped when freed). Install it before any block is allocated, or free every block with
+ * the allocator that made it. */
 VX_API void StdSetAllocator(const StdAllocator *allocator);
 /* Copies the allocator in use into `out`. */
 VX_API void StdGetAllocator(StdAllocator *out);
