@@ -2,7 +2,6 @@
 #include "platform/memory_hints.h"
 
 #include <cstdint>
-#include <cstdlib>
 
 #if defined(__unix__)
 #include <sys/mman.h>

@@ -11,8 +11,8 @@ namespace vx {
 // 8,000 faults, with 2 MiB pages a few dozen. Buffers under 4 MiB are left alone.
 void AdviseHugePages(void *buffer, size_t bytes);
 
-// True for the sizes that the C library heap of the library's default allocator hands to
-// MapLargeBlock instead (4 MiB and more, where the system maps memory).
+// True for the sizes that the library's default allocator maps with MapLargeBlock instead of
+// taking them from the C library heap: 4 MiB and more, where the system maps memory.
 bool IsLargeBlock(size_t bytes);
 // A zero-filled block of `bytes` mapped straight from the system, starting on a 2 MiB
 // boundary with huge pages advised before anything touches it; NULL when the system refuses.
