@@ -744,8 +744,9 @@ template <bool kPlayback>
 // false otherwise. x(k) and y(k) are evaluated together. The bisection stops at k when t is
 // within 0.0001 seconds of x(k) and the probes k - n and k + n that bracket it (n the lowest
 // set bit of k) are more than that below and above t. From either of them to k, x rises by at
-// least rise * n - clear + 0.0001, so |t - x(k)| <= rise * n - clear settles both without
-// evaluating x there; where it does not, they are checked as Bezier2Confirm checks them.
+// least rise * n - clear + 0.0001 (rise the cell's while n is within kCellRiseReach, else the
+// segment's), so |t - x(k)| <= rise * n - clear settles both without evaluating x there;
+// where it does not, they are checked as Bezier2Confirm checks them.
 template <bool kPlayback>
 [[gnu::always_inline]] inline bool CellsValue(const InverseCells &cells, const Segment &seg, double t, double &value)
 {
