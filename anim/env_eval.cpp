@@ -699,27 +699,26 @@ template <bool kPlayback>
     if (cells.last) {
         // t is inside the segment, so v is within the cells but for rounding; both ways keep
         // the ends in the first and last cell.
-        int32_t i = 0;
         if constexpr (kPlayback) {
-            // Three halvings over the cells' starts (q[k][7], infinite past the last cell).
+            // Three halvings over the cells' starts (q[k][7], infinite past the last cell),
+            // stepping a row pointer so that each is one comparison at a fixed offset.
             static_assert(kCells == 8, "three halvings");
-            if (v >= cells.q[4][7]) {
-                i = 4;
-                asm volatile("");  // keeps the branch: a conditional move would wait for v
-            }
-            if (v >= cells.q[i + 2][7]) {
-                i += 2;
-                asm volatile("");
-            }
-            if (v >= cells.q[i + 1][7]) {
-                i += 1;
-                asm volatile("");
-            }
+            const double(*row)[8] = cells.q;
+            auto halve = [&row, v](int step) {
+                if (v >= row[step][7]) {
+                    row += step;
+                    asm volatile("" : "+r"(row));  // keeps the branch: a conditional move would wait for v
+                }
+            };
+            halve(4);
+            halve(2);
+            halve(1);
+            q = *row;
+            cell = static_cast<int32_t>(row - cells.q);
         } else {
-            i = std::clamp(static_cast<int32_t>(v * cells.scale), 0, cells.last);
+            cell = std::clamp(static_cast<int32_t>(v * cells.scale), 0, cells.last);
+            q = cells.q[cell];
         }
-        q = cells.q[i];
-        cell = i;
     } else {
         cell = 0;
     }
