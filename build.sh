@@ -87,7 +87,8 @@ case "${1:-}" in
     for b in build/default/bench/*_bench; do
       [ -x "$b" ] || continue
       echo "== $(basename "$b")"
-      "$b" --benchmark_repetitions=5 --benchmark_report_aggregates_only=true "${@:2}"
+      "$b" --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true \
+        --benchmark_report_aggregates_only=true "${@:2}"
     done
     ;;
   *)
