@@ -498,7 +498,6 @@ VxImage *SeparablePath(VxImage *image, int32_t taps, double sigmaH, double sigma
     }
     work = static_cast<uint8_t *>(StdAlloc(bytes));
     CkptEnd();
-    AdviseHugePages(work, bytes);
     SeparableBlur(image, result, taps, sigmaH, sigmaV, mask, work);
     FreeHeap(work, bytes);
     return result;

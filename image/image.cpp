@@ -288,7 +288,6 @@ VX_API VxImage *ImageCreate(int32_t type, int32_t width, int32_t height)
     auto *priv = static_cast<VxImagePrivate *>(AllocArmed(sizeof(VxImagePrivate)));
     auto *pixels = static_cast<uint8_t *>(StdAlloc(bytes));
     CkptEnd();
-    vx::AdviseHugePages(pixels, bytes);  // for a heap of the application's own
     InitRecord(image, type, width, height);
     InitPrivate(priv);
     priv->pixels = pixels;

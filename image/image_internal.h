@@ -5,7 +5,6 @@
 #include <vxtools3/image.h>
 #include <vxtools3/memory.h>
 
-#include "platform/memory_hints.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -121,7 +120,6 @@ struct Scratch {
     T *Take(size_t bytes)
     {
         void *b = StdAlloc(bytes);
-        AdviseHugePages(b, bytes);
         block[count] = b;
         size[count] = bytes;
         ++count;
