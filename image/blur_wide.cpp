@@ -270,6 +270,17 @@ constexpr int32_t kWordRows = 8, kDownRows = 4, kLeftRows = 16, kUpRows = 4;
 // Vectors of 64 byte columns per strip, and rows fetched ahead of the lookups.
 constexpr int32_t kStripVectors = 2, kAheadRows = 8;
 
+// Row s of a strip of `count` columns, the edge rows repeated outward; the row kAheadRows
+// further down is fetched meanwhile.
+inline const uint8_t *StripRow(const uint8_t *data, size_t rowBytes, int32_t height, size_t count, int32_t s)
+{
+    const uint8_t *ahead = data + rowBytes * static_cast<size_t>(std::clamp(s + kAheadRows, 0, height - 1));
+    for (size_t b = 0; b < count; b += 64)
+        __builtin_prefetch(ahead + b);
+    __builtin_prefetch(ahead + count - 1);
+    return data + rowBytes * static_cast<size_t>(std::clamp(s, 0, height - 1));
+}
+
 struct StripState {
     __m512i g[3][kWordRows][kStripVectors][4];
     __m512i down[kDownRows][kStripVectors][4];
@@ -294,11 +305,7 @@ VX_VBMI void WideStrip(const Planes &p, int32_t bias, uint8_t *data, size_t rowB
     for (int32_t v = 0; v < vectors; ++v)
         masks[v] = TailMask64(count - 64 * static_cast<size_t>(v));
     for (int32_t s = -kPad; s < height + kPad; ++s) {
-        const uint8_t *row = data + rowBytes * static_cast<size_t>(std::clamp(s, 0, height - 1));
-        const uint8_t *ahead = data + rowBytes * static_cast<size_t>(std::clamp(s + kAheadRows, 0, height - 1));
-        for (size_t b = 0; b < count; b += 64)
-            __builtin_prefetch(ahead + b);
-        __builtin_prefetch(ahead + count - 1);
+        const uint8_t *row = StripRow(data, rowBytes, height, count, s);
         const int32_t gs = s & (kWordRows - 1), ds = s & (kDownRows - 1);
         for (int32_t v = 0; v < vectors; ++v) {
             const __m512i index = _mm512_permutexvar_epi8(order, _mm512_maskz_loadu_epi8(masks[v], row + 64 * v));
@@ -388,11 +395,7 @@ VX_VBMI void LaneStrip(const LanePlanes &p, int32_t bias, uint8_t *data, size_t 
         masks[v] = TailMask64(count - 64 * static_cast<size_t>(v));
     auto slot = [](int32_t row) { return ((row % kLaneRing) + kLaneRing) % kLaneRing; };
     for (int32_t s = -kPad; s < height + kPad; ++s) {
-        const uint8_t *row = data + rowBytes * static_cast<size_t>(std::clamp(s, 0, height - 1));
-        const uint8_t *ahead = data + rowBytes * static_cast<size_t>(std::clamp(s + kAheadRows, 0, height - 1));
-        for (size_t b = 0; b < count; b += 64)
-            __builtin_prefetch(ahead + b);
-        __builtin_prefetch(ahead + count - 1);
+        const uint8_t *row = StripRow(data, rowBytes, height, count, s);
         const int32_t here = slot(s);
         for (int32_t v = 0; v < vectors; ++v) {
             const __m512i index = _mm512_maskz_loadu_epi8(masks[v], row + 64 * v);
