@@ -280,11 +280,7 @@ struct Segment {
     // y halves are unused for kBezier2Y.
     double c[8];
     double invRange;  // 2-D Bezier: 1 / (x(1) - x(0)), for a first guess of the parameter
-    // 2-D Bezier with inverse cells, for the end-point check without the bracketing probes
-    // (see CellsValue): over n units of 2^-18 of the parameter, x as computed rises by at
-    // least rise * n - clear + 0.0001. (They also make the record 128 bytes long.)
-    double rise;
-    double clear;
+    double unused[2];  // pads the record to 128 bytes
 };
 static_assert(sizeof(Segment) == 128, "a segment's index is a shift from its offset");
 
@@ -292,22 +288,43 @@ using vx::env::PowerCubic;
 PowerCubic TimeCurve(const Segment &seg) { return PowerCubic::Of(seg.c[0], seg.c[2], seg.c[4], seg.c[6]); }
 PowerCubic ValueCurve(const Segment &seg) { return PowerCubic::Of(seg.c[1], seg.c[3], seg.c[5], seg.c[7]); }
 
+// The largest double below 0.0001, the bisection's reach (whose unit in the last place is
+// 2^-66).
+constexpr double kBelowReach = 0.0001 - 0x1p-66;
+static_assert(kBelowReach < 0.0001 && 0.0001 - kBelowReach == 0x1p-66);
+
+// The levels of the bisection's probes j / 2^17 (0 < j < 2^17) below the first, 2^16: the
+// lowest set bit of j is 2^level.
+constexpr int kLevels = 17;
+
+// One cell of the inverse of a 2-D Bezier time curve (see InverseCells).
+struct InverseCell {
+    // A cubic in v, the time since the segment's start, that matches s and ds/dx at both ends
+    // of the cell, scaled as Bezier2Confirm takes it (s * 2^17 + 1), and its derivative times
+    // 0.0001 (the reach).
+    double guess[4];
+    double reach[3];
+    double start;  // the cell's start in v, infinity in the unused cells: playback compares it
+    // Per level of an end point k = 2j, the bisection stops at k when |t - x(k)| <=
+    // margin[level] (see CellsValue): the margin is below 0.0001, and x as computed rises by at
+    // least margin + 0.0001 from either bracket k -+ n (n = 2^(level + 1)) to k.
+    double margin[kLevels];
+};
+
 // The inverse of an increasing 2-D Bezier time curve, s against the time, in 1, 2, 4 or up to
-// kCells cells of equal length (the fewest that guess well): in each a cubic in v, the time
-// since the segment's start, that matches s and ds/dx at both ends of the cell, scaled as
-// Bezier2Confirm takes it (s * 2^17 + 1), in q[0] ... q[3], its derivative times 0.0001 in
-// q[4] ... q[6] (the reach), and the cell's start in v in q[7] (infinity in the unused cells),
-// which playback compares with. It only gives a first guess of the parameter; the bisection's
-// end point is then confirmed at the probes that decide it.
+// kCells cells of equal length (the fewest that guess well). It only gives a first guess of the
+// parameter; the bisection's end point is then confirmed at the probes that decide it.
 constexpr int kCells = 8;
 struct InverseCells {
     double start;  // x(0), the segment's start time
     double scale;  // cells per second
     int32_t last;  // the last cell's index
-    double q[kCells][8];
-    // Per cell, the segment's rise (see Segment) over the parameters near the cell, for the
-    // end-point checks whose brackets lie within kCellRiseReach units of 2^-18 of the end point.
-    double rise[kCells];
+    InverseCell cell[kCells];
+    // kBezier2: the coefficients a, b and d of the time and value curves, in pairs as in
+    // Segment::c, times 2^-17, 2^-34 and 2^-51. At a probe s = j / 2^17 the products a * s,
+    // b * s^2 and d * s^3 are then a' * j, b' * j^2 and d' * j^3: the same real numbers, so
+    // the same rounded products, and j^2 and j^3 are exact in doubles where s^2 and s^3 were.
+    double perProbe[3][2];
 };
 constexpr int64_t kCellRiseReach = 4096;
 
@@ -483,10 +500,11 @@ double SolveIncreasing(const PowerCubic &x, double target, double s)
 
 // The guess of the inverse cells at v, in units of 2^-17 plus one, and its reach (see
 // Bezier2Confirm).
-[[gnu::always_inline]] inline double CellGuess(const double *q, double v, double &reach)
+[[gnu::always_inline]] inline double CellGuess(const InverseCell &cell, double v, double &reach)
 {
     const double v2 = v * v;
-    reach = q[4] + q[5] * v + q[6] * v2;
+    const double *q = cell.guess, *r = cell.reach;
+    reach = r[0] + r[1] * v + r[2] * v2;
     return (q[0] + q[1] * v) + (q[2] + q[3] * v) * v2;
 }
 
@@ -513,7 +531,7 @@ bool FillCells(InverseCells &cells, const PowerCubic &x, double invRange, const 
         m[i] = 1.0 / Slope(x, s[i]);
     }
     for (int i = count; i < kCells; ++i)
-        cells.q[i][7] = std::numeric_limits<double>::infinity();
+        cells.cell[i].start = std::numeric_limits<double>::infinity();
     for (int i = 0; i < count; ++i) {
         // The cubic in w = v - c, c the cell's start, then in v, then scaled.
         const double secant = (s[i + 1] - s[i]) / width;
@@ -521,19 +539,20 @@ bool FillCells(InverseCells &cells, const PowerCubic &x, double invRange, const 
         const double a2 = (3.0 * secant - 2.0 * m[i] - m[i + 1]) / width;
         const double a3 = (m[i] + m[i + 1] - 2.0 * secant) / (width * width);
         const double c = width * i;
-        double *q = cells.q[i];
+        InverseCell &cell = cells.cell[i];
+        double *q = cell.guess;
         q[0] = (a0 - c * (a1 - c * (a2 - c * a3))) * 131072.0 + 1.0;
         q[1] = (a1 - c * (2.0 * a2 - 3.0 * a3 * c)) * 131072.0;
         q[2] = (a2 - 3.0 * a3 * c) * 131072.0;
         q[3] = a3 * 131072.0;
-        q[4] = 0.0001 * q[1];
-        q[5] = 0.0002 * q[2];
-        q[6] = 0.0003 * q[3];
-        q[7] = c;
+        cell.reach[0] = 0.0001 * q[1];
+        cell.reach[1] = 0.0002 * q[2];
+        cell.reach[2] = 0.0003 * q[3];
+        cell.start = c;
         for (double part : {0.25, 0.5, 0.75}) {
             const double v = c + width * part;
             double reach;
-            const double guess = (CellGuess(q, v, reach) - 1.0) * 0x1p-17;
+            const double guess = (CellGuess(cell, v, reach) - 1.0) * 0x1p-17;
             const double exact = SolveIncreasing(x, x0 + v, guess);
             if (!(std::fabs(guess - exact) < 1e-5))
                 return false;
@@ -544,9 +563,20 @@ bool FillCells(InverseCells &cells, const PowerCubic &x, double invRange, const 
     // within kCellRiseReach units further.
     const double near = (2.0 * bounds.error + 0.0001) / bounds.slope * (1.0 + 0x1p-20) + 0x1p-30 +
                         static_cast<double>(kCellRiseReach) * 0x1p-18;
+    // Over n units of 2^-18, x as computed rises by at least rise * n - clear + 0.0001: rise is
+    // the least slope per unit (the cell's while n is within kCellRiseReach, else the
+    // segment's) and clear is 0.0001 plus twice the rounding error of a value, each with a
+    // margin of 2^-30 for the roundings of the check.
+    const double clear = (2.0 * bounds.error + 0.0001) * (1.0 + 0x1p-30);
+    const double segmentRise = bounds.slope * 0x1p-18 * (1.0 - 0x1p-30);
     for (int i = 0; i < count; ++i) {
         const double least = LeastSlope(x, std::max(0.0, s[i] - near), std::min(1.0, s[i + 1] + near));
-        cells.rise[i] = std::max(least, bounds.slope) * 0x1p-18 * (1.0 - 0x1p-30);
+        const double cellRise = std::max(least, bounds.slope) * 0x1p-18 * (1.0 - 0x1p-30);
+        for (int level = 0; level < kLevels; ++level) {
+            const int64_t n = int64_t{2} << level;
+            const double rise = n <= kCellRiseReach ? cellRise : segmentRise;
+            cells.cell[i].margin[level] = std::min(rise * static_cast<double>(n) - clear, kBelowReach);
+        }
     }
     return true;
 }
@@ -558,6 +588,22 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange, cons
         if (FillCells(cells, x, invRange, bounds, count))
             return true;
     return false;
+}
+
+// Fills cells.perProbe from the curves in seg.c; false when a scaled coefficient lost bits
+// (a coefficient below about 2^-970, where the products would no longer be the same).
+bool ScaleForProbes(InverseCells &cells, const Segment &seg)
+{
+    constexpr double kScale[3] = {0x1p-17, 0x1p-34, 0x1p-51};
+    for (int power = 0; power < 3; ++power)
+        for (int curve = 0; curve < 2; ++curve) {
+            const double c = seg.c[2 * (power + 1) + curve];
+            const double scaled = c * kScale[power];
+            if (scaled / kScale[power] != c)
+                return false;
+            cells.perProbe[power][curve] = scaled;
+        }
+    return true;
 }
 
 [[gnu::noinline]] void FillSegment(VxEnvTables *tables, int32_t i)
@@ -594,14 +640,8 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange, cons
         seg.increasing = IncreasingAtProbes(bounds);
         if (seg.cells) {
             InverseCells &cells = *seg.cells;
-            if (seg.increasing && FillInverse(cells, x, seg.invRange, bounds)) {
-                // The least slope per unit of 2^-18, and 0.0001 plus twice the rounding error
-                // of a value, each with a margin of 2^-30 for the roundings of the check.
-                seg.rise = bounds.slope * 0x1p-18 * (1.0 - 0x1p-30);
-                seg.clear = (2.0 * bounds.error + 0.0001) * (1.0 + 0x1p-30);
-            } else {
+            if (!seg.increasing || !FillInverse(cells, x, seg.invRange, bounds))
                 seg.cells = nullptr;
-            }
         }
         // A non-2-D-Bezier start key lends its out tangent as stored, which the tangent rules
         // of TCB and Linear keys rewrite: that value curve is built at each evaluation.
@@ -609,6 +649,8 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange, cons
             const PowerCubic y = Bezier2Y(s, e);
             seg.c[1] = y.c0, seg.c[3] = y.a, seg.c[5] = y.b, seg.c[7] = y.d;
             seg.kind = kBezier2;
+            if (seg.cells && !ScaleForProbes(*seg.cells, seg))
+                seg.cells = nullptr;
         } else {
             seg.kind = kBezier2Y;
         }
@@ -692,37 +734,31 @@ bool FillInverse(InverseCells &cells, const PowerCubic &x, double invRange, cons
 // through a cell, so that the guess need not wait for the cell's index to be computed; at
 // random times they would be mispredicted, and the index is computed.
 template <bool kPlayback>
-[[gnu::always_inline]] inline double CellsGuess(const InverseCells &cells, double t, double &reach, int32_t &cell)
+[[gnu::always_inline]] inline double CellsGuess(const InverseCells &cells, double t, double &reach, const InverseCell *&cell)
 {
     const double v = t - cells.start;
-    const double *q = cells.q[0];
+    cell = cells.cell;
     if (cells.last) {
         // t is inside the segment, so v is within the cells but for rounding; both ways keep
         // the ends in the first and last cell.
         if constexpr (kPlayback) {
-            // Three halvings over the cells' starts (q[k][7], infinite past the last cell),
-            // stepping a row pointer so that each is one comparison at a fixed offset.
+            // Three halvings over the cells' starts (infinite past the last cell), stepping a
+            // cell pointer so that each is one comparison at a fixed offset.
             static_assert(kCells == 8, "three halvings");
-            const double(*row)[8] = cells.q;
-            auto halve = [&row, v](int step) {
-                if (v >= row[step][7]) {
-                    row += step;
-                    asm volatile("" : "+r"(row));  // keeps the branch: a conditional move would wait for v
+            auto halve = [&cell, v](int step) {
+                if (v >= cell[step].start) {
+                    cell += step;
+                    asm volatile("" : "+r"(cell));  // keeps the branch: a conditional move would wait for v
                 }
             };
             halve(4);
             halve(2);
             halve(1);
-            q = *row;
-            cell = static_cast<int32_t>(row - cells.q);
         } else {
-            cell = std::clamp(static_cast<int32_t>(v * cells.scale), 0, cells.last);
-            q = cells.q[cell];
+            cell += std::clamp(static_cast<int32_t>(v * cells.scale), 0, cells.last);
         }
-    } else {
-        cell = 0;
     }
-    return CellGuess(q, v, reach);
+    return CellGuess(*cell, v, reach);
 }
 
 // The bisection's end point for the 2-D Bezier segment at t, guessed from its inverse cells
@@ -733,52 +769,56 @@ template <bool kPlayback>
     if (!seg.cells)
         return false;
     double reach;
-    int32_t cell;
+    const InverseCell *cell;
     const double scaled = CellsGuess<false>(*seg.cells, t, reach, cell);
     return Bezier2Confirm(TimeCurve(seg), t, scaled, reach, mid);
 }
 
 // The value of a kBezier2 segment at t from its inverse cells, when their guess has a probe
-// within reach and the bisection is confirmed to stop at the one Bezier2Confirm picks, k;
-// false otherwise. x(k) and y(k) are evaluated together. The bisection stops at k when t is
-// within 0.0001 seconds of x(k) and the probes k - n and k + n that bracket it (n the lowest
-// set bit of k) are more than that below and above t. From either of them to k, x rises by at
-// least rise * n - clear + 0.0001 (rise the cell's while n is within kCellRiseReach, else the
-// segment's), so |t - x(k)| <= rise * n - clear settles both without evaluating x there;
-// where it does not, they are checked as Bezier2Confirm checks them.
+// within reach and the bisection is confirmed to stop at the coarsest one, k; false
+// otherwise. x(k) and y(k) are evaluated together. The bisection stops at k when t is within
+// 0.0001 seconds of x(k) and the probes k - n and k + n that bracket it (n the lowest set bit
+// of k) are more than that below and above t. The cell's margin for n settles both when
+// |t - x(k)| is within it, without evaluating x there; where it is not, they are checked as
+// Bezier2Confirm checks them. Any k that passes is the bisection's, however it was picked, so
+// the guess only decides how often the check passes.
 template <bool kPlayback>
 [[gnu::always_inline]] inline bool CellsValue(const InverseCells &cells, const Segment &seg, double t, double &value)
 {
     double reach;
-    int32_t cell;
+    const InverseCell *cell;
     const double scaled = CellsGuess<kPlayback>(cells, t, reach, cell);
+    // The probes within reach are [floor(lo), floor(hi) - 1] (see Bezier2Confirm). Windows
+    // that reach the first or the last probe, within reach of the segment's ends, are left to
+    // the general path, which spares clamping them here.
     const double lo = scaled - reach, hi = scaled + reach;
-    if (!(lo > 0.0 && hi > lo && hi < 131074.0))
+    if (!(lo >= 1.0 && hi < 131072.0))
         return false;
-    const int64_t jLo = std::max<int64_t>(static_cast<int64_t>(lo), 1);
-    const int64_t jHi = std::min<int64_t>(static_cast<int64_t>(hi) - 1, 131071);
+    const int64_t jLo = static_cast<int64_t>(lo);
+    const int64_t jHi = static_cast<int64_t>(hi) - 1;
     if (jLo > jHi)
         return false;
-    const int top = 63 - __builtin_clzll(static_cast<uint64_t>((jLo - 1) ^ jHi));
-    const int64_t k = 2 * (jHi & ~((int64_t{1} << top) - 1));
-    const int64_t n = int64_t{2} << top;
-    constexpr double kUnit = 0x1p-18;
-    // x and y at k as PowerCubic::At evaluates each, one in each half.
+    // The probe in [jLo, jHi] with the most trailing zero bits, j, is the first one reached.
+    const int64_t level = 63 - __builtin_clzll(static_cast<uint64_t>((jLo - 1) ^ jHi));
+    const int64_t j = jHi & -(int64_t{1} << level);
+    // x and y at j / 2^17 as PowerCubic::At evaluates each, one in each half, from the scaled
+    // coefficients (see InverseCells::perProbe) and the powers of j, exact below 2^51.
     typedef double Pair __attribute__((vector_size(16)));
     Pair c0, a, b, d;
     std::memcpy(&c0, &seg.c[0], sizeof c0);
-    std::memcpy(&a, &seg.c[2], sizeof a);
-    std::memcpy(&b, &seg.c[4], sizeof b);
-    std::memcpy(&d, &seg.c[6], sizeof d);
-    const double sk = static_cast<double>(k) * kUnit;
-    const Pair s = {sk, sk};
-    const Pair s2 = s * s;
-    const Pair xy = ((c0 + a * s) + b * s2) + d * (s2 * s);
+    std::memcpy(&a, cells.perProbe[0], sizeof a);
+    std::memcpy(&b, cells.perProbe[1], sizeof b);
+    std::memcpy(&d, cells.perProbe[2], sizeof d);
+    const double jd = static_cast<double>(j);
+    const Pair j1 = {jd, jd};
+    const Pair j2 = j1 * j1;
+    const Pair xy = ((c0 + a * j1) + b * j2) + d * (j2 * j1);
     const double off = std::fabs(t - xy[0]);
-    if (!(off < 0.0001))
-        return false;
-    const double rise = n <= kCellRiseReach ? cells.rise[cell] : seg.rise;
-    if (!(rise * static_cast<double>(n) - seg.clear >= off)) {
+    if (!(off <= cell->margin[level])) {
+        if (!(off < 0.0001))
+            return false;
+        constexpr double kUnit = 0x1p-18;
+        const int64_t k = 2 * j, n = int64_t{2} << level;
         const PowerCubic x = TimeCurve(seg);
         if (!(t - x.At(static_cast<double>(k - n) * kUnit) >= 0.0001))
             return false;

@@ -444,15 +444,18 @@ TEST(EnvOom, EvaluationWithoutMemoryWalksTheKeys)
             // the time curve turns back), over segments of one tick to 2000 seconds.
             while (VxEnvKey *k = EnvKeyFirst(env))
                 EnvDelKey(env, k);
+            // Values near the least normal doubles in some rounds: their curves' coefficients
+            // come close to losing bits when scaled.
+            const double size = round % 8 == 5 ? 1e-300 : 1.0;
             double t = 0.0;
             for (int i = 0; i < 8; ++i) {
-                VxEnvKey *k = EnvAddKey(env, t, uni(-3, 3));
+                VxEnvKey *k = EnvAddKey(env, t, uni(-3, 3) * size);
                 EnvKeySetType(env, k, ENV_SHAPE_BEZIER2);
                 const double reach = round % 4 == 1 ? 0.4 : 1.5;
                 EnvKeySetParam(k, 0, -uni(0, reach) * (t + 1) / 4);
-                EnvKeySetParam(k, 1, uni(-2, 2));
+                EnvKeySetParam(k, 1, uni(-2, 2) * size);
                 EnvKeySetParam(k, 2, uni(0, reach) * (t + 1) / 4);
-                EnvKeySetParam(k, 3, uni(-2, 2));
+                EnvKeySetParam(k, 3, uni(-2, 2) * size);
                 const uint32_t kind = rng() % 4;
                 t += kind == 0 ? 1.0 / 3600.0 : kind == 1 ? uni(0, 2000) : uni(0.01, 1.5);
             }
