@@ -350,6 +350,11 @@ struct VxEnvTables {
     size_t bytes;
     uint64_t edits;
     uint64_t paramEdits;
+    // Playback: the times [playFrom, playTo) lie in the segment evaluated last, `playing`, past
+    // its start key's tick; an empty range while the search runs alone (see kMissesToSearch).
+    double playFrom;
+    double playTo;
+    const Segment *playing;
     // A time has a tick strictly between the first and last key's when it lies in
     // [innerLo, innerHi), the EdgeTime of the first tick + 1 and of the last tick.
     double innerLo;
@@ -358,7 +363,7 @@ struct VxEnvTables {
     int32_t capacity;         // keys the block has room for
     int32_t inverseCapacity;  // inverse cells the block has room for
     int32_t search;           // 1 up to four keys, 2 up to kCountedKeys, else 0 (halving)
-    int32_t last;             // the segment evaluated last, where playback looks first
+    int32_t last;             // the segment evaluated last, where the search looks first
     int32_t misses;           // see kMissesToSearch
     Segment *segments;
     InverseCells *inverse;
@@ -407,6 +412,22 @@ double EdgeTime(double tick)
     return t;
 }
 
+// Makes segment i the one evaluated last, where playback looks first.
+void Play(VxEnvTables *tables, int32_t i)
+{
+    tables->last = i;
+    tables->playing = &tables->segments[i];
+    tables->playFrom = tables->segments[i].keyEnd;
+    tables->playTo = tables->edges[i + 1];
+}
+
+// Leaves the times to the search alone: no time is in the playback range.
+void StopPlaying(VxEnvTables *tables)
+{
+    tables->playFrom = HUGE_VAL;
+    tables->playTo = -HUGE_VAL;
+}
+
 // Rebuilds the tables of an envelope of two keys or more; NULL when memory ran out.
 [[gnu::noinline]] VxEnvTables *BuildTables(VxEnvelope *env)
 {
@@ -439,7 +460,6 @@ double EdgeTime(double tick)
     }
     tables->count = count;
     tables->search = count <= 4 ? 1 : count <= kCountedKeys ? 2 : 0;
-    tables->last = 0;
     tables->misses = 0;
     int32_t i = 0;
     for (VxEnvKey *k = FirstKey(env); k; k = NextKey(k), ++i) {
@@ -458,6 +478,7 @@ double EdgeTime(double tick)
     }
     tables->innerLo = EdgeTime(static_cast<double>(tables->ticks[0]) + 1.0);
     tables->innerHi = tables->edges[count - 1];
+    Play(tables, 0);
     tables->edits = env->edits;
     tables->paramEdits = g_paramEdits.load(std::memory_order_relaxed);
     return tables;
@@ -713,18 +734,24 @@ bool ScaleForProbes(InverseCells &cells, const Segment &seg)
             if (x < edges[last + 1])
                 return last;
             // x is below the last key's edge, so last + 1 is a segment.
-            if (x < edges[last + 2])
-                return tables->last = last + 1;
+            if (x < edges[last + 2]) {
+                Play(tables, last + 1);
+                return last + 1;
+            }
         }
         tables->misses = misses + 2;
-        return tables->last = SearchSegment(tables, x);
+        const int32_t i = SearchSegment(tables, x);
+        Play(tables, i);
+        if (misses + 2 >= kMissesToSearch)
+            StopPlaying(tables);
+        return i;
     }
     const int32_t i = SearchSegment(tables, x);
     if (misses + 1 < kMissesToSearch + kSearchRun) {
         tables->misses = misses + 1;
     } else {
         tables->misses = 0;
-        tables->last = i;
+        Play(tables, i);
     }
     return i;
 }
@@ -1140,53 +1167,63 @@ namespace {
     return Finish(env, t, FilledSegmentValue(tables, i, t));
 }
 
-// A filled 2-D Bezier segment i of the current tables, strictly inside it. The common case,
-// confirmed by the inverse cells, ends without a call; the others in a tail call.
-template <bool kPlayback>
-[[gnu::noinline]] double EvaluateBezier2(VxEnvelope *env, VxEnvTables *tables, const Segment &seg, int32_t i, double t)
+// The end of an evaluation of the tables: the value becomes the last value, and the
+// modifiers run, if any, in a tail call.
+[[gnu::always_inline]] inline double Deliver(VxEnvelope *env, double t, double value)
 {
-    double value;
-    if (seg.kind != kBezier2 || !seg.cells || !CellsValue<kPlayback>(*seg.cells, seg, t, value))
-        return EvaluateSegment(env, tables, i, t);
     if (env->filters.head->succ)
         return Finish(env, t, value);
     env->lastValue = value;
     return value;
 }
 
+// A filled 2-D Bezier segment of the current tables, strictly inside it. The common case,
+// confirmed by the inverse cells, ends without a call; the others in a tail call.
+template <bool kPlayback>
+[[gnu::noinline]] double EvaluateBezier2(VxEnvelope *env, VxEnvTables *tables, const Segment &seg, double t)
+{
+    double value;
+    if (seg.kind != kBezier2 || !seg.cells || !CellsValue<kPlayback>(*seg.cells, seg, t, value))
+        return EvaluateSegment(env, tables, static_cast<int32_t>(&seg - tables->segments), t);
+    return Deliver(env, t, value);
+}
+
+// A time of current tables outside the playback range: the segment is searched.
+[[gnu::noinline]] double EvaluateSearched(VxEnvelope *env, VxEnvTables *tables, double t)
+{
+    if (!(t >= tables->innerLo && t < tables->innerHi))  // see InnerValue
+        return EvaluateAnyTime(env, t);
+    const int32_t i = FindSegment(tables, t);
+    const Segment &seg = tables->segments[i];
+    double value;
+    if (t < seg.keyEnd)
+        value = tables->keys[i]->value;
+    else if (seg.kind >= kBezier2)  // one test, ahead of the other kinds' tests
+        return EvaluateBezier2<false>(env, tables, seg, t);
+    else if (!CommonSegmentValue(seg, t, value))
+        return EvaluateSegment(env, tables, i, t);
+    return Deliver(env, t, value);
+}
+
 }  // namespace
 
-// The common case, a time strictly inside the key range of current tables in a segment
-// filled earlier, is handled here without a call; every other case ends in a tail call.
+// The common case, a time in the playback range of current tables in a segment filled
+// earlier, is handled here without a call; every other case ends in a tail call.
 double EnvEvaluate(VxEnvelope *env, double t)
 {
     VxEnvTables *tables = env->tables;
     if (!tables || tables->edits != env->edits ||
         tables->paramEdits != g_paramEdits.load(std::memory_order_relaxed))
         return EvaluateAnyTime(env, t);
-    // Playback first: the segment evaluated last, while it is hit. Its edges lie inside the
-    // key range, but for the first key's own tick, where segment 0 gives the first key's value
-    // as well; so the range test is left to the other times.
-    int32_t i = tables->last;
-    const double *edges = tables->edges;
-    const bool playback = tables->misses < kMissesToSearch && edges[i] <= t && t < edges[i + 1];
-    if (!playback) {
-        if (!(t >= tables->innerLo && t < tables->innerHi))  // see InnerValue
-            return EvaluateAnyTime(env, t);
-        i = FindSegment(tables, t);
-    }
-    const Segment &seg = tables->segments[i];
+    if (!(t >= tables->playFrom && t < tables->playTo))
+        return EvaluateSearched(env, tables, t);
+    const Segment &seg = *tables->playing;
     double value;
-    if (t < seg.keyEnd)
-        value = tables->keys[i]->value;
-    else if (seg.kind >= kBezier2)  // one test, ahead of the other kinds' tests
-        return playback ? EvaluateBezier2<true>(env, tables, seg, i, t) : EvaluateBezier2<false>(env, tables, seg, i, t);
-    else if (!CommonSegmentValue(seg, t, value))
-        return EvaluateSegment(env, tables, i, t);
-    if (env->filters.head->succ)
-        return Finish(env, t, value);
-    env->lastValue = value;
-    return value;
+    if (seg.kind >= kBezier2)  // one test, ahead of the other kinds' tests
+        return EvaluateBezier2<true>(env, tables, seg, t);
+    if (!CommonSegmentValue(seg, t, value))
+        return EvaluateSegment(env, tables, static_cast<int32_t>(&seg - tables->segments), t);
+    return Deliver(env, t, value);
 }
 
 double EnvModEvaluate(VxEnvelope *env, double t, double value)
