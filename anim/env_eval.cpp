@@ -293,8 +293,8 @@ PowerCubic ValueCurve(const Segment &seg) { return PowerCubic::Of(seg.c[1], seg.
 constexpr double kBelowReach = 0.0001 - 0x1p-66;
 static_assert(kBelowReach < 0.0001 && 0.0001 - kBelowReach == 0x1p-66);
 
-// The levels of the bisection's probes j / 2^17 (0 < j < 2^17) below the first, 2^16: the
-// lowest set bit of j is 2^level.
+// A probe j / 2^17 of the bisection (0 < j < 2^17) lies on level l when the lowest set bit of
+// j is 2^l: from level 16 (the first probe, 1/2) down to level 0 (the last ones).
 constexpr int kLevels = 17;
 
 // One cell of the inverse of a 2-D Bezier time curve (see InverseCells).
