@@ -335,9 +335,9 @@ constexpr int32_t kCountedKeys = 16;
 // The segment search looks first at the segment evaluated last (and its successor) while
 // `misses` is below kMissesToSearch: playback, where those branches are predicted. Each miss
 // counts two. From the limit on the search runs alone, without branches on the keys, for
-// kSearchRun evaluations, which count on; then the last segment is tried again. The search
-// alone stores nothing that depends on its result: such a store held back the next
-// evaluation in measurements.
+// kSearchRun evaluations, which count on; then playback resumes at the segment found last
+// (see Play). The search alone stores nothing that depends on its result: such a store held
+// back the next evaluation in measurements.
 constexpr int32_t kMissesToSearch = 4;
 constexpr int32_t kSearchRun = 256;
 
@@ -741,8 +741,9 @@ bool ScaleForProbes(InverseCells &cells, const Segment &seg)
         }
         tables->misses = misses + 2;
         const int32_t i = SearchSegment(tables, x);
-        Play(tables, i);
-        if (misses + 2 >= kMissesToSearch)
+        if (misses + 2 < kMissesToSearch)
+            Play(tables, i);
+        else
             StopPlaying(tables);
         return i;
     }
