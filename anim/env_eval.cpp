@@ -350,8 +350,9 @@ struct VxEnvTables {
     size_t bytes;
     uint64_t edits;
     uint64_t paramEdits;
-    // Playback: the times [playFrom, playTo) lie in the segment evaluated last, `playing`, past
-    // its start key's tick; an empty range while the search runs alone (see kMissesToSearch).
+    // Playback: the times [playFrom, playTo) lie in the segment evaluated last, `playing`
+    // (segments + last, kept as a pointer for the playback test), past its start key's tick;
+    // an empty range while the search runs alone (see kMissesToSearch).
     double playFrom;
     double playTo;
     const Segment *playing;
@@ -582,17 +583,19 @@ bool FillCells(InverseCells &cells, const PowerCubic &x, double invRange, const 
     // An end point that passes its check lies within 0.0001 seconds (and the rounding of its
     // value) of a time in its cell, so within `near` of the cell's parameters; its brackets
     // within kCellRiseReach units further.
-    const double near = (2.0 * bounds.error + 0.0001) / bounds.slope * (1.0 + 0x1p-20) + 0x1p-30 +
+    const double reachAndError = 2.0 * bounds.error + 0.0001;
+    const double near = reachAndError / bounds.slope * (1.0 + 0x1p-20) + 0x1p-30 +
                         static_cast<double>(kCellRiseReach) * 0x1p-18;
     // Over n units of 2^-18, x as computed rises by at least rise * n - clear + 0.0001: rise is
     // the least slope per unit (the cell's while n is within kCellRiseReach, else the
     // segment's) and clear is 0.0001 plus twice the rounding error of a value, each with a
     // margin of 2^-30 for the roundings of the check.
-    const double clear = (2.0 * bounds.error + 0.0001) * (1.0 + 0x1p-30);
-    const double segmentRise = bounds.slope * 0x1p-18 * (1.0 - 0x1p-30);
+    const double clear = reachAndError * (1.0 + 0x1p-30);
+    auto perUnit = [](double slope) { return slope * 0x1p-18 * (1.0 - 0x1p-30); };
+    const double segmentRise = perUnit(bounds.slope);
     for (int i = 0; i < count; ++i) {
         const double least = LeastSlope(x, std::max(0.0, s[i] - near), std::min(1.0, s[i + 1] + near));
-        const double cellRise = std::max(least, bounds.slope) * 0x1p-18 * (1.0 - 0x1p-30);
+        const double cellRise = perUnit(std::max(least, bounds.slope));
         for (int level = 0; level < kLevels; ++level) {
             const int64_t n = int64_t{2} << level;
             const double rise = n <= kCellRiseReach ? cellRise : segmentRise;
