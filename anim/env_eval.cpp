@@ -386,18 +386,6 @@ size_t TablesBytes(int32_t capacity, int32_t inverseCapacity)
            n * sizeof(VxEnvKey *) + static_cast<size_t>(EdgePlaces(capacity)) * sizeof(double) + n * sizeof(int32_t);
 }
 
-// A block of `bytes`, or NULL: a failed allocation is not raised, the caller walks the list.
-void *TryAlloc(size_t bytes)
-{
-    if (CkptBegin()) {
-        CkptLatchCode();
-        return nullptr;
-    }
-    void *block = StdAlloc(bytes);
-    CkptEnd();
-    return block;
-}
-
 // The smallest time whose tick (TickOf: floor(t * 3600 + 0.5)) is `tick` or above. The sum
 // t * 3600 + 0.5, as evaluated, never decreases as t grows, so a time lies at or above this
 // edge exactly when its tick does: the evaluation compares times with edges and never
@@ -446,7 +434,7 @@ void StopPlaying(VxEnvTables *tables)
     }
     if (!tables) {
         const size_t bytes = TablesBytes(count, bezier2);
-        tables = static_cast<VxEnvTables *>(TryAlloc(bytes));
+        tables = static_cast<VxEnvTables *>(StdTryAlloc(bytes));  // without memory the caller walks the keys
         if (!tables)
             return nullptr;
         tables->bytes = bytes;
@@ -1116,7 +1104,7 @@ double CurveValue(VxEnvelope *env, double t)
         return inner;
     VxEnvKey *first = FirstKey(env);
     if (!first)
-        return env->type >= 7 && env->type <= 9 ? 1.0 : 0.0;
+        return EmptyValue(env->type);
     VxEnvKey *last = LastKey(env);
     if (first == last)
         return first->value;

@@ -25,8 +25,6 @@ const char *DefaultName(int32_t type)
     return type >= 0 && type < 16 ? kDefaultNames[type] : kDefaultNames[0];
 }
 
-bool IsScaleChannel(int32_t type) { return type >= 7 && type <= 9; }
-
 void SetName(VxEnvelope *env, const char *name)
 {
     std::strncpy(env->nameBuffer, name, kNameMax);
@@ -100,7 +98,7 @@ VxEnvelope *EnvCreate(VxEnvGroup *group, uintptr_t clientData, int32_t type, con
     env->post = ENV_BEHAVIOR_CONSTANT;
     env->saveIndex = -1;
     env->tracking = 1;
-    env->lastValue = IsScaleChannel(type) ? 1.0 : 0.0;
+    env->lastValue = EmptyValue(type);
     AddTail(&env->group->envelopes, &env->node);
     CkptEnd();
     PortNotify(global, server, 0, ENV_EVENT_CREATED, 1, reinterpret_cast<uintptr_t>(env));

@@ -102,6 +102,8 @@ inline void KeysChanged(VxEnvelope *env)
 
 // Frees the evaluation tables of an envelope (on destruction).
 void FreeTables(VxEnvelope *env);
+// The value of an empty envelope and the last value of a new one: 1.0 for the scale channels.
+inline double EmptyValue(int32_t type) { return type >= ENV_TYPE_SCALE_FIRST && type <= ENV_TYPE_SCALE_LAST ? 1.0 : 0.0; }
 
 // Sends (event, mask) with `argument` through the envelope's port, or counts the edit as
 // suppressed while tracking is suspended.

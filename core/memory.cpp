@@ -71,36 +71,43 @@ VX_API void StdSetAllocator(const StdAllocator *allocator)
 
 VX_API void StdGetAllocator(StdAllocator *out) { *out = g_allocator; }
 
+VX_API void *StdTryAlloc(size_t size) { return g_allocator.alloc(g_allocator.user, size); }
+
 VX_API void *StdAlloc(size_t size)
 {
-    void *block = g_allocator.alloc(g_allocator.user, size);
+    void *block = StdTryAlloc(size);
     if (!block && size)
         return RaiseOutOfMemory();
     return block;
 }
 
-VX_API void *StdRealloc(void *block, size_t oldSize, size_t newSize)
+VX_API void *StdTryRealloc(void *block, size_t oldSize, size_t newSize)
 {
     if (newSize == 0) {
         FreeHeap(block, oldSize);
         return nullptr;
     }
     if (!block)
-        return StdAlloc(newSize);
-    void *moved;
-    if (g_allocator.realloc) {
-        moved = g_allocator.realloc(g_allocator.user, block, oldSize, newSize);
-        if (!moved)
-            return RaiseOutOfMemory();
-        if (newSize > oldSize)
-            std::memset(static_cast<char *>(moved) + oldSize, 0, newSize - oldSize);
-    } else {
-        moved = StdAlloc(newSize);  // raises on failure; `block` is untouched
-        if (!moved)
-            return nullptr;
-        std::memcpy(moved, block, std::min(oldSize, newSize));
-        FreeHeap(block, oldSize);
+        return StdTryAlloc(newSize);
+    if (!g_allocator.realloc) {
+        void *moved = StdTryAlloc(newSize);
+        if (moved) {
+            std::memcpy(moved, block, std::min(oldSize, newSize));
+            FreeHeap(block, oldSize);
+        }
+        return moved;
     }
+    void *moved = g_allocator.realloc(g_allocator.user, block, oldSize, newSize);
+    if (moved && newSize > oldSize)
+        std::memset(static_cast<char *>(moved) + oldSize, 0, newSize - oldSize);
+    return moved;
+}
+
+VX_API void *StdRealloc(void *block, size_t oldSize, size_t newSize)
+{
+    void *moved = StdTryRealloc(block, oldSize, newSize);
+    if (!moved && newSize)
+        return RaiseOutOfMemory();
     return moved;
 }
 
@@ -139,5 +146,7 @@ VX_API void StringFree(char *text)
     if (text)
         FreeHeap(text, std::strlen(text) + 1);
 }
+
+VX_API void StringFreeArm(uintptr_t text, uintptr_t) { StringFree(reinterpret_cast<char *>(text)); }
 
 }  // extern "C"

@@ -107,6 +107,34 @@ TEST_F(Memory, ExhaustionReturnsNullOutsideBlocksAndKeepsTheOldBlock)
     EXPECT_EQ(heap.BadFrees(), 0);
 }
 
+// The try forms come back with NULL inside an open block instead of raising through it.
+TEST_F(Memory, TryFormsNeverRaiseAndKeepTheOldBlock)
+{
+    vxtest::FaultAllocator heap;
+    volatile int raised = 0;
+    if (CkptBegin()) {
+        raised = CkptLatchCode();
+    } else {
+        auto *block = static_cast<char *>(StdTryAlloc(8));
+        std::strcpy(block, "intact");
+        heap.FailAt(1, vxtest::FailMode::Once);
+        EXPECT_EQ(StdTryAlloc(16), nullptr);
+        heap.FailAt(1, vxtest::FailMode::Once);
+        EXPECT_EQ(StdTryRealloc(block, 8, 64), nullptr);
+        EXPECT_STREQ(block, "intact");
+        block = static_cast<char *>(StdTryRealloc(block, 8, 64));
+        EXPECT_STREQ(block, "intact");
+        EXPECT_EQ(block[63], 0);
+        EXPECT_EQ(StdTryRealloc(block, 64, 0), nullptr);
+        char *name = StringCopy("armed");
+        CkptArm(StringFreeArm, reinterpret_cast<uintptr_t>(name), 0);
+        CkptRecover(7);
+    }
+    EXPECT_EQ(raised, 7);
+    EXPECT_EQ(heap.LiveBytes(), 0u);
+    EXPECT_EQ(heap.BadFrees(), 0);
+}
+
 TEST_F(Memory, HeapIsTrimmedAfterFourMegabytesFreed)
 {
     DirtyHeap heap;

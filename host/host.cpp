@@ -92,8 +92,6 @@ void FreeClassRecord(HostClass *cls)
     FreeHeap(cls, sizeof(HostClass));
 }
 
-void StringFreeArm(uintptr_t text, uintptr_t) { StringFree(reinterpret_cast<char *>(text)); }
-
 HostClass *CreateClass(const char *name, int32_t version)
 {
     CKPT_BEGIN_OR_RETURN(nullptr);
@@ -131,18 +129,6 @@ bool Excluded(const char *className, const char *name)
     return false;
 }
 
-// A block from the heap, or NULL when memory ran out (never raised).
-void *HeapOrNull(size_t size)
-{
-    if (CkptBegin()) {
-        CkptLatchCode();
-        return nullptr;
-    }
-    void *block = StdAlloc(size);
-    CkptEnd();
-    return block;
-}
-
 // The notification payload: class name, then for servers a NUL and the server name.
 void NotifyText(int32_t event, uintptr_t clientKey, int32_t subject, const char *className, const char *name)
 {
@@ -152,7 +138,7 @@ void NotifyText(int32_t event, uintptr_t clientKey, int32_t subject, const char 
     // Usual names fit the stack; long ones borrow a heap block, and without memory the
     // notification is not sent (listeners must never see a raise).
     char local[512];
-    char *payload = size <= sizeof local ? local : static_cast<char *>(HeapOrNull(size));
+    char *payload = size <= sizeof local ? local : static_cast<char *>(StdTryAlloc(size));
     if (!payload)
         return;
     std::memcpy(payload, className, classLength);
@@ -591,7 +577,7 @@ VX_API int HostStartup(void)
     g_host.port = GlobalPortAcquire(kPortName, 0, HostIdentity(), OnPortAttach);
     g_acquiringPort = false;
     if (!DeclareBuiltIns())
-        CkptRecover(99);
+        CkptRecover(HOST_STARTUP_FAILED);
     if (g_host.catalogueMode) {
         RegisterCatalogue();
     } else {
@@ -627,7 +613,7 @@ VX_API int HostSetDatabase(const char *dir)
     CkptEnd();
     StringFree(g_host.databaseDir);
     g_host.databaseDir = copy;
-    FileSetSystemPath(7, dir);
+    FileSetSystemPath(SYSTEM_PATH_DATABASE, dir);
     return 1;
 }
 

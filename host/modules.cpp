@@ -48,8 +48,6 @@ char *ComposeFullPath(const char *path)
     return full;
 }
 
-void StringFreeArm(uintptr_t text, uintptr_t) { StringFree(reinterpret_cast<char *>(text)); }
-
 HostModule *CreateModule(const char *path)
 {
     CKPT_BEGIN_OR_RETURN(nullptr);

@@ -490,14 +490,9 @@ VxImage *SeparablePath(VxImage *image, int32_t taps, double sigmaH, double sigma
     if (!result)
         return nullptr;
     const size_t bytes = BlurWorkLayout(image, taps).total;
-    uint8_t *work = nullptr;
-    if (CkptBegin()) {
-        // The work buffer could not be had: the result goes back with its pixels unwritten.
-        CkptLatchCode();
-        return result;
-    }
-    work = static_cast<uint8_t *>(StdAlloc(bytes));
-    CkptEnd();
+    auto *work = static_cast<uint8_t *>(StdTryAlloc(bytes));
+    if (!work)
+        return result;  // no work buffer: the result goes back with its pixels unwritten
     SeparableBlur(image, result, taps, sigmaH, sigmaV, mask, work);
     FreeHeap(work, bytes);
     return result;

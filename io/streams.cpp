@@ -384,19 +384,6 @@ int64_t GrownBlockSize(int64_t capacity, int64_t needed)
     return size;
 }
 
-// Moves a block to a new size inside a checkpoint block of its own, so that an exhausted heap
-// comes back as a code instead of unwinding the caller. Returns NULL with *code set on failure.
-__attribute__((noinline)) uint8_t *ReallocCatching(void *old, size_t oldSize, size_t newSize, int32_t *code)
-{
-    if (CkptBegin()) {
-        *code = CkptLatchCode();
-        return nullptr;
-    }
-    void *block = StdRealloc(old, oldSize, newSize);
-    CkptEnd();
-    return static_cast<uint8_t *>(block);
-}
-
 // Makes room for `needed` data bytes. An exhausted heap is caught here: the stream keeps its
 // old block and data and fails. Returns 0 or the failure code.
 int32_t MemReserve(VxWriteStrm *s, int64_t needed)
@@ -409,10 +396,10 @@ int32_t MemReserve(VxWriteStrm *s, int64_t needed)
     int64_t size = GrownBlockSize(capacity, needed);
     void *old = s->impl ? BlockStart(s->impl) : nullptr;
     size_t oldSize = s->impl ? static_cast<size_t>(capacity) + kBlockHeader : 0;
-    int32_t code = 0;
-    uint8_t *block = ReallocCatching(old, oldSize, static_cast<size_t>(size), &code);
+    // An exhausted heap comes back as the stream's error instead of unwinding the caller.
+    auto *block = static_cast<uint8_t *>(StdTryRealloc(old, oldSize, static_cast<size_t>(size)));
     if (!block)
-        return Fail(&s->error, code);
+        return Fail(&s->error, VX_ERR_NOMEM);
     int32_t newCapacity = static_cast<int32_t>(size - kBlockHeader);
     std::memcpy(block, &newCapacity, sizeof newCapacity);
     s->impl = block + kBlockHeader;

@@ -528,7 +528,7 @@ VX_API int ConfigSetAlias(const char *name, const char *const *names)
     auto *alias = static_cast<Alias *>(StdAlloc(sizeof(Alias)));
     CkptArm(StdFreeArm, reinterpret_cast<uintptr_t>(alias), sizeof *alias);
     alias->named.name = StringCopy(name);
-    CkptArm(StdFreeArm, reinterpret_cast<uintptr_t>(alias->named.name), std::strlen(name) + 1);
+    CkptArm(StringFreeArm, reinterpret_cast<uintptr_t>(alias->named.name), 0);
     alias->named.hash = HashName(name);
     alias->named.kind = kAlias;
     alias->names = CopyNames(names);

@@ -240,11 +240,6 @@ void DetachPortArm(uintptr_t, uintptr_t)
     GlobalPortDetach(kEventsPort, reinterpret_cast<uintptr_t>(&g_portKey));
 }
 
-void FreeStringArm(uintptr_t text, uintptr_t)
-{
-    StringFree(reinterpret_cast<char *>(text));
-}
-
 // System path 5 becomes dir when it is a directory, else the directory part of dir.
 void SetConfigPath(const char *dir)
 {
@@ -268,7 +263,7 @@ int StartStore(const char *dir, const char *name)
 {
     CKPT_BEGIN_OR_RETURN(0);
     char *file = StringCopy(name);
-    CkptArm(FreeStringArm, reinterpret_cast<uintptr_t>(file), 0);
+    CkptArm(StringFreeArm, reinterpret_cast<uintptr_t>(file), 0);
     VxConfigClient *client = ConfigAddClient(nullptr, 0);
     CkptArm(RemoveClientArm, reinterpret_cast<uintptr_t>(client), 0);
     if (!GlobalPortAttach(kEventsPort, reinterpret_cast<uintptr_t>(&g_portKey), 0, OnApplicationEvent))

@@ -45,6 +45,9 @@ typedef struct VxEnvGroup {
     VxList envelopes;
 } VxEnvGroup;
 
+/* Channel types 7, 8 and 9 are the scale channels: empty, they evaluate to 1.0, not 0.0. */
+enum { ENV_TYPE_SCALE_FIRST = 7, ENV_TYPE_SCALE_LAST = 9 };
+
 enum {
     ENV_SHAPE_TCB = 0,
     ENV_SHAPE_HERMITE = 1,

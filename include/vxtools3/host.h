@@ -125,8 +125,10 @@ typedef struct HostNote {
 
 /* Starts the host (only the first of nested calls works; later ones count). Reads the plug-in
  * database, or registers the built-in catalogue when the global "Product Info" value's low
- * four bits are 3 or 4. Returns 1, or 0 when it failed (raised as code 99 or 1 to an open
- * block); a failed start leaves the host stopped. */
+ * four bits are 3 or 4. Returns 1, or 0 when it failed (raised as HOST_STARTUP_FAILED when the
+ * built-in classes could not be declared, or 1 for an exhausted heap, to an open block); a
+ * failed start leaves the host stopped. */
+enum { HOST_STARTUP_FAILED = 99 };
 VX_API int HostStartup(void);
 /* Ends one HostStartup. The last one writes the database when it changed and tears the host
  * down; while servers are locked the teardown waits for the last HostUnlockServer. */

@@ -41,6 +41,12 @@ VX_API void *StdAlloc(size_t size);
  * min(old, new) bytes are kept and growth is zero-filled. A new size of 0 frees the block and
  * returns NULL. On exhaustion raises code 1 (NULL when no block is open); `block` stays valid. */
 VX_API void *StdRealloc(void *block, size_t oldSize, size_t newSize);
+/* Returns `size` zero-filled bytes, or NULL when the heap is exhausted: never raises, even
+ * inside an open checkpoint block. For callers that have a fallback when memory runs out. */
+VX_API void *StdTryAlloc(size_t size);
+/* StdRealloc that never raises: returns the moved block, or NULL when the heap is exhausted
+ * (then `block` stays valid and unchanged). A new size of 0 frees the block and returns NULL. */
+VX_API void *StdTryRealloc(void *block, size_t oldSize, size_t newSize);
 /* Frees a block of exactly `size` bytes (NULL is ignored). After more than 4194304 bytes have
  * been freed the heap is asked to return memory to the system and "calling heapmin\n" is
  * written to the debug output. */
@@ -51,6 +57,8 @@ VX_API void StdFreeArm(uintptr_t block, uintptr_t size);
 VX_API char *StringCopy(const char *text);
 /* Frees a string made by StringCopy (NULL is ignored). */
 VX_API void StringFree(char *text);
+/* Checkpoint release action for strings made by StringCopy: CkptArm(StringFreeArm, (uintptr_t)text, 0). */
+VX_API void StringFreeArm(uintptr_t text, uintptr_t unused);
 
 VX_END_DECLS
 

@@ -22,9 +22,10 @@ VX_API void Crash(void);
  *                          program (read through /proc/self/exe, "." when unreadable).
  *   5  SYSTEM_PATH_CONFIG  the configuration directory; ConfigStartup sets it and
  *                          ConfigGenerateName reads it when given no directory.
+ *   7  SYSTEM_PATH_DATABASE the plug-in database directory; HostSetDatabase sets it.
  * Every other number is free for applications. A path that was never set (or was cleared)
  * reads as path 0. Paths are stored by copy, up to 4095 bytes; meant for the main thread. */
-enum { SYSTEM_PATH_HOST = 0, SYSTEM_PATH_CONFIG = 5, SYSTEM_PATH_COUNT = 16 };
+enum { SYSTEM_PATH_HOST = 0, SYSTEM_PATH_CONFIG = 5, SYSTEM_PATH_DATABASE = 7, SYSTEM_PATH_COUNT = 16 };
 
 /* Returns path `number` (valid until that path is set again), or NULL when `number` is not
  * within 0 .. SYSTEM_PATH_COUNT-1. */
