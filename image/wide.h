@@ -9,11 +9,6 @@
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 #include <immintrin.h>
 #define VX_WIDE 1
-#if !defined(__clang__)
-// GCC 12 takes the deliberately undefined first operand that its AVX-512 intrinsics pass to
-// the unmasked instructions for a read of an uninitialised variable.
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
 #define VX_VBMI __attribute__((target("avx512f,avx512bw,avx512vbmi")))
 #else
 #define VX_WIDE 0
