@@ -101,7 +101,7 @@ template <int32_t kSize, bool kOffset>
     }
 }
 
-// Built for AVX2 as well as the baseline, picked once at load: the same operations on
+// Built for AVX-512F and AVX2 as well as the baseline, picked once at load: the same operations on
 // wider vectors (no fused multiply-add, contraction stays off), so the results are equal.
 VX_IMAGE_CLONES void ConvolveRowFixed(int32_t size, float *out, const float *const *lines, const float *matrix,
                                       const float *offset, size_t n)
@@ -201,10 +201,6 @@ struct RowWork {
     uint32_t *sums;          // sums from the left
 };
 
-// The horizontal pass over one row of `width` pixels of kBpp interleaved channels. Every
-// channel is a line of its own; the row is copied with 3g - 1 copies of its first and last
-// pixel on either side.
-//
 // Looks up the table words of `n` samples: g0[i] = t0[src[i]], and g1, g2 likewise for the
 // tap groups in use.
 template <int kGroups>
@@ -215,26 +211,21 @@ template <int kGroups>
     const uint32_t *t0 = kernel.table[0], *t1 = kernel.table[1], *t2 = kernel.table[2];
 #pragma GCC unroll 4
     for (ptrdiff_t i = 0; i < n; ++i) {
-        uint32_t v0 = t0[src[i]];
-        __asm__("" : "+r"(v0));  // keeps the lookups scalar: assembled into vectors they are slower
-        g0[i] = v0;
-        if constexpr (kGroups > 1) {
-            uint32_t v1 = t1[src[i]];
-            __asm__("" : "+r"(v1));
-            g1[i] = v1;
-        }
-        if constexpr (kGroups > 2) {
-            uint32_t v2 = t2[src[i]];
-            __asm__("" : "+r"(v2));
-            g2[i] = v2;
-        }
+        g0[i] = t0[src[i]];
+        if constexpr (kGroups > 1)
+            g1[i] = t1[src[i]];
+        if constexpr (kGroups > 2)
+            g2[i] = t2[src[i]];
     }
 }
 
-// A line: sliding sums over the packed words from the left, acc = (acc >> 10) + t0[x(s)] +
-// t1[x(s - 3)] + t2[x(s - 6)], starting from 0 at s = 3 (g - 1) of the padded line and kept
-// (lane 0) from the line's first sample on; then the same from the right, starting at two
-// samples past the line's end; each sample is (left + right - bias) >> 2, clamped to 0..255.
+// The horizontal pass over one row of `width` pixels of kBpp interleaved channels: every
+// channel is a line of its own, and the row is padded with 3g - 1 copies of its first and last
+// pixel on either side. A line: sliding sums over the packed words from the left, acc =
+// (acc >> 10) + t0[x(s)] + t1[x(s - 3)] + t2[x(s - 6)], starting from 0 at s = 3 (g - 1) of the
+// padded line and kept (lane 0) from the line's first sample on; then the same from the right,
+// starting at two samples past the line's end; each sample is (left + right - bias) >> 2,
+// clamped to 0..255.
 //
 // Each sample's three table words are looked up once and serve both directions; the words
 // of a step (t0 + t1 + t2) are summed on vectors, so that the two serial recurrences do
