@@ -137,6 +137,17 @@ TEST_F(ConfigStoreTest, ParsingFailuresAndMissingFields)
     EXPECT_EQ(ConfigIGet("n", 1, &a, &i, &b), 0);
     EXPECT_EQ(ConfigIGet("n", -1, &a, &i, &b), 0);
     EXPECT_EQ(ConfigRawGet("n", 1), nullptr);
+    // A last word takes up to CONFIG_TEXT_SIZE - 1 characters, quoted or not.
+    ASSERT_EQ(ConfigDefineValue("long", "s"), 1);
+    const std::string longest(CONFIG_TEXT_SIZE - 1, 'w');
+    char word[CONFIG_TEXT_SIZE];
+    for (const std::string &text : {longest, "\"" + longest + "\""}) {
+        ASSERT_EQ(ConfigRawSet("long", 0, text.c_str()), 1);
+        EXPECT_EQ(ConfigGet("long", word), 1);
+        EXPECT_EQ(word, longest);
+        ASSERT_EQ(ConfigRawSet("long", 0, (text + "w").c_str()), 1);
+        EXPECT_EQ(ConfigGet("long", word), 0);
+    }
 }
 
 TEST_F(ConfigStoreTest, IndexedEntriesAndSetLeavesOne)

@@ -123,30 +123,13 @@ TEST_F(UndoTest, AbortRemovesAsManyRecordsAsTheLevelsBalance)
     EXPECT_EQ(g_calls, (Calls{"r1:1", "r2:2", "r3:3"}));
 }
 
-TEST_F(UndoTest, BlockDataLivesOnTheStepStart)
-{
-    UndoSysSetMax(-1);
-    EXPECT_EQ(UndoBlockSetData(-1, 9, Rel), nullptr);
-    EXPECT_EQ(UndoBlockSetData(1, 9, Rel), nullptr);
-    UndoAddComplete(1, Act, 0, nullptr);
-    UndoAddComplete(2, Act, 0, nullptr);
-    EXPECT_NE(UndoBlockSetData(-1, 22, Rel), nullptr);
-    EXPECT_EQ(UndoBlockSetData(0, 1, Rel), nullptr);
-    EXPECT_EQ(UndoBlockGetData(-1), 22u);
-    UndoSysUndo();
-    EXPECT_EQ(UndoBlockGetData(1), 22u);
-    EXPECT_EQ(UndoBlockGetData(-1), 0u) << "step 1 has none";
-    EXPECT_NE(UndoBlockSetData(-1, 11, Rel), nullptr);
-    UndoSysSetMax(0);
-    EXPECT_EQ(g_calls, (Calls{"a2", "r1:11", "r1:22"})) << "markers release with code +1";
-}
-
 TEST_F(UndoTest, RewritingOnlyWhileAnActionRuns)
 {
     EXPECT_EQ(UndoNewCode(5), nullptr);
     EXPECT_EQ(UndoNewAction(Act), nullptr);
     UndoNewData(1, Rel);
     UndoSysSetMax(-1);
+    EXPECT_EQ(UndoBlockSetData(0, 1, Rel), nullptr) << "only 1 and -1 name a step";
     static VxUndoRecord *seen;
     UndoAddComplete(1, [](uintptr_t, int32_t, uintptr_t) { seen = UndoNewCode(8); UndoNewData(80, Rel); }, 0, nullptr);
     UndoSysUndo();
