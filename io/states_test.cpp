@@ -497,11 +497,24 @@ TEST(BinaryStates, IndexAndStringsHaveTheirFileForm)
     s.endBlock(&s);
     IFFWChunkClose(iw);
     const auto *p = static_cast<const uint8_t *>(w->impl);
-    std::vector<uint8_t> got(p + 12, p + w->length);
-    std::vector<uint8_t> expect = {'E', 'N', 'V', 'L', 0, 0, 0, 10, 0xFE, 0xFF, 0xFF, 0x00, 0xFF, 0x00, 'a', 'b', 0, 0};
-    EXPECT_EQ(got, expect);
+    const std::vector<uint8_t> bytes(p, p + w->length);
     IFFWDestroy(iw);
     StrmWriteDestroy(w);
+    const std::vector<uint8_t> expect = {'E', 'N', 'V', 'L', 0, 0, 0, 10, 0xFE, 0xFF, 0xFF, 0x00, 0xFF, 0x00, 'a', 'b', 0, 0};
+    EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + 12, bytes.end()), expect);
+    // Read back: a string longer than the buffer is cut, and the terminator stays inside it.
+    BinaryLoad load(bytes, VX_ID('T', 'E', 'S', 'T'));
+    VxLoadState *l = &load.state;
+    uint32_t index[2];
+    ASSERT_EQ(l->findBlock(l, kDescs), envl.id);
+    EXPECT_EQ(l->readIndex(l, &index[0]) + l->readIndex(l, &index[1]), 2);
+    EXPECT_EQ(index[0], 0xFEFFu);
+    EXPECT_EQ(index[1], 0xFF00u);
+    char buf[4] = {'#', '#', '#', '#'};
+    EXPECT_EQ(l->readString(l, buf, 2), 1);
+    EXPECT_STREQ(buf, "a");
+    EXPECT_EQ(buf[2], '#') << "written past the buffer";
+    EXPECT_EQ(l->endBlock(l), 0);
 }
 
 // Reads everything generically inside a checkpoint block; returns whether a failure reached
