@@ -99,8 +99,8 @@ void FreeSpares()
     g.spareCount = 0;
 }
 
-// A zero-filled record, a spare one when there is one. A spare taken is given back when the
-// caller's checkpoint block fails.
+// Armed for a spare record that was taken: gives it back when the caller's checkpoint block
+// fails.
 void ReturnSpare(uintptr_t record, uintptr_t)
 {
     auto *node = reinterpret_cast<VxNode *>(record);
@@ -109,6 +109,7 @@ void ReturnSpare(uintptr_t record, uintptr_t)
     ++g.spareCount;
 }
 
+// A zero-filled record, a spare one when there is one.
 VxUndoRecord *AllocRecord()
 {
     if (!g.spares) {
