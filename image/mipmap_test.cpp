@@ -1,8 +1,7 @@
 #include <vxtools3/image.h>
 
 #include "image/convert.h"
-#include "image/image_test_util.h"
-#include "image/wide.h"
+#include "image/image_test.h"
 #include "testkit/fault_alloc.h"
 
 #include <gtest/gtest.h>
@@ -24,8 +23,9 @@ std::vector<std::pair<int, int>> LevelSizes(const VxMipmap *m)
     return sizes;
 }
 
-TEST(Mipmap, LevelSizesHalveRoundingUp)
+TEST(Mipmap, LevelSizesHalveRoundingUpAndLevelZeroIsACopyOrShared)
 {
+    vxtest::FaultAllocator heap;
     VxImage *src = imagetest::RandomImage(VX_PIXEL_RGB, 5, 3, 1);
     VxMipmap *m = MipmapCreate(src, VX_PIXEL_RGB);
     ASSERT_NE(m, nullptr);
@@ -34,7 +34,13 @@ TEST(Mipmap, LevelSizesHalveRoundingUp)
     EXPECT_EQ(Bytes(m->levels[0]), Bytes(src)) << "level 0 is a copy";
     EXPECT_NE(m->levels[0], src);
     MipmapDestroy(m);
+    m = MipmapCreateSmall(src, VX_PIXEL_RGBA, 1);
+    EXPECT_EQ(m->levels[0], src);
+    EXPECT_EQ(MipmapDestroy(m), 1);
+    EXPECT_EQ(Bytes(src).size(), 45u) << "the shared source is alive";
     ImageDestroy(src);
+    EXPECT_EQ(heap.LiveBytes(), 0u);
+    EXPECT_EQ(heap.BadFrees(), 0);
     for (auto [w, h, levels] : {std::tuple{256, 256, 9}, {1, 1, 1}, {7, 1, 4}, {1, 1000, 11}, {2, 2, 2}}) {
         VxImage *image = ImageCreate(VX_PIXEL_GREY, w, h);
         VxMipmap *mm = MipmapCreate(image, VX_PIXEL_GREY);
@@ -47,101 +53,61 @@ TEST(Mipmap, LevelSizesHalveRoundingUp)
     EXPECT_EQ(MipmapDestroy(nullptr), 0);
 }
 
-TEST(Mipmap, PixelsAreMeansOfTheReadablePixelsBelow)
+// A level by the plain rules: each of the level before's readable pixels among columns 2x,
+// 2x + 1 and rows 2y, 2y + 1 read as RGBA floats and summed in row order, the sum divided by
+// their count, converted to the level's type.
+std::vector<uint8_t> ReferenceLevel(VxImage *prev, const VxImage *level)
 {
-    // 3 x 3 RGBA floats: the second level is 2 x 2; its right column and bottom row lie on
-    // the odd edge.
-    VxImage *src = ImageCreate(VX_PIXEL_RGBA_FLOAT, 3, 3);
-    auto *p = reinterpret_cast<float *>(src->priv->pixels);
-    for (int i = 0; i < 36; ++i)
-        p[i] = static_cast<float>(i % 7) / 8.0f;
-    auto at = [&](int x, int y, int c) { return p[4 * (y * 3 + x) + c]; };
-    VxMipmap *m = MipmapCreate(src, VX_PIXEL_RGBA_FLOAT);
-    VxImage *level = m->levels[1];
-    for (int c = 0; c < 4; ++c) {
-        EXPECT_EQ(Rgba(level, 0, 0)[c], (at(0, 0, c) + at(1, 0, c) + at(0, 1, c) + at(1, 1, c)) / 4.0f);
-        EXPECT_EQ(Rgba(level, 1, 0)[c], (at(2, 0, c) + at(2, 1, c)) / 2.0f);
-        EXPECT_EQ(Rgba(level, 0, 1)[c], (at(0, 2, c) + at(1, 2, c)) / 2.0f);
-        EXPECT_EQ(Rgba(level, 1, 1)[c], at(2, 2, c)) << "a single readable pixel is taken as it is";
-    }
-    const std::vector<float> a = Rgba(level, 0, 0), b = Rgba(level, 1, 0), c = Rgba(level, 0, 1), d = Rgba(level, 1, 1);
-    for (int k = 0; k < 4; ++k)
-        EXPECT_EQ(Rgba(m->levels[2], 0, 0)[k], (a[k] + b[k] + c[k] + d[k]) / 4.0f);
-    MipmapDestroy(m);
-    ImageDestroy(src);
-}
-
-TEST(Mipmap, ByteLevelsTruncateTheMean)
-{
-    VxImage *src = ImageCreate(VX_PIXEL_GREY, 2, 2);
-    const uint8_t v[4] = {10, 11, 12, 14};
-    std::memcpy(src->priv->pixels, v, 4);
-    VxMipmap *m = MipmapCreate(src, VX_PIXEL_GREY);
-    const float mean = (10.0f / 255.0f + 11.0f / 255.0f + 12.0f / 255.0f + 14.0f / 255.0f) / 4.0f;
-    EXPECT_EQ(Bytes(m->levels[1])[0], static_cast<uint8_t>(mean * 255.0f));
-    MipmapDestroy(m);
-    ImageDestroy(src);
-}
-
-// Level pixels of an RGBA byte pyramid by the plain rules: channels as v / 255 floats, the
-// readable pixels summed in row order and divided by their count, back to bytes.
-std::vector<uint8_t> ReferenceLevel(const VxImage *prev, int32_t w, int32_t h)
-{
-    const std::vector<uint8_t> in = Bytes(prev);
-    std::vector<uint8_t> out(4 * static_cast<size_t>(w) * static_cast<size_t>(h));
-    for (int32_t y = 0; y < h; ++y)
-        for (int32_t x = 0; x < w; ++x)
+    const size_t bpp = level->bytesPerPixel;
+    std::vector<uint8_t> out(bpp * static_cast<size_t>(level->width) * static_cast<size_t>(level->height));
+    for (int32_t y = 0; y < level->height; ++y)
+        for (int32_t x = 0; x < level->width; ++x) {
+            float mean[4];
             for (int c = 0; c < 4; ++c) {
                 float sum = 0.0f;
                 int n = 0;
                 for (int32_t dy = 0; dy < 2; ++dy)
                     for (int32_t dx = 0; dx < 2; ++dx)
                         if (2 * x + dx < prev->width && 2 * y + dy < prev->height) {
-                            const uint8_t v = in[4 * ((2 * y + dy) * prev->width + 2 * x + dx) + c];
-                            sum = n == 0 ? static_cast<float>(v) / 255.0f : sum + static_cast<float>(v) / 255.0f;
-                            ++n;
+                            const float v = Rgba(prev, 2 * x + dx, 2 * y + dy)[c];
+                            sum = n++ == 0 ? v : sum + v;
                         }
-                const float mean = n == 4 ? sum * 0.25f : n == 2 ? sum * 0.5f : sum;
-                out[4 * (y * w + x) + c] = vx::image::FloatToByte(mean);
+                mean[c] = n == 4 ? sum * 0.25f : n == 2 ? sum * 0.5f : sum;
             }
+            ImageConvertPixel(&out[bpp * static_cast<size_t>(y * level->width + x)], level->type, nullptr, mean,
+                              VX_PIXEL_RGBA_FLOAT, nullptr);
+        }
     return out;
 }
 
-TEST(Mipmap, RgbaByteLevelsEqualThePlainMeans)
+// RGBA byte rows go through the vectorised halving, their ends and odd edges pixel by pixel;
+// the wide two-row images meet each channel sum many times over, the 101 x 67 one odd edges
+// on several levels. The other types take the float rows.
+void ExpectLevelsEqualThePlainMeans(std::initializer_list<int32_t> types)
 {
-    // Wide rows go through the vectorised halving (the plain one and, where the processor has
-    // it, the 64-byte one), their ends and odd edges pixel by pixel; the wide two-row images
-    // meet each channel sum many times over, the 101 x 67 one odd edges on several levels.
-    for (bool wide : {false, true}) {
-        vx::image::SetWidePaths(wide);
-        for (const auto &[w, h, seed] :
-             {std::tuple{37, 21, 1}, {16, 3, 2}, {2048, 2, 3}, {2049, 2, 4}, {2048, 2, 5}, {101, 67, 6}}) {
-            VxImage *src = imagetest::RandomImage(VX_PIXEL_RGBA, w, h, static_cast<uint32_t>(seed));
-            VxMipmap *m = MipmapCreateSmall(src, VX_PIXEL_RGBA, 1);
+    for (int32_t type : types)
+        for (const auto &[w, h, seed] : {std::tuple{37, 21, 1}, {3, 3, 2}, {16, 3, 2}, {2048, 2, 3}, {2049, 2, 4}, {101, 67, 6}}) {
+            VxImage *src = imagetest::RandomImage(type, w, h, static_cast<uint32_t>(seed));
+            VxMipmap *m = MipmapCreateSmall(src, type, 1);
             ASSERT_NE(m, nullptr);
-            for (int32_t i = 1; i < m->count; ++i) {
-                const VxImage *prev = m->levels[i - 1], *level = m->levels[i];
-                ASSERT_EQ(Bytes(level), ReferenceLevel(prev, level->width, level->height))
-                    << "wide " << wide << " " << w << "x" << h << " level " << i;
-            }
+            for (int32_t i = 1; i < m->count; ++i)
+                ASSERT_EQ(Bytes(m->levels[i]), ReferenceLevel(m->levels[i - 1], m->levels[i]))
+                    << "type " << type << " " << w << "x" << h << " level " << i;
             MipmapDestroy(m);
             ImageDestroy(src);
         }
-    }
-    vx::image::SetWidePaths(true);
 }
 
-TEST(Mipmap, SharedLevelZeroOutlivesThePyramid)
+TEST(Mipmap, LevelsEqualThePlainMeans)
 {
-    vxtest::FaultAllocator heap;
-    VxImage *src = imagetest::RandomImage(VX_PIXEL_RGBA, 6, 6, 2);
-    VxMipmap *m = MipmapCreateSmall(src, VX_PIXEL_RGBA, 1);
-    EXPECT_EQ(m->levels[0], src);
-    EXPECT_EQ(MipmapDestroy(m), 1);
-    EXPECT_EQ(src->width, 6) << "the source is alive";
-    ImageDestroy(src);
-    EXPECT_EQ(heap.LiveBytes(), 0u);
-    EXPECT_EQ(heap.BadFrees(), 0);
+    imagetest::PlainPaths plain;
+    ExpectLevelsEqualThePlainMeans({VX_PIXEL_RGBA, VX_PIXEL_GREY, VX_PIXEL_RGB, VX_PIXEL_RGBA_FLOAT});
+}
+
+TEST(Mipmap, WideRgbaByteLevelsEqualThePlainMeans)
+{
+    SKIP_WITHOUT_WIDE_PATHS("the wide RGBA byte halving");
+    ExpectLevelsEqualThePlainMeans({VX_PIXEL_RGBA});
 }
 
 TEST(Mipmap, IndexPyramidsNeedAPalette)
@@ -166,33 +132,23 @@ TEST(Mipmap, IndexPyramidsNeedAPalette)
     ImageDestroy(ramp);
 }
 
-TEST(BiLinearPixel, InterpolatesBetweenPixelCentresAndRepeatsEdges)
+// Pixel centres sit at (x + 0.5) / width; between them the four nearest pixels are weighed
+// across, then down, in float; edges repeat; the result is converted at the end.
+TEST(BiLinearPixel, EqualsThePlainFormula)
 {
-    VxImage *src = ImageCreate(VX_PIXEL_GREY_FLOAT, 4, 2);
-    const float v[8] = {0.0f, 0.25f, 0.5f, 1.0f, 0.5f, 0.5f, 0.5f, 0.5f};
-    std::memcpy(src->priv->pixels, v, sizeof v);
+    VxImage *grey = ImageCreate(VX_PIXEL_GREY_FLOAT, 4, 2);
+    const float values[8] = {0.0f, 0.25f, 0.5f, 1.0f, 0.5f, 0.5f, 0.5f, 0.5f};
+    std::memcpy(grey->priv->pixels, values, sizeof values);
     float rgba[4];
-    ASSERT_EQ(ImageBiLinearPixel(src, VX_PIXEL_RGBA_FLOAT, 0.375, 0.25, rgba), 1);
+    ASSERT_EQ(ImageBiLinearPixel(grey, VX_PIXEL_RGBA_FLOAT, 0.375, 0.25, rgba), 1);
     EXPECT_EQ(rgba[0], 0.25f) << "the centre of pixel (1, 0)";
-    ASSERT_EQ(ImageBiLinearPixel(src, VX_PIXEL_RGBA_FLOAT, 0.5, 0.25, rgba), 1);
-    EXPECT_FLOAT_EQ(rgba[0], 0.375f) << "half way between (1, 0) and (2, 0)";
-    ASSERT_EQ(ImageBiLinearPixel(src, VX_PIXEL_RGBA_FLOAT, 0.5, 0.5, rgba), 1);
+    ASSERT_EQ(ImageBiLinearPixel(grey, VX_PIXEL_RGBA_FLOAT, 0.5, 0.5, rgba), 1);
     EXPECT_FLOAT_EQ(rgba[0], (0.375f + 0.5f) / 2);
-    ASSERT_EQ(ImageBiLinearPixel(src, VX_PIXEL_RGBA_FLOAT, 0.0, 0.0, rgba), 1);
-    EXPECT_EQ(rgba[0], 0.0f) << "edges repeat";
-    ASSERT_EQ(ImageBiLinearPixel(src, VX_PIXEL_RGBA_FLOAT, 1.0, 0.0, rgba), 1);
-    EXPECT_EQ(rgba[0], 1.0f);
-    uint8_t grey = 0;
-    ASSERT_EQ(ImageBiLinearPixel(src, VX_PIXEL_GREY, 0.875, 0.25, &grey), 1);
-    EXPECT_EQ(grey, 255) << "converted at the end";
-    EXPECT_EQ(ImageBiLinearPixel(src, VX_PIXEL_GREY, std::nan(""), 0.25, &grey), 0);
-    EXPECT_EQ(ImageBiLinearPixel(src, VX_PIXEL_GREY, 0.5, 0.25, nullptr), 0);
-    EXPECT_EQ(ImageBiLinearPixel(nullptr, VX_PIXEL_GREY, 0.5, 0.25, &grey), 0);
-    ImageDestroy(src);
-}
-
-TEST(BiLinearPixel, RgbaFloatSourcesEqualThePlainFormula)
-{
+    uint8_t byte = 0;
+    EXPECT_EQ(ImageBiLinearPixel(grey, VX_PIXEL_GREY, std::nan(""), 0.25, &byte), 0);
+    EXPECT_EQ(ImageBiLinearPixel(grey, VX_PIXEL_GREY, 0.5, 0.25, nullptr), 0);
+    EXPECT_EQ(ImageBiLinearPixel(nullptr, VX_PIXEL_GREY, 0.5, 0.25, &byte), 0);
+    ImageDestroy(grey);
     VxImage *src = imagetest::RandomImage(VX_PIXEL_RGBA_FLOAT, 7, 5, 9);
     const auto *p = reinterpret_cast<const float *>(src->priv->pixels);
     std::mt19937 rng(3);

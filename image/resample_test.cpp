@@ -1,6 +1,6 @@
 #include <vxtools3/image.h>
 
-#include "image/image_test_util.h"
+#include "image/image_test.h"
 #include "image/wide.h"
 
 #include <gtest/gtest.h>

@@ -1,9 +1,11 @@
-// Helpers shared by the image tests: random images, byte comparison, operation sweeps.
+// Helpers shared by the image tests: random images, pixel buffers as bytes or floats, the wide
+// loops' switch, and out-of-memory sweeps of operations that make new images.
 #pragma once
 
 #include <vxtools3/image.h>
 
 #include "image/image_internal.h"
+#include "image/wide.h"
 #include "testkit/oom_sweep.h"
 
 #include <gtest/gtest.h>
@@ -21,6 +23,14 @@ inline std::vector<uint8_t> Bytes(const VxImage *image)
     return std::vector<uint8_t>(p, p + vx::image::BufferBytes(image));
 }
 
+// The pixel buffer of a float image as its floats.
+inline std::vector<float> Floats(const VxImage *image)
+{
+    std::vector<float> v(vx::image::BufferBytes(image) / 4);
+    std::memcpy(v.data(), image->priv->pixels, v.size() * 4);
+    return v;
+}
+
 // Fills the pixel buffer with random bytes; float channels get values in 0..1.
 inline void FillRandom(VxImage *image, uint32_t seed)
 {
@@ -28,13 +38,12 @@ inline void FillRandom(VxImage *image, uint32_t seed)
     const size_t n = vx::image::BufferBytes(image);
     uint8_t *p = image->priv->pixels;
     const bool isFloat = image->type == 3 || image->type == 4 || image->type == 6;
-    if (!isFloat) {
-        for (size_t i = 0; i < n; ++i)
-            p[i] = static_cast<uint8_t>(rng());
-        return;
-    }
     std::uniform_real_distribution<float> unit(0.0f, 1.0f);
-    for (size_t i = 0; i < n; i += 4) {
+    for (size_t i = 0; i < n; i += isFloat ? 4 : 1) {
+        if (!isFloat) {
+            p[i] = static_cast<uint8_t>(rng());
+            continue;
+        }
         const float f = unit(rng);
         std::memcpy(p + i, &f, 4);
     }
@@ -54,6 +63,18 @@ inline std::vector<float> Rgba(VxImage *image, int32_t x, int32_t y)
     return v;
 }
 
+// Turns the wide (AVX-512 VBMI) loops off for the length of a test, and back on afterwards.
+struct PlainPaths {
+    PlainPaths() { vx::image::SetWidePaths(false); }
+    ~PlainPaths() { vx::image::SetWidePaths(true); }
+};
+
+// Ends a test of the wide loops as skipped, saying why, where the processor cannot run them
+// (they are on by default where it can).
+#define SKIP_WITHOUT_WIDE_PATHS(what)                                                                      \
+    if (!vx::image::WidePathsAvailable())                                                                  \
+    GTEST_SKIP() << "no AVX-512 VBMI on this machine: " what " cannot run"
+
 // The out-of-memory sweep of an operation that makes a new R from a source image: every
 // failing run must return NULL (or unwind), leak nothing and leave the source untouched; the
 // successful run's result must pass `check`.
@@ -69,10 +90,7 @@ void SweepOperation(const std::function<VxImage *()> &makeSource, const std::fun
                              before = Bytes(src);
                              result = nullptr;
                          },
-                         [&] {
-                             result = op(src);
-                             return result != nullptr;
-                         },
+                         [&] { return (result = op(src)) != nullptr; },
                          [&] { EXPECT_EQ(Bytes(src), before) << "the source changed"; },
                          [&] {
                              if (result) {
