@@ -1,84 +1,29 @@
 #include <vxtools3/ckpt.h>
 #include <vxtools3/containers.h>
 
-#include "core/oom_cases.h"
-#include "testkit/fault_alloc.h"
+#include "testkit/oom_cases.h"
 #include "testkit/oom_sweep.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <map>
-#include <set>
 #include <vector>
 
 namespace {
 
-std::vector<uintptr_t> Values(const LTab *tab)
+// Every word of every stored key in walking order: `perKey` words a key.
+std::vector<uintptr_t> Words(const BTree *tree, size_t perKey)
 {
-    std::vector<uintptr_t> values;
+    std::vector<uintptr_t> words;
     BTPos pos;
-    for (void *k = BTFirst(tab, &pos); k; k = BTNext(tab, &pos)) {
-        uintptr_t v;
-        std::memcpy(&v, k, sizeof v);
-        values.push_back(v);
+    for (void *k = BTFirst(tree, &pos); k; k = BTNext(tree, &pos)) {
+        words.resize(words.size() + perKey);
+        std::memcpy(words.data() + words.size() - perKey, k, perKey * sizeof(uintptr_t));
     }
-    return values;
+    return words;
 }
 
-std::map<uintptr_t, uintptr_t> Pairs(const LMap *map)
-{
-    std::map<uintptr_t, uintptr_t> pairs;
-    BTPos pos;
-    for (void *k = BTFirst(map, &pos); k; k = BTNext(map, &pos)) {
-        uintptr_t pair[2];
-        std::memcpy(pair, k, sizeof pair);
-        pairs[pair[0]] = pair[1];
-    }
-    return pairs;
-}
-
-TEST(LTab, AddRemTestAndUnsignedOrder)
-{
-    LTab *tab = LTabCreate(2);
-    const uintptr_t top = ~uintptr_t{0};
-    EXPECT_EQ(LTabAdd(tab, 5), 1);
-    EXPECT_EQ(LTabAdd(tab, 5), 0) << "present";
-    EXPECT_EQ(LTabAdd(tab, top), 1);
-    EXPECT_EQ(LTabAdd(tab, uintptr_t{1} << 63), 1);
-    EXPECT_EQ(LTabAdd(tab, 0), 1);
-    EXPECT_EQ(Values(tab), (std::vector<uintptr_t>{0, 5, uintptr_t{1} << 63, top})) << "words order as unsigned";
-    EXPECT_EQ(LTabTest(tab, top), 1);
-    EXPECT_EQ(LTabTest(tab, 6), 0);
-    EXPECT_EQ(LTabRem(tab, 6), 0);
-    EXPECT_EQ(LTabRem(tab, 5), 1);
-    EXPECT_EQ(LTabRem(tab, 5), 0);
-    LTabClear(tab);
-    EXPECT_EQ(Values(tab), std::vector<uintptr_t>{});
-    EXPECT_EQ(LTabAdd(tab, 9), 1);
-    LTabDestroy(tab);
-    LTabDestroy(nullptr);
-    EXPECT_EQ(LTabCreate(0), nullptr);
-}
-
-TEST(LMap, SetGetUnset)
-{
-    LMap *map = LMapCreate(3);
-    EXPECT_EQ(LMapSet(map, 10, 100), 1);
-    EXPECT_EQ(LMapSet(map, 10, 111), 0) << "an existing key is overwritten";
-    uintptr_t value = 0;
-    EXPECT_EQ(LMapGet(map, 10, &value), 1);
-    EXPECT_EQ(value, 111u);
-    value = 77;
-    EXPECT_EQ(LMapGet(map, 11, &value), 0);
-    EXPECT_EQ(value, 77u) << "an absent key leaves the output alone";
-    EXPECT_EQ(LMapGet(map, 10, nullptr), 1);
-    EXPECT_EQ(LMapUnset(map, 11), 0);
-    EXPECT_EQ(LMapUnset(map, 10), 1);
-    EXPECT_EQ(LMapGet(map, 10, &value), 0);
-    LMapDestroy(map);
-}
-
+// LTab and LMap are followed step by step beside std::set and std::map in btree_test.cpp.
 TEST(KTable, FindsEntriesByKey)
 {
     KTable *table = KTableCreate();
@@ -89,7 +34,6 @@ TEST(KTable, FindsEntriesByKey)
     EXPECT_EQ(KTableAdd(table, 8, &other), 0) << "a present key keeps its entry";
     EXPECT_EQ(KTableFind(table, 8), &entries[1]);
     EXPECT_EQ(KTableFind(table, 9), nullptr);
-    EXPECT_EQ(BTValidate(table, nullptr), 300);
     for (int i = 0; i < 300; i += 2)
         ASSERT_EQ(KTableRem(table, static_cast<uintptr_t>(i * 7 + 1)), &entries[i]);
     EXPECT_EQ(KTableRem(table, 1), nullptr);
@@ -97,122 +41,91 @@ TEST(KTable, FindsEntriesByKey)
         ASSERT_EQ(KTableFind(table, static_cast<uintptr_t>(i * 7 + 1)), i % 2 ? &entries[i] : nullptr);
     EXPECT_EQ(BTValidate(table, nullptr), 150);
     KTableDestroy(table);
-}
-
-// ---- Out of memory: every failing add leaves the table as it was --------------------------
-
-// Adding to tables of every size up to a few hundred, swept wherever the addition allocates
-// (a split, or a node or split buffer needing a new chunk).
-TEST(LTabOom, Add)
-{
-    int swept = 0;
-    for (int held = 0; held <= 300; ++held) {
-        for (int add : {1, held | 1, 2 * held + 1}) {
-            LTab *tab = nullptr;
-            std::set<uintptr_t> model;
-            const vxtest::OomCase c{
-                [&] {
-                    tab = LTabCreate(2);
-                    model.clear();
-                    for (int i = 0; i < held; ++i) {
-                        LTabAdd(tab, static_cast<uintptr_t>(i * 2));
-                        model.insert(static_cast<uintptr_t>(i * 2));
-                    }
-                },
-                [&] { return LTabAdd(tab, static_cast<uintptr_t>(add)) == 1; },
-                [&] {
-                    EXPECT_EQ(BTValidate(tab, nullptr), held);
-                    EXPECT_EQ(Values(tab), std::vector<uintptr_t>(model.begin(), model.end()));
-                },
-                [&] { LTabDestroy(tab); },
-            };
-            if (AllocationsMadeBy(c) == 0)
-                continue;
-            SCOPED_TRACE(::testing::Message() << "held=" << held << " add=" << add);
-            vxtest::OomSweepAll(c);
-            ++swept;
-        }
-    }
-    EXPECT_GT(swept, 5);
-}
-
-TEST(LMapOom, SetOfANewKey)
-{
-    int swept = 0;
-    for (int held = 0; held <= 300; ++held) {
-        LMap *map = nullptr;
-        std::map<uintptr_t, uintptr_t> model;
-        int result = 0;
-        const vxtest::OomCase c{
-            [&] {
-                map = LMapCreate(1);
-                model.clear();
-                for (int i = 0; i < held; ++i) {
-                    LMapSet(map, static_cast<uintptr_t>(i), static_cast<uintptr_t>(i * 10));
-                    model[static_cast<uintptr_t>(i)] = static_cast<uintptr_t>(i * 10);
-                }
-                result = 0;
-            },
-            [&] {
-                result = LMapSet(map, static_cast<uintptr_t>(held), 5);
-                return result == 1;
-            },
-            [&] {
-                EXPECT_TRUE(result == -1 || result == 0) << "0: the failure unwound to the outer block";
-                EXPECT_EQ(BTValidate(map, nullptr), held);
-                EXPECT_EQ(Pairs(map), model);
-            },
-            [&] { LMapDestroy(map); },
-        };
-        if (AllocationsMadeBy(c) == 0)
-            continue;
-        SCOPED_TRACE(held);
-        vxtest::OomSweepAll(c);
-        ++swept;
-    }
-    EXPECT_GT(swept, 5);
-}
-
-TEST(LMapOom, OutOfMemoryIsToldApartFromAnOverwrite)
-{
-    vxtest::FaultAllocator heap;
-    LMap *map = LMapCreate(2);
-    LTab *tab = LTabCreate(2);
-    KTable *table = KTableCreate();
-    heap.FailAt(1, vxtest::FailMode::FromThen);
-    EXPECT_EQ(LMapSet(map, 1, 2), -1);
-    EXPECT_EQ(LTabAdd(tab, 1), -1);
-    EXPECT_EQ(KTableAdd(table, 1, map), -1);
-    heap.Disarm();
-    EXPECT_EQ(LMapSet(map, 1, 2), 1);
+    KTableDestroy(nullptr);
+    LTabDestroy(nullptr);
+    LMapDestroy(nullptr);
+    LMap *map = LMapCreate(3);
+    LMapSet(map, 10, 100);
+    EXPECT_EQ(LMapGet(map, 10, nullptr), 1) << "the value need not be stored";
     LMapDestroy(map);
-    LTabDestroy(tab);
-    KTableDestroy(table);
 }
 
-TEST(KTableOom, CreateAndAdd)
+// ---- Out of memory ------------------------------------------------------------------------
+
+struct Door {
+    size_t wordsPerKey;
+    BTree *(*create)();
+    int (*add)(BTree *, uintptr_t);
+};
+
+const Door kDoors[] = {
+    {1, [] { return LTabCreate(1); }, [](BTree *t, uintptr_t k) { return LTabAdd(t, k); }},
+    {2, [] { return LMapCreate(2); }, [](BTree *t, uintptr_t k) { return LMapSet(t, k, ~k); }},
+    {2, [] { return KTableCreate(); }, [](BTree *t, uintptr_t k) { return KTableAdd(t, k, reinterpret_cast<void *>(~k)); }},
+};
+
+int Height(const BTree *tree)
 {
-    KTable *table = nullptr;
-    vxtest::OomSweepAll({
-        [&] { table = nullptr; },
-        [&] { return (table = KTableCreate()) != nullptr; },
-        [&] { EXPECT_EQ(table, nullptr); },
-        [&] { KTableDestroy(table); },
-    });
-    int entry = 0;
-    vxtest::OomSweepAll({
-        [&] {
-            table = KTableCreate();
-            for (uintptr_t k = 1; k <= 8; ++k)
-                KTableAdd(table, k, &entry);
-        },
-        [&] { return KTableAdd(table, 9, &entry) == 1; },
-        [&] {
-            EXPECT_EQ(BTValidate(table, nullptr), 8);
-            EXPECT_EQ(KTableFind(table, 9), nullptr);
-        },
-        [&] { KTableDestroy(table); },
-    });
+    int height = 0;
+    for (const BTNode *node = BTRoot(tree); node; node = node->children[0])
+        ++height;
+    return height;
+}
+
+// Each creator, and each way of adding a word at every place in tables of up to 150 keys,
+// swept wherever the addition allocates (a zone's chunks full somewhere on the split path): a
+// failing addition returns -1 (or unwinds to the caller's block) and leaves the container as
+// it was. Among the swept additions are splits of leaves, of inner nodes and of the root.
+TEST(LookupOom, CreateAndAdd)
+{
+    int rootSplitsAboveLeaves = 0;
+    for (const Door &door : kDoors) {
+        SCOPED_TRACE(&door - kDoors);
+        BTree *tree = nullptr;
+        vxtest::OomSweepAll({[&] { tree = nullptr; }, [&] { return (tree = door.create()) != nullptr; },
+                             [&] { EXPECT_EQ(tree, nullptr); }, [&] { BTDestroy(tree); }});
+        int swept = 0;
+        for (int held = 0; held <= 150; ++held) {
+            for (int add = 1; add <= 2 * held + 1; add += 2) {
+                std::vector<uintptr_t> before;
+                int result = 0;
+                bool inBlock = false;
+                const vxtest::OomCase c{
+                    [&] {
+                        tree = door.create();
+                        for (int i = 1; i <= held; ++i)
+                            door.add(tree, static_cast<uintptr_t>(i * 2));
+                        before = Words(tree, door.wordsPerKey);
+                        result = 0;
+                    },
+                    [&] {
+                        inBlock = CkptLevel() >= 0;
+                        return (result = door.add(tree, static_cast<uintptr_t>(add))) == 1;
+                    },
+                    [&] {
+                        EXPECT_EQ(result, inBlock ? 0 : -1) << "-1 tells running out of memory from a present key";
+                        EXPECT_EQ(BTValidate(tree, nullptr), held);
+                        EXPECT_EQ(Words(tree, door.wordsPerKey), before);
+                    },
+                    [&] { BTDestroy(tree); },
+                };
+                if (AllocationsMadeBy(c) == 0)
+                    continue;
+                SCOPED_TRACE(::testing::Message() << "held=" << held << " add=" << add);
+                c.setup();
+                const int heightBefore = Height(tree);
+                c.run();
+                rootSplitsAboveLeaves += heightBefore >= 2 && Height(tree) > heightBefore;
+                c.teardown();
+                vxtest::OomSweepAll(c);
+                ++swept;
+                if (::testing::Test::HasFailure())
+                    return;
+            }
+        }
+        EXPECT_GT(swept, 10);
+    }
+    EXPECT_GT(rootSplitsAboveLeaves, 0) << "no swept addition split three levels";
 }
 
 }  // namespace
