@@ -204,7 +204,7 @@ double Bezier1(VxEnvKey *s, VxEnvKey *e, double u)
 // The curve at t inside or at the ends of the key range, found by walking the key list from
 // the playback start key. `probeBefore` marks the Linear pre-behaviour probe, which reads a
 // Hermite-family segment starting at a 2-D Bezier key from the 2-D Bezier curve.
-double WalkSegmentValue(VxEnvelope *env, double t, int32_t n, bool probeBefore)
+double WalkSegmentValue(VxEnvelope *env, double t, int32_t n, bool probeBefore, double offset = 0.0)
 {
     VxEnvKey *s = nullptr;
     VxEnvKey *e = nullptr;
@@ -215,7 +215,7 @@ double WalkSegmentValue(VxEnvelope *env, double t, int32_t n, bool probeBefore)
     }
     for (; k; k = NextKey(k)) {
         if (k->tick == n)
-            return k->value;
+            return offset + k->value;
         if (k->tick > n) {
             e = k;
             break;
@@ -224,21 +224,21 @@ double WalkSegmentValue(VxEnvelope *env, double t, int32_t n, bool probeBefore)
     }
     env->hint = s;
     if (!s)
-        return e->value;
+        return offset + e->value;
     if (!e)
-        return s->value;
+        return offset + s->value;
     const int64_t dt = int64_t{e->tick} - s->tick;
     if (e->shape == ENV_SHAPE_STEPPED || (e->shape == ENV_SHAPE_LINEAR && dt <= 1))
-        return n < e->tick ? s->value : e->value;
+        return offset + (n < e->tick ? s->value : e->value);
     const double u = (t + static_cast<double>(s->tick) * -kTickSeconds) / (static_cast<double>(dt) * kTickSeconds);
     switch (e->shape) {
-    case ENV_SHAPE_LINEAR: return s->value + (e->value - s->value) * u;
-    case ENV_SHAPE_BEZIER: return Bezier1(s, e, u);
-    case ENV_SHAPE_BEZIER2: return Bezier2Segment(s, e, t);
+    case ENV_SHAPE_LINEAR: return offset + s->value + (e->value - s->value) * u;
+    case ENV_SHAPE_BEZIER: return Bezier1(s, e, u) + offset;
+    case ENV_SHAPE_BEZIER2: return Bezier2Segment(s, e, t) + offset;
     default:
         if (probeBefore && s->shape == ENV_SHAPE_BEZIER2)
-            return Bezier2Segment(s, e, t);
-        return Hermite(s, e, u);
+            return Bezier2Segment(s, e, t) + offset;
+        return Hermite(s, e, u) + offset;
     }
 }
 
@@ -939,32 +939,72 @@ double SegmentValue(VxEnvelope *env, double t, int32_t n, bool probeBefore)
     return WalkSegmentValue(env, t, n, probeBefore);
 }
 
+// The binade of a nonzero finite x: its sign and exponent.
+bool SameBinade(double a, double b)
+{
+    return a != 0.0 && b != 0.0 && (a > 0.0) == (b > 0.0) && std::ilogb(a) == std::ilogb(b);
+}
+
+// How many more rounds of subtracting `amount` from x (x and x - amount in one binade) stay
+// clear of that binade's edges by at least one amount: then every exact difference rounds on
+// x's grid, to x - amount.
+int64_t RoundsInBinade(double x, double amount)
+{
+    const double low = std::ldexp(1.0, std::ilogb(x)), high = 2.0 * low;
+    const double magnitude = std::fabs(x);
+    const double distance = (x > 0.0) == (amount > 0.0) ? magnitude - low : high - magnitude;
+    const double rounds = std::floor(distance / std::fabs(amount)) - 2.0;
+    return rounds > 0.0 ? static_cast<int64_t>(std::fmin(rounds, 9e18)) : 0;
+}
+
+// t after `rounds` subtractions of `step`, each rounded on its own. Inside one binade t lies
+// on a fixed grid and so every difference t - step rounds by the same amount, except when step
+// falls halfway between grid points: then the first round lands on an even grid point, and
+// every later one picks the same neighbour. So once two rounds in a row stayed inside one
+// binade, the last one's amount repeats for as long as t stays clear of the binade's edges,
+// and those rounds are taken in one multiplication (exact: the product is a multiple of the
+// grid smaller than the binade).
+double SubtractRounds(double t, double step, int64_t rounds)
+{
+    int inBinade = 0;
+    while (rounds > 0 && std::isfinite(t)) {
+        const double next = t - step;
+        --rounds;
+        inBinade = SameBinade(t, next) ? inBinade + 1 : 0;
+        const double amount = t - next;
+        t = next;
+        if (amount == 0.0)
+            break;
+        if (inBinade >= 2 && rounds > 0) {
+            const int64_t bulk = std::min(rounds, RoundsInBinade(t, amount));
+            t -= static_cast<double>(bulk) * amount;
+            rounds -= bulk;
+        }
+    }
+    return t;
+}
+
 struct Wrapped {
     double t;
     double offset;
 };
 
-// Repeat, Oscillate and Offset repeat: moves t by whole cycles into the key range.
+// Repeat, Oscillate and Offset repeat: moves t by whole cycles into the key range, adding or
+// subtracting the range once per cycle.
 Wrapped WrapCycles(const VxEnvKey *first, const VxEnvKey *last, double t, int32_t n, int32_t behaviour)
 {
     const int64_t rangeTicks = int64_t{last->tick} - first->tick;
     const double tF = SecondsOf(first->tick);
     const double tL = SecondsOf(last->tick);
     const double range = tL - tF;
-    int64_t cycles;
-    double sign;
-    if (n < first->tick) {
-        cycles = (int64_t{first->tick} - n + rangeTicks - 1) / rangeTicks;
-        sign = 1.0;
-    } else {
-        cycles = (int64_t{n} - last->tick + rangeTicks - 1) / rangeTicks;
-        sign = -1.0;
-    }
-    Wrapped w{t + sign * range * static_cast<double>(cycles), 0.0};
+    const bool before = n < first->tick;
+    const int64_t cycles = before ? (int64_t{first->tick} - n + rangeTicks - 1) / rangeTicks
+                                  : (int64_t{n} - last->tick + rangeTicks - 1) / rangeTicks;
+    Wrapped w{SubtractRounds(t, before ? -range : range, cycles), 0.0};
     if (behaviour == ENV_BEHAVIOR_OSCILLATE && (cycles & 1))
         w.t = tL + tF - w.t;
     if (behaviour == ENV_BEHAVIOR_OFFSET)
-        w.offset = (last->value - first->value) * -sign * static_cast<double>(cycles);
+        w.offset = (before ? first->value - last->value : last->value - first->value) * static_cast<double>(cycles);
     return w;
 }
 
@@ -977,7 +1017,7 @@ double BeforeFirst(VxEnvelope *env, VxEnvKey *first, VxEnvKey *last, double t, i
     case ENV_BEHAVIOR_OSCILLATE:
     case ENV_BEHAVIOR_OFFSET: {
         const Wrapped w = WrapCycles(first, last, t, n, env->pre);
-        return w.offset + SegmentValue(env, w.t, TickOf(w.t), false);
+        return WalkSegmentValue(env, w.t, TickOf(w.t), false, w.offset);
     }
     case ENV_BEHAVIOR_LINEAR: {
         if (first->shape == ENV_SHAPE_LINEAR)
@@ -1001,7 +1041,7 @@ double AfterLast(VxEnvelope *env, VxEnvKey *first, VxEnvKey *last, double t, int
     case ENV_BEHAVIOR_OSCILLATE:
     case ENV_BEHAVIOR_OFFSET: {
         const Wrapped w = WrapCycles(first, last, t, n, env->post);
-        return w.offset + SegmentValue(env, w.t, TickOf(w.t), false);
+        return WalkSegmentValue(env, w.t, TickOf(w.t), false, w.offset);
     }
     case ENV_BEHAVIOR_LINEAR: {
         if (last->shape == ENV_SHAPE_LINEAR)

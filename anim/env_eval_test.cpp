@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <random>
 #include <vector>
 
@@ -236,6 +237,66 @@ TEST_F(EnvFixture, LinearBehaviourAtTcbEndsUsesTwoTickSlope)
     const double slopeOut = (1.0 - hermite(1.0 - 2.0 / 3600)) / (2.0 / 3600);
     EXPECT_NEAR(At(-0.5), -0.5 * slopeIn, 1e-9);
     EXPECT_NEAR(At(1.75), 1.0 + 0.75 * slopeOut, 1e-9);
+}
+
+uint64_t Bits(double v)
+{
+    uint64_t b;
+    std::memcpy(&b, &v, sizeof b);
+    return b;
+}
+
+// Repeat adds the range to the time once per cycle, each addition rounded; a Linear segment
+// adds the offset to the start value first.
+TEST_F(EnvFixture, CycleShiftAndLinearOffsetRoundAsWritten)
+{
+    Key(0.0, 0.0, ENV_SHAPE_LINEAR);
+    VxEnvKey *last = Key(0.7, 1.0, ENV_SHAPE_LINEAR);
+    Behaviours(ENV_BEHAVIOR_CONSTANT, ENV_BEHAVIOR_REPEAT);
+    EXPECT_EQ(Bits(At(2.2)), 0x3fc24924924924a3u);
+    EnvSetKey(env, EnvKeyFirst(env), 0.3);
+    EnvSetKey(env, last, 1.1);
+    Behaviours(ENV_BEHAVIOR_CONSTANT, ENV_BEHAVIOR_OFFSET);
+    EXPECT_EQ(Bits(At(0.704)), 0x3ff1ac53171cf6efu);
+}
+
+// The time after whole cycles, shifted round by round as the behaviours describe it, against
+// the evaluation, over random ranges and times up to a million cycles before and after.
+TEST(EnvCycles, ShiftMatchesTheLiteralLoop)
+{
+    std::mt19937 rng(77);
+    for (int round = 0; round < 400; ++round) {
+        const int32_t f = static_cast<int32_t>(rng() % 10000) - 5000;
+        const int32_t rangeTicks = 1 + static_cast<int32_t>(rng() % 2000);
+        const int32_t l = f + rangeTicks;
+        VxEnvelope *env = EnvCreate(nullptr, 0, 0, nullptr);
+        EnvKeySetType(env, EnvAddKey(env, f * kTick, 0.0), ENV_SHAPE_LINEAR);
+        EnvKeySetType(env, EnvAddKey(env, l * kTick, 1.0), ENV_SHAPE_LINEAR);
+        const int32_t repeat = ENV_BEHAVIOR_REPEAT;
+        EnvSet(env, ENV_ATTR_PRE, &repeat);
+        EnvSet(env, ENV_ATTR_POST, &repeat);
+        const double tF = f * kTick, tL = l * kTick, range = tL - tF;
+        const double cycles = std::floor(std::exp(std::uniform_real_distribution<double>(0.0, std::log(1e6))(rng)));
+        const double within = std::uniform_real_distribution<double>(0.0, range)(rng);
+        const bool before = round & 1;
+        double t = before ? tF - cycles * range - within : tL + cycles * range + within;
+        const double asked = t;
+        int32_t n = static_cast<int32_t>(std::floor(t * 3600.0 + 0.5));
+        if (before) {
+            for (n += rangeTicks; n < f; n += rangeTicks)
+                t += range;
+            t += range;
+        } else {
+            do {
+                t -= range;
+                n -= rangeTicks;
+            } while (n > l);
+        }
+        const int32_t at = static_cast<int32_t>(std::floor(t * 3600.0 + 0.5));
+        const double want = at == f ? 0.0 : at == l ? 1.0 : (t + f * -kTick) / (rangeTicks * kTick);
+        ASSERT_EQ(Bits(EnvEvaluate(env, asked)), Bits(want)) << "round " << round << " t " << asked;
+        EnvDestroy(env);
+    }
 }
 
 // ---- An independent model of the curve ----------------------------------------------------
