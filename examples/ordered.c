@@ -19,18 +19,19 @@ static int ByStart3(void *item, void *pivot, void *user)
     return ByStart(item, pivot);
 }
 
-int main(void)
+int ordered_sample(FILE *out, const char *dir)
 {
+    (void)dir; /* writes no files */
     Shot shots[] = {{120, "chase"}, {0, "opening"}, {480, "finale"}, {240, "dialogue"}};
     VxOrd timeline;
     OrdInit(&timeline);
     for (int i = 0; i < 4; ++i)
         if (OrdInsert(&timeline, &shots[i], ByStart) < 0)
-            return 1; /* out of memory, no checkpoint block open */
+            return 0; /* out of memory, no checkpoint block open */
 
     Shot key = {240, NULL};
     int found = OrdLookup(&timeline, &key, ByStart);
-    printf("frame 240 starts shot %d: %s\n", found, found >= 0 ? ((Shot *)timeline.items[found])->name : "-");
+    fprintf(out, "frame 240 starts shot %d: %s\n", found, found >= 0 ? ((Shot *)timeline.items[found])->name : "-");
     int sorted = OrdValidate(&timeline, ByStart);
     OrdFree(&timeline); /* frees the item block, not the shots */
 
@@ -41,11 +42,15 @@ int main(void)
     SortInitR(reel, 4, ByStart3, &comparisons);
     while (SortStep())
         ++steps;
-    printf("step-wise sort: %d steps, %d comparisons, first %s, last %s\n", steps, comparisons,
-           ((Shot *)reel[0])->name, ((Shot *)reel[3])->name);
+    fprintf(out, "step-wise sort: %d steps, %d comparisons, first %s, last %s\n", steps, comparisons,
+            ((Shot *)reel[0])->name, ((Shot *)reel[3])->name);
 
     int reelSorted = 1;
     for (int i = 1; i < 4; ++i)
         reelSorted &= ByStart(reel[i - 1], reel[i]) < 0;
-    return found == 2 && sorted && reelSorted ? 0 : 1;
+    return found == 2 && sorted && reelSorted;
 }
+
+#ifndef VX_SAMPLE_NO_MAIN
+int main(void) { return ordered_sample(stdout, ".") ? 0 : 1; }
+#endif

@@ -1,16 +1,14 @@
 /* Registers two built-in servers in this program: a "Global" service holding the current
  * frame and a tool that finds it through the global lookup. The tool notifies a port. */
-#define _POSIX_C_SOURCE 200809L
 #include <vxtools3.h>
 
 #include <stdio.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 enum { OWNER = 0x0DE1, WATCHER = 1, STRANGER = 0xBAD, EVENT_NUDGED = 1 };
 static int g_frame = 24;  /* what the "Current Frame" service hands out */
 static VxPort *g_changes; /* told about every nudge */
 static int g_heard;
+static FILE *g_out;
 
 static int32_t FrameService(int32_t version, HostGlobalFunc *global, void *local, void *serverData)
 {
@@ -33,15 +31,15 @@ static int32_t NudgeTool(int32_t version, HostGlobalFunc *global, void *local, v
 static void Watch(uintptr_t clientKey, uintptr_t portData, int32_t event, uintptr_t argument)
 {
     (void)clientKey, (void)portData;
-    printf("watcher: event %d, frame %d\n", (int)event, (int)argument);
+    fprintf(g_out, "watcher: event %d, frame %d\n", (int)event, (int)argument);
     ++g_heard;
 }
 
-int main(void)
+int plugin_port_sample(FILE *out, const char *dir)
 {
-    char dir[] = "/tmp/vx-host-XXXXXX"; /* an empty plug-in database, so no module is known */
-    if (!mkdtemp(dir) || !HostSetDatabase(dir) || !HostStartup())
-        return 1;
+    g_out = out;
+    if (!HostSetDatabase(dir) || !HostStartup()) /* the plug-in database lives in `dir` */
+        return 0;
     const HostClassDecl classes[] = {{"Tool", 2}, {NULL, 0}};
     g_changes = PortCreate(0, OWNER, NULL);
     int ok = g_changes && PortAttach(g_changes, WATCHER, 1, Watch) == 1 && HostAddClasses(classes) &&
@@ -51,10 +49,14 @@ int main(void)
     int32_t result = ok ? HostActivateVer("Tool", "Nudge", &step, -1) : -1; /* -1: the class's version */
     PortNotify(g_changes, STRANGER, 0, EVENT_NUDGED, 1, 0); /* not the owner: delivers nothing */
     const char *tool = ServerGetUserName("Tool", ServerGetIndex("Tool", "Nudge")); /* NULL if unknown */
-    printf("activated %s: result %d, frame %d, found by name: %s\n", tool ? tool : "-", (int)result, g_frame,
-           HostFindGlobal("Current Frame", HOST_GLOBAL_TRANSIENT) == &g_frame ? "yes" : "no");
+    fprintf(out, "activated %s: result %d, frame %d, found by name: %s\n", tool ? tool : "-", (int)result, g_frame,
+            HostFindGlobal("Current Frame", HOST_GLOBAL_TRANSIENT) == &g_frame ? "yes" : "no");
     PortDestroy(g_changes);
     HostShutdown();       /* built-ins are not written to the database ... */
     GlobalListCleanup();  /* ... and this frees the named ports the host used */
-    return ok && result == 0 && g_frame == 30 && g_heard == 1 && rmdir(dir) == 0 ? 0 : 1;
+    return ok && result == 0 && g_frame == 30 && g_heard == 1;
 }
+
+#ifndef VX_SAMPLE_NO_MAIN
+int main(void) { return plugin_port_sample(stdout, ".") ? 0 : 1; }
+#endif

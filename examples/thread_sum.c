@@ -25,8 +25,9 @@ static int SumSlice(MTThreadID thread)
     return i - slice->begin; /* the exit value: how many values this worker added */
 }
 
-int main(void)
+int thread_sum_sample(FILE *out, const char *dir)
 {
+    (void)dir; /* writes no files */
     static int values[COUNT];
     for (int i = 0; i < COUNT; ++i)
         values[i] = i + 1;
@@ -34,21 +35,25 @@ int main(void)
     long long total = 0;
     MTGroupID group = MTGroupCreate(WORKERS);
     if (!group)
-        return 1;
+        return 0;
     for (int w = 0; w < WORKERS; ++w) {
         Slice slice = {values, COUNT * w / WORKERS, COUNT * (w + 1) / WORKERS, &total};
         if (!MTGroupAddThread(group, SumSlice, &slice, (int)sizeof slice)) /* copied: a local is fine */
-            return 1;
+            return 0;
     }
     int ran = MTGroupRun(group); /* returns after every worker has ended */
     int added = 0;
     for (int w = 0; w < WORKERS; ++w) {
-        printf("worker %d added %d values\n", w, MTGroupGetReturn(group, w));
+        fprintf(out, "worker %d added %d values\n", w, MTGroupGetReturn(group, w));
         added += MTGroupGetReturn(group, w);
     }
     MTGroupDestroy(group);
 
     const long long expected = (long long)COUNT * (COUNT + 1) / 2;
-    printf("total %lld (expected %lld)\n", total, expected);
-    return ran && added == COUNT && total == expected ? 0 : 1;
+    fprintf(out, "total %lld (expected %lld)\n", total, expected);
+    return ran && added == COUNT && total == expected;
 }
+
+#ifndef VX_SAMPLE_NO_MAIN
+int main(void) { return thread_sum_sample(stdout, ".") ? 0 : 1; }
+#endif

@@ -1,6 +1,9 @@
-// `vxtool demo [--out DIR]`: runs each subsystem's demo section on built-in data and leaves the
-// files they write (pictures, saved envelopes, an IFF file, a settings file, a plug-in
-// database) in one directory.
+// `vxtool demo [--out DIR]`: runs the sample programs of examples/ as its sections, each
+// subsystem's in turn, and leaves the files they write (pictures, saved envelopes, an IFF
+// file, a settings file, a plug-in database) in one directory. A few steps of vxtool's own
+// follow the samples: the pictures become PNG files, the envelopes a plot, the IFF file a dump,
+// the plug-in database a listing.
+#include "png_io.h"
 #include "vxtool.h"
 
 #include <algorithm>
@@ -12,25 +15,99 @@
 #include <system_error>
 #include <vector>
 
+extern "C" {
+#define VX_SAMPLE(name) int name##_sample(FILE *out, const char *dir);
+VX_SAMPLE(shot) VX_SAMPLE(ordered) VX_SAMPLE(global_list) VX_SAMPLE(word_count) VX_SAMPLE(btree_zone_actions)
+VX_SAMPLE(port_clients) VX_SAMPLE(undo_edits) VX_SAMPLE(image_blur) VX_SAMPLE(image_mipmap) VX_SAMPLE(thread_sum)
+VX_SAMPLE(thread_control) VX_SAMPLE(plugin_port) VX_SAMPLE(plugin_scan) VX_SAMPLE(envelope_bounce)
+VX_SAMPLE(envelope_shapes) VX_SAMPLE(iff_roundtrip) VX_SAMPLE(save_state) VX_SAMPLE(config_file)
+#undef VX_SAMPLE
+}
+
 namespace vxtool {
 namespace {
 
+// Reads a Netpbm picture as the image samples write it (8-bit RGB or RGB_ALPHA); NULL if it is not one.
+VxImage *ReadPam(const char *path)
+{
+    FILE *file = std::fopen(path, "rb");
+    int width = 0, height = 0, depth = 0;
+    const bool header = file &&
+        std::fscanf(file, "P7 WIDTH %d HEIGHT %d DEPTH %d MAXVAL 255 TUPLTYPE %*s ENDHDR", &width, &height, &depth) == 3 &&
+        std::fgetc(file) == '\n' && width > 0 && height > 0 && (depth == 3 || depth == 4);
+    const int32_t type = depth == 4 ? VX_PIXEL_RGBA : VX_PIXEL_RGB;
+    VxImage *image = header ? ImageCreate(type, width, height) : nullptr;
+    std::vector<uint8_t> row(header ? static_cast<size_t>(width) * depth : 0);
+    for (int32_t y = 0; image && y < height; ++y)
+        if (std::fread(row.data(), 1, row.size(), file) != row.size() || !image->setLine(image, type, y, row.data())) {
+            ImageDestroy(image);
+            image = nullptr;
+        }
+    if (file)
+        std::fclose(file);
+    return image;
+}
+
+// Turns every .pam picture the image samples left in `dir` into a PNG file of the same name.
+int WritePictures(FILE *out, const char *dir)
+{
+    std::vector<std::filesystem::path> pictures;
+    std::error_code error;
+    for (const auto &entry : std::filesystem::directory_iterator(dir, error))
+        if (entry.path().extension() == ".pam")
+            pictures.push_back(entry.path());
+    std::sort(pictures.begin(), pictures.end());
+    int ok = !pictures.empty();
+    std::fprintf(out, "as PNG files:");
+    for (const std::filesystem::path &pam : pictures) {
+        VxImage *image = ReadPam(pam.c_str());
+        std::string problem;
+        const std::filesystem::path png = std::filesystem::path(pam).replace_extension(".png");
+        const bool written = image && PngWrite(png.c_str(), image, problem) && std::filesystem::remove(pam, error);
+        std::fprintf(out, written ? " %s" : "\n%s: cannot convert\n", written ? png.filename().c_str() : pam.c_str());
+        ok &= written;
+        ImageDestroy(image);
+    }
+    std::fprintf(out, "\n");
+    return ok;
+}
+
+// Runs `vxtool ARGS...` in this process; 1 when it succeeded.
+int RunVxtool(int (*command)(int argc, char **argv), std::vector<std::string> args)
+{
+    std::vector<char *> argv;
+    for (std::string &arg : args)
+        argv.push_back(arg.data());
+    std::fflush(stdout);
+    return command(static_cast<int>(argv.size()), argv.data()) == kOk;
+}
+
+int ListPlugins(FILE *, const char *dir) { return RunVxtool(PluginsMain, {"plugins", "list", "--db", dir}); }
+int DumpScene(FILE *, const char *dir) { return RunVxtool(IffMain, {"iff", "dump", std::string(dir) + "/scene.iff"}); }
+int PlotEnvelopes(FILE *, const char *dir)
+{
+    return RunVxtool(EnvMain, {"env", "plot", std::string(dir) + "/envelopes.txt", "-o", std::string(dir) + "/envelopes.svg"});
+}
+
+using Step = int (*)(FILE *out, const char *dir);
+
 struct DemoSection {
     const char *name;
-    int (*run)(FILE *out, const char *dir);
+    Step steps[3]; // run in order; unused places stay null
 };
 
 constexpr DemoSection kSections[] = {
-    {"checkpoints, ordered arrays and the global list", vx_demo_core},
-    {"B-trees, block zones, lookup maps and action tables", vx_demo_containers},
-    {"ports: an owner and its clients", vx_demo_ports},
-    {"undo: a document edited, undone and redone", vx_demo_undo},
-    {"images: blur, resample and mipmap a generated picture", vx_demo_image},
-    {"thread groups: a parallel prime count, progress signals, abort and kill", vx_demo_threads},
-    {"plug-in host: scan the example modules, list them, activate on demand", vx_demo_plugins},
-    {"envelopes: every curve shape and behaviour, saved, reloaded and plotted", vx_demo_env},
-    {"streams, IFF files and save states", vx_demo_io},
-    {"configuration: write a settings file and read it back", vx_demo_config},
+    {"checkpoints, ordered arrays and the global list", {shot_sample, ordered_sample, global_list_sample}},
+    {"B-trees, block zones, lookup maps and action tables", {word_count_sample, btree_zone_actions_sample}},
+    {"ports: an owner and its clients", {port_clients_sample}},
+    {"undo: a document edited, undone and redone", {undo_edits_sample}},
+    {"images: blur, resample and mipmap a generated picture", {image_blur_sample, image_mipmap_sample, WritePictures}},
+    {"thread groups: a parallel prime count, progress signals, abort and kill", {thread_sum_sample, thread_control_sample}},
+    {"plug-in host: scan the example modules, list them, activate on demand", {plugin_port_sample, plugin_scan_sample, ListPlugins}},
+    {"envelopes: every curve shape and behaviour, saved, reloaded and plotted",
+     {envelope_bounce_sample, envelope_shapes_sample, PlotEnvelopes}},
+    {"streams, IFF files and save states", {iff_roundtrip_sample, DumpScene, save_state_sample}},
+    {"configuration: write a settings file and read it back", {config_file_sample}},
 };
 
 constexpr const char *kHelp =
@@ -102,7 +179,10 @@ int DemoMain(int argc, char **argv)
     int failed = 0;
     for (const DemoSection &section : kSections) {
         std::printf("== %s\n", section.name);
-        if (!section.run(stdout, dir.c_str())) {
+        int ok = 1;
+        for (Step step : section.steps)
+            ok &= !step || step(stdout, dir.c_str());
+        if (!ok) {
             std::printf("FAILED: %s\n", section.name);
             ++failed;
         }

@@ -1,6 +1,5 @@
 // PNG reading and writing with libpng's simplified interface (png_image).
 #include "png_io.h"
-#include "vxtool_c.h"
 
 #include <png.h>
 
@@ -95,12 +94,3 @@ bool PngWrite(const char *path, VxImage *image, std::string &error)
 }
 
 }  // namespace vxtool
-
-extern "C" int vx_png_write(const char *path, VxImage *image)
-{
-    std::string error;
-    if (vxtool::PngWrite(path, image, error))
-        return 1;
-    std::fprintf(stderr, "vxtool: %s: %s\n", path, error.c_str());
-    return 0;
-}

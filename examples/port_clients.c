@@ -1,16 +1,15 @@
-/* Demo of ports: a document owner and three clients meeting on the global port "document".
- * One client attaches before the owner exists, one listens to renames only, and one detaches
- * itself from inside its own callback. */
+/* A document owner and three clients meeting on the global port "document": one client
+ * attaches before the owner exists, one listens to renames only, and one detaches itself from
+ * inside its own callback. */
 #include <vxtools3.h>
-#include "vxtool_c.h"
 
 #include <stdio.h>
 
 enum { EVENT_TEXT = 1, EVENT_RENAME = 2 };
 
 static FILE *g_out;
-static int g_heard[4];  /* deliveries per client key */
-static int g_announced;
+static int g_heard[4];      /* deliveries per client key */
+static int g_announced;     /* attach and detach calls the owner saw */
 static int g_ownerArriving; /* set while GlobalPortAcquire announces the earlier clients */
 
 static const char *const kNames[] = {"", "view", "title bar", "one-shot logger"};
@@ -18,8 +17,7 @@ static const uintptr_t kOwner = 0xD0C;
 
 static void OwnerSees(uintptr_t server, uintptr_t data, int32_t mode, uintptr_t x)
 {
-    (void)server;
-    (void)data;
+    (void)server, (void)data;
     /* On attach the owner gets the key, or the record when it arrives late; on detach, the record. */
     uintptr_t key = mode == PORT_DETACH || g_ownerArriving ? ((const VxPortAttachment *)x)->clientKey : x;
     fprintf(g_out, "  owner: %s %s\n", kNames[key], mode == PORT_ATTACH ? "attached" : "detached");
@@ -35,17 +33,15 @@ static void Hear(uintptr_t key, uintptr_t portData, int32_t event, uintptr_t arg
         GlobalPortDetach("document", 3); /* once is enough; safe inside the notification */
 }
 
-int vx_demo_ports(FILE *out, const char *dir)
+int port_clients_sample(FILE *out, const char *dir)
 {
     (void)dir; /* writes no files */
-    VxPort *port;
-    int ok;
     g_out = out;
     fprintf(out, "Ports: clients of the global port \"document\"\n");
     GlobalPortAttach("document", 1, 0, Hear);
     fprintf(out, "  \"view\" attached before any owner; then the owner arrives:\n");
     g_ownerArriving = 1;
-    port = GlobalPortAcquire("document", 42, kOwner, OwnerSees);
+    VxPort *port = GlobalPortAcquire("document", 42, kOwner, OwnerSees);
     g_ownerArriving = 0;
     if (!port)
         return 0;
@@ -63,7 +59,7 @@ int vx_demo_ports(FILE *out, const char *dir)
     PortNotify(port, kOwner, 0, EVENT_RENAME, EVENT_RENAME, (uintptr_t) "final.txt");
     PortEnable(port, 1);
 
-    ok = g_heard[1] == 2 && g_heard[2] == 2 && g_heard[3] == 1 && g_announced == 4;
+    int ok = g_heard[1] == 2 && g_heard[2] == 2 && g_heard[3] == 1 && g_announced == 4;
     fprintf(out, "  deliveries: view %d, title bar %d, one-shot logger %d; owner saw %d attach/detach calls\n",
             g_heard[1], g_heard[2], g_heard[3], g_announced);
     GlobalPortDetach("document", 1);
@@ -71,3 +67,7 @@ int vx_demo_ports(FILE *out, const char *dir)
     PortDestroy(port);
     return ok;
 }
+
+#ifndef VX_SAMPLE_NO_MAIN
+int main(void) { return port_clients_sample(stdout, ".") ? 0 : 1; }
+#endif
