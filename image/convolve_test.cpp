@@ -112,84 +112,61 @@ struct RefKernel {
 
 RefKernel ReferenceKernel(int n, double sigma)
 {
-    std::vector<double> w(static_cast<size_t>(n));
+    std::vector<double> w(static_cast<size_t>(3 * ((n + 2) / 3)), 0.0);  // the last group padded with 0
     const double q = std::fabs(sigma) * 10.0;
-    if (q == 0.0) {
-        w[0] = 1.0;
-    } else {
-        for (int i = 0; i < n; ++i)
-            w[i] = std::exp(-static_cast<double>(i * i) / q) - std::exp(-static_cast<double>(n * n) / q);
-    }
-    auto fullSum = [&] {
-        double s = 0;
+    for (int i = 0; i < n; ++i)
+        w[i] = q == 0.0 ? (i == 0 ? 1.0 : 0.0)
+                        : std::exp(-static_cast<double>(i * i) / q) - std::exp(-static_cast<double>(n * n) / q);
+    // Normalised when the full sum is neither 1 nor 0, and again when it is still off by more than 0.001.
+    for (double limit : {0.0, 0.001}) {
+        double sides = 0;
         for (int i = 1; i < n; ++i)
-            s += w[i];
-        return w[0] + 2.0 * s;
-    };
-    double sum = fullSum();
-    if (sum != 1.0 && sum != 0.0)
-        for (double &v : w)
-            v /= sum;
-    sum = fullSum();
-    if (std::fabs(sum - 1.0) > 0.001 && sum != 0.0)
-        for (double &v : w)
-            v /= sum;
-    RefKernel k;
-    k.groups = (n + 2) / 3;
-    std::vector<double> taps(static_cast<size_t>(3 * k.groups), 0.0);
-    std::copy(w.begin(), w.end(), taps.begin());
-    taps[0] *= 0.5;
-    k.bias = 0;
-    k.lane.resize(taps.size() * 256);
-    for (size_t i = 0; i < taps.size(); ++i) {
-        const int b = taps[i] < 0 ? static_cast<int>(-taps[i] * 1024.0) : 0;
+            sides += w[i];
+        const double sum = w[0] + 2.0 * sides;
+        if (std::fabs(sum - 1.0) > limit && sum != 0.0)
+            for (double &v : w)
+                v /= sum;
+    }
+    RefKernel k{static_cast<int>(w.size()) / 3, 0, std::vector<int>(w.size() * 256)};
+    w[0] *= 0.5;  // the centre tap is applied from both sides
+    for (size_t i = 0; i < w.size(); ++i) {
+        const int b = w[i] < 0 ? static_cast<int>(-w[i] * 1024.0) : 0;
         k.bias += 2 * b;
         for (int v = 0; v < 256; ++v)
-            k.lane[i * 256 + v] = (static_cast<int>(v * taps[i] * 262144.0 + 32768.0) >> 16) + b + (i % 3 == 1 ? 1 : 0);
+            k.lane[i * 256 + v] = (static_cast<int>(v * w[i] * 262144.0 + 32768.0) >> 16) + b + (i % 3 == 1 ? 1 : 0);
     }
     return k;
 }
 
-// One line: every tap from both sides, edges repeated, minus the bias, quarters, clamped.
-std::vector<uint8_t> ReferenceLine(const RefKernel &k, const std::vector<uint8_t> &in)
+// One line of n samples `stride` bytes apart, in place: every tap from both sides, edges
+// repeated, minus the bias, quartered, clamped.
+void ReferenceLine(const RefKernel &k, uint8_t *p, int n, int stride)
 {
-    const int n = static_cast<int>(in.size()), taps = 3 * k.groups;
-    std::vector<uint8_t> out(in.size());
+    std::vector<uint8_t> in(static_cast<size_t>(n));
+    for (int x = 0; x < n; ++x)
+        in[x] = p[x * stride];
     for (int x = 0; x < n; ++x) {
         int sum = 0;
-        for (int i = 0; i < taps; ++i) {
-            sum += k.lane[i * 256 + in[std::clamp(x - i, 0, n - 1)]];
-            sum += k.lane[i * 256 + in[std::clamp(x + i, 0, n - 1)]];
-        }
-        out[x] = static_cast<uint8_t>(std::clamp((sum - k.bias) >> 2, 0, 255));
+        for (int i = 0; i < 3 * k.groups; ++i)
+            sum += k.lane[i * 256 + in[std::clamp(x - i, 0, n - 1)]] + k.lane[i * 256 + in[std::clamp(x + i, 0, n - 1)]];
+        p[x * stride] = static_cast<uint8_t>(std::clamp((sum - k.bias) >> 2, 0, 255));
     }
-    return out;
 }
 
+// Every row across, then every column down; grey is always blurred, other channels only when
+// the mask selects them.
 std::vector<uint8_t> ReferenceBlur(VxImage *src, int n, double sh, double sv, uint32_t mask)
 {
     const int w = src->width, h = src->height, bpp = static_cast<int>(src->bytesPerPixel);
-    const std::vector<uint8_t> in = Bytes(src);
-    std::vector<uint8_t> across(in.size()), out(in.size());
+    std::vector<uint8_t> out = Bytes(src);
     const RefKernel kh = ReferenceKernel(n, sh), kv = ReferenceKernel(n, sv);
     for (int c = 0; c < bpp; ++c) {
-        for (int y = 0; y < h; ++y) {
-            std::vector<uint8_t> line(static_cast<size_t>(w));
-            for (int x = 0; x < w; ++x)
-                line[x] = in[(y * w + x) * bpp + c];
-            line = ReferenceLine(kh, line);
-            for (int x = 0; x < w; ++x)
-                across[(y * w + x) * bpp + c] = line[x];
-        }
-        for (int x = 0; x < w; ++x) {
-            std::vector<uint8_t> line(static_cast<size_t>(h));
-            for (int y = 0; y < h; ++y)
-                line[y] = across[(y * w + x) * bpp + c];
-            line = ReferenceLine(kv, line);
-            const bool keep = src->type != VX_PIXEL_GREY && !(mask & (1u << c));
-            for (int y = 0; y < h; ++y)
-                out[(y * w + x) * bpp + c] = keep ? in[(y * w + x) * bpp + c] : line[y];
-        }
+        if (src->type != VX_PIXEL_GREY && !(mask & (1u << c)))
+            continue;
+        for (int y = 0; y < h; ++y)
+            ReferenceLine(kh, &out[static_cast<size_t>((y * w) * bpp + c)], w, bpp);
+        for (int x = 0; x < w; ++x)
+            ReferenceLine(kv, &out[static_cast<size_t>(x * bpp + c)], h, w * bpp);
     }
     return out;
 }

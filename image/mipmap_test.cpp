@@ -175,80 +175,57 @@ TEST(BiLinearPixel, EqualsThePlainFormula)
     ImageDestroy(src);
 }
 
-// An 8 x 8 pyramid whose levels hold distinct constant greys: the level that answers a lookup
-// is visible in its value.
-struct Pyramid {
-    VxImage *src;
-    VxMipmap *m;
-    Pyramid()
-    {
-        src = ImageCreate(VX_PIXEL_GREY_FLOAT, 8, 8);
-        m = MipmapCreate(src, VX_PIXEL_GREY_FLOAT);
-        for (int i = 0; i < m->count; ++i) {
-            VxImage *level = m->levels[i];
-            auto *p = reinterpret_cast<float *>(level->priv->pixels);
-            for (int k = 0; k < level->width * level->height; ++k)
-                p[k] = static_cast<float>(i) / 8.0f + static_cast<float>(k) / 1024.0f;
-        }
-    }
-    ~Pyramid()
-    {
-        MipmapDestroy(m);
-        ImageDestroy(src);
-    }
-    float Lookup(double u, double v, double filter, int bilinear = 0)
-    {
+// An 8 x 8 pyramid whose levels hold distinct values: the level that answers a lookup is
+// visible in its value.
+TEST(MipmapFilteredPixel, WrapsCoordinatesAndChoosesLevels)
+{
+    VxImage *src = ImageCreate(VX_PIXEL_GREY_FLOAT, 8, 8);
+    VxMipmap *m = MipmapCreate(src, VX_PIXEL_GREY_FLOAT);
+    for (int i = 0; i < m->count; ++i)
+        for (int k = 0; k < m->levels[i]->width * m->levels[i]->height; ++k)
+            reinterpret_cast<float *>(m->levels[i]->priv->pixels)[k] = static_cast<float>(i) / 8.0f + static_cast<float>(k) / 1024.0f;
+    auto lookup = [m](double u, double v, double filter, int bilinear = 0) {
         float out = -1;
         EXPECT_EQ(MipmapFilteredPixel(m, VX_PIXEL_GREY_FLOAT, u, v, &out, bilinear, filter), 1);
         return out;
-    }
-    float Level(int i, double u, double v)
-    {
-        VxImage *level = m->levels[i];
-        const int x = static_cast<int>(level->width * u), y = static_cast<int>(level->height * v);
-        return reinterpret_cast<float *>(level->priv->pixels)[y * level->width + x];
-    }
-};
-
-TEST(MipmapFilteredPixel, WrapsCoordinatesAndChoosesLevels)
-{
-    Pyramid p;
-    EXPECT_EQ(p.Lookup(0.3, 0.6, 0.0), p.Level(0, 0.3, 0.6)) << "filter size 0 reads level 0";
-    EXPECT_EQ(p.Lookup(1.25, 0.5, 0.0), p.Level(0, 0.25, 0.5));
-    EXPECT_EQ(p.Lookup(-0.25, -1.5, 0.0), p.Level(0, 0.75, 0.5));
-    EXPECT_EQ(p.Lookup(0.3, 0.6, 0.25), p.Level(1, 0.3, 0.6)) << "r = 4: level 1 holds exactly 16 pixels";
-    EXPECT_EQ(p.Lookup(0.3, 0.6, 0.5), p.Level(2, 0.3, 0.6));
-    EXPECT_EQ(p.Lookup(0.3, 0.6, 100.0), p.Level(3, 0.3, 0.6)) << "clamped to the last level";
-    EXPECT_EQ(p.Lookup(0.3, 0.6, 0.01), p.Level(0, 0.3, 0.6)) << "r beyond level 0: level 0";
-    // r = 6: between level 0 (side 8) and level 1 (side 4), f = (8 - 6) / (8 - 4).
-    const float near = p.Level(0, 0.3, 0.6), far = p.Level(1, 0.3, 0.6);
-    EXPECT_EQ(p.Lookup(0.3, 0.6, 1.0 / 6.0), near * 0.5f + far * 0.5f);
-    // r = 3: between level 1 (4) and level 2 (2), f = 0.5.
-    EXPECT_EQ(p.Lookup(0.9, 0.1, 1.0 / 3.0), p.Level(1, 0.9, 0.1) * 0.5f + p.Level(2, 0.9, 0.1) * 0.5f);
-    float out;
-    EXPECT_EQ(MipmapFilteredPixel(p.m, VX_PIXEL_GREY_FLOAT, 0.5, 0.5, nullptr, 0, 0), 0);
+    };
+    auto level = [m](int i, double u, double v) {
+        const int x = static_cast<int>(m->levels[i]->width * u), y = static_cast<int>(m->levels[i]->height * v);
+        return reinterpret_cast<float *>(m->levels[i]->priv->pixels)[y * m->levels[i]->width + x];
+    };
+    EXPECT_EQ(lookup(0.3, 0.6, 0.0), level(0, 0.3, 0.6)) << "filter size 0 reads level 0";
+    EXPECT_EQ(lookup(1.25, 0.5, 0.0), level(0, 0.25, 0.5));
+    EXPECT_EQ(lookup(-0.25, -1.5, 0.0), level(0, 0.75, 0.5));
+    EXPECT_EQ(lookup(0.3, 0.6, 0.25), level(1, 0.3, 0.6)) << "r = 4: level 1 holds exactly 16 pixels";
+    EXPECT_EQ(lookup(0.3, 0.6, 0.5), level(2, 0.3, 0.6));
+    EXPECT_EQ(lookup(0.3, 0.6, 100.0), level(3, 0.3, 0.6)) << "clamped to the last level";
+    EXPECT_EQ(lookup(0.3, 0.6, 0.01), level(0, 0.3, 0.6)) << "r beyond level 0: level 0";
+    // r = 6: between level 0 (side 8) and level 1 (side 4), f = (8 - 6) / (8 - 4); r = 3:
+    // between level 1 (4) and level 2 (2), f = 0.5.
+    EXPECT_EQ(lookup(0.3, 0.6, 1.0 / 6.0), level(0, 0.3, 0.6) * 0.5f + level(1, 0.3, 0.6) * 0.5f);
+    EXPECT_EQ(lookup(0.9, 0.1, 1.0 / 3.0), level(1, 0.9, 0.1) * 0.5f + level(2, 0.9, 0.1) * 0.5f);
+    float out, direct;
+    EXPECT_EQ(MipmapFilteredPixel(m, VX_PIXEL_GREY_FLOAT, 0.5, 0.5, nullptr, 0, 0), 0);
     EXPECT_EQ(MipmapFilteredPixel(nullptr, VX_PIXEL_GREY_FLOAT, 0.5, 0.5, &out, 0, 0), 0);
-    EXPECT_EQ(MipmapFilteredPixel(p.m, VX_PIXEL_GREY_FLOAT, INFINITY, 0.5, &out, 0, 0), 0) << "cannot be wrapped";
-    float bilinear;
-    ASSERT_EQ(MipmapFilteredPixel(p.m, VX_PIXEL_GREY_FLOAT, 0.5, 0.5, &bilinear, 1, 0), 1);
-    float direct;
-    ImageBiLinearPixel(p.m->levels[0], VX_PIXEL_GREY_FLOAT, 0.5, 0.5, &direct);
-    EXPECT_EQ(bilinear, direct) << "the flag selects bilinear sampling";
+    EXPECT_EQ(MipmapFilteredPixel(m, VX_PIXEL_GREY_FLOAT, INFINITY, 0.5, &out, 0, 0), 0) << "cannot be wrapped";
+    ImageBiLinearPixel(m->levels[0], VX_PIXEL_GREY_FLOAT, 0.5, 0.5, &direct);
+    EXPECT_EQ(lookup(0.5, 0.5, 0, 1), direct) << "the flag selects bilinear sampling";
+    MipmapDestroy(m);
+    ImageDestroy(src);
 }
 
 TEST(MipmapOom, CreateAndCreateSmall)
 {
-    using Sweep = std::function<VxMipmap *(VxImage *)>;
-    auto check = [](VxMipmap *m) { EXPECT_EQ(m->levels[m->count - 1]->width, 1); };
-    imagetest::SweepOperation<VxMipmap>([] { return imagetest::RandomImage(VX_PIXEL_RGBA, 7, 5, 1); },
-                                        Sweep([](VxImage *s) { return MipmapCreate(s, VX_PIXEL_RGB); }),
-                                        [](VxMipmap *m) { MipmapDestroy(m); }, check);
-    imagetest::SweepOperation<VxMipmap>([] { return imagetest::RandomImage(VX_PIXEL_RGBA, 7, 5, 1); },
-                                        Sweep([](VxImage *s) { return MipmapCreateSmall(s, VX_PIXEL_RGBA, 1); }),
-                                        [](VxMipmap *m) { MipmapDestroy(m); }, check);
-    imagetest::SweepOperation<VxMipmap>([] { return ImageIndexCreate(3, 2, 16); },
-                                        Sweep([](VxImage *s) { return MipmapCreate(s, VX_PIXEL_INDEX); }),
-                                        [](VxMipmap *m) { MipmapDestroy(m); }, check);
+    using Make = std::function<VxMipmap *(VxImage *)>;
+    const std::pair<int32_t, Make> cases[] = {
+        {VX_PIXEL_RGBA, [](VxImage *s) { return MipmapCreate(s, VX_PIXEL_RGB); }},
+        {VX_PIXEL_RGBA, [](VxImage *s) { return MipmapCreateSmall(s, VX_PIXEL_RGBA, 1); }},
+        {VX_PIXEL_INDEX, [](VxImage *s) { return MipmapCreate(s, VX_PIXEL_INDEX); }}};
+    for (const auto &[type, make] : cases)
+        imagetest::SweepOperation<VxMipmap>(
+            [type] { return type == VX_PIXEL_INDEX ? ImageIndexCreate(3, 2, 16) : imagetest::RandomImage(type, 7, 5, 1); },
+            make, [](VxMipmap *m) { MipmapDestroy(m); },
+            [](VxMipmap *m) { EXPECT_EQ(m->levels[m->count - 1]->width, 1); });
 }
 
 }  // namespace
