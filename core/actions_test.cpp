@@ -56,101 +56,82 @@ protected:
 
 using Events = std::vector<std::string>;
 
-TEST_F(Actions, EveryResultCode)
+TEST_F(Actions, ListsAndCharacterTags)
 {
-    const ActionDef list[] = {{3, Act, nullptr}, {4, Act, &kRefusing}, {5, Fail, nullptr},
+    const ActionDef list[] = {{3, Act, nullptr}, {4, Act, &kRefusing}, {11, Act, nullptr}, {3, Fail, nullptr},
                               {6, nullptr, &kRefusing}, {0, nullptr, nullptr}};
-    const CharTag tags[] = {{'a', 3}, {0, 0}};
+    const CharTag tags[] = {{'x', 3}, {'y', 11}, {'x', 11}, {'z', 0}, {'w', 11}, {0, 0}};
     ActionCkptSetLevel(1);
-    EXPECT_EQ(ActionListDispatch(list, 3, 9), ACTION_DONE);
     EXPECT_EQ(ActionListDispatch(nullptr, 0, 9), ACTION_NO_CODE) << "code 0 reads no list";
     EXPECT_EQ(ActionListDispatch(list, 8, 9), ACTION_UNDEFINED);
-    EXPECT_EQ(CharTagDispatch(tags, list, 'b', 9), ACTION_NO_TAG);
     EXPECT_EQ(ActionListDispatch(list, 4, 9), ACTION_REFUSED);
-    g_events.clear();
-    EXPECT_EQ(ActionListDispatch(list, 5, 2), ACTION_FAILED);
-    EXPECT_EQ(ActionListDispatch(list, 5, 4), ACTION_ABORTED);
     EXPECT_EQ(ActionListDispatch(list, 6, 9), ACTION_NO_FUNCTION);
-    EXPECT_EQ(g_events, (Events{"fail", "fail"})) << "no hook runs for a definition without a function";
-    EXPECT_EQ(CkptLatchCode(), 0) << "the dispatcher read and cleared the code";
-    EXPECT_EQ((int)ACTION_NO_FUNCTION, 7);
+    EXPECT_EQ(g_events, (Events{"refuse"})) << "no hook runs for a definition without a function";
+    EXPECT_EQ(CharTagFindTag(tags, 'x'), 3) << "the first pair wins";
+    EXPECT_EQ(CharTagFindTag(tags, 'w'), 0) << "a pair with tag 0 ends the search";
+    EXPECT_EQ(CharTagFindTag(tags, 'q'), 0);
+    EXPECT_EQ(CharTagDispatch(tags, list, 'q', 9), ACTION_NO_TAG);
+    g_events.clear();
+    EXPECT_EQ(CharTagDispatch(tags, list, 'y', 4), ACTION_DONE);
+    EXPECT_EQ(CharTagDispatch(tags, list, 'x', 2), ACTION_DONE) << "the first definition of a code";
+    EXPECT_EQ(g_events, (Events{"act 4 11", "act 2 3"}));
+    const CharTag blocked[] = {{'x', 0}, {'x', 3}, {0, 0}};
+    EXPECT_EQ(CharTagDispatch(blocked, list, 'x', 4), ACTION_NO_TAG);
 }
 
-TEST_F(Actions, HooksRunAroundTheAction)
+// Dispatches inside a block of the caller's own: the result, or -1 when the failure reached
+// that block (noted as "caller resumed").
+int DispatchInBlock(const ActionDef *def, uintptr_t argument)
 {
-    const ActionDef def = {12, Act, &kAllHooks};
-    for (int level : {0, 1, 2}) {
+    volatile int result = -1;
+    if (CkptBegin()) {
+        g_events.push_back("caller resumed");
+    } else {
+        result = ActionDefDispatch(def, argument);
+        CkptEnd();
+    }
+    return result;
+}
+
+// The hooks around an action, and where a failing action's failure goes at each dispatch level.
+TEST_F(Actions, HooksAndFailuresByDispatchLevel)
+{
+    const ActionDef act = {12, Act, &kAllHooks}, refused = {12, Act, &kRefusing}, fail = {1, Fail, &kAllHooks};
+    struct Case {
+        int level;
+        const ActionDef *def;
+        bool inBlock;
+        uintptr_t argument;
+        int result;
+        Events events;
+        int latched;  // the code left latched afterwards
+    };
+    const Case cases[] = {
+        {0, &act, false, 5, ACTION_DONE, {"pre", "act 5 12", "post"}, 0},
+        {1, &act, false, 5, ACTION_DONE, {"pre", "act 5 12", "post"}, 0},
+        {2, &act, true, 5, ACTION_DONE, {"pre", "act 5 12", "post"}, 0},
+        {1, &refused, false, 5, ACTION_REFUSED, {"refuse"}, 0},
+        // Level 0: no block of the dispatcher's own. With none open the raise returns and the
+        // action goes on; with the caller's block open the failure goes straight to it.
+        {0, &fail, false, 3, ACTION_DONE, {"pre", "fail", "went on", "post"}, 3},
+        {0, &fail, true, 3, -1, {"pre", "fail", "caller resumed"}, 3},
+        // Level 1: the failure stops at the dispatcher; recover runs, post does not.
+        {1, &fail, false, 7, ACTION_FAILED, {"pre", "fail", "recover 7"}, 0},
+        {1, &fail, true, 4, ACTION_ABORTED, {"pre", "fail", "recover 4"}, 0},
+        // Level 2: handed outward to the caller's block, which sees the code; with no outer
+        // block the dispatcher ends the failure itself.
+        {2, &fail, true, 9, -1, {"pre", "fail", "recover 9", "caller resumed"}, 9},
+        {2, &fail, false, 4, ACTION_ABORTED, {"pre", "fail", "recover 4"}, 0},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(::testing::Message() << "level " << c.level << ", argument " << c.argument);
         g_events.clear();
-        ActionCkptSetLevel(level);
-        EXPECT_EQ(ActionDefDispatch(&def, 5), ACTION_DONE);
-        EXPECT_EQ(g_events, (Events{"pre", "act 5 12", "post"})) << "level " << level;
+        ActionCkptSetLevel(c.level);
+        EXPECT_EQ(c.inBlock ? DispatchInBlock(c.def, c.argument) : ActionDefDispatch(c.def, c.argument), c.result);
+        EXPECT_EQ(g_events, c.events);
+        EXPECT_EQ(CkptLatchCode(), c.latched);
     }
-    const ActionDef refused = {12, Act, &kRefusing};
-    g_events.clear();
-    EXPECT_EQ(ActionDefDispatch(&refused, 5), ACTION_REFUSED);
-    EXPECT_EQ(g_events, (Events{"refuse"}));
-}
-
-TEST_F(Actions, LevelZeroCallsTheActionPlainly)
-{
-    const ActionDef def = {1, Fail, &kAllHooks};
-    // No block of the dispatcher's own: with none open the raise returns and the action goes on.
-    EXPECT_EQ(ActionDefDispatch(&def, 3), ACTION_DONE);
-    EXPECT_EQ(g_events, (Events{"pre", "fail", "went on", "post"}));
-    // With the caller's block open the failure goes straight to it; the recover hook was
-    // never armed.
-    g_events.clear();
-    volatile int result = -1;
-    if (CkptBegin()) {
-        g_events.push_back("caller resumed");
-    } else {
-        result = ActionDefDispatch(&def, 3);
-        CkptEnd();
-    }
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(CkptLatchCode(), 3);
-    EXPECT_EQ(g_events, (Events{"pre", "fail", "caller resumed"}));
-}
-
-TEST_F(Actions, LevelOneContainsTheFailure)
-{
-    const ActionDef def = {1, Fail, &kAllHooks};
-    ActionCkptSetLevel(1);
-    EXPECT_EQ(ActionDefDispatch(&def, 7), ACTION_FAILED);
-    EXPECT_EQ(g_events, (Events{"pre", "fail", "recover 7"})) << "recover runs, post does not";
     EXPECT_EQ(g_recoveredHooks, &kAllHooks);
-    // Inside the caller's block the failure still stops at the dispatcher.
-    g_events.clear();
-    volatile int result = -1;
-    if (CkptBegin()) {
-        g_events.push_back("caller resumed");
-    } else {
-        result = ActionDefDispatch(&def, 4);
-        CkptEnd();
-    }
-    EXPECT_EQ(result, ACTION_ABORTED);
-    EXPECT_EQ(g_events, (Events{"pre", "fail", "recover 4"}));
-    EXPECT_EQ(CkptLatchCode(), 0);
-}
-
-TEST_F(Actions, LevelTwoHandsTheFailureOutward)
-{
-    const ActionDef def = {1, Fail, &kAllHooks};
-    ActionCkptSetLevel(2);
-    volatile int result = -1;
-    if (CkptBegin()) {
-        g_events.push_back("caller resumed");
-    } else {
-        result = ActionDefDispatch(&def, 9);
-        CkptEnd();
-    }
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(g_events, (Events{"pre", "fail", "recover 9", "caller resumed"}));
-    EXPECT_EQ(CkptLatchCode(), 9) << "the caller sees the code";
-    // With no outer block the dispatcher ends the failure itself.
-    g_events.clear();
-    EXPECT_EQ(ActionDefDispatch(&def, 4), ACTION_ABORTED);
-    EXPECT_EQ(g_events, (Events{"pre", "fail", "recover 4"}));
 }
 
 TEST_F(Actions, TablesKeyDefinitionsByCode)
@@ -175,42 +156,19 @@ TEST_F(Actions, TablesKeyDefinitionsByCode)
     ActionTableDestroy(nullptr);
 }
 
-TEST_F(Actions, CharacterTags)
-{
-    const ActionDef list[] = {{10, Act, nullptr}, {11, Act, nullptr}, {0, nullptr, nullptr}};
-    const CharTag tags[] = {{'x', 10}, {'y', 11}, {'x', 11}, {'z', 0}, {'w', 11}, {0, 0}};
-    EXPECT_EQ(CharTagFindTag(tags, 'x'), 10) << "the first pair wins";
-    EXPECT_EQ(CharTagFindTag(tags, 'y'), 11);
-    EXPECT_EQ(CharTagFindTag(tags, 'w'), 0) << "a pair with tag 0 ends the search";
-    EXPECT_EQ(CharTagFindTag(tags, 'q'), 0);
-    EXPECT_EQ(CharTagDispatch(tags, list, 'y', 4), ACTION_DONE);
-    EXPECT_EQ(g_events, (Events{"act 4 11"}));
-    const CharTag blocked[] = {{'x', 0}, {'x', 10}, {0, 0}};
-    EXPECT_EQ(CharTagDispatch(blocked, list, 'x', 4), ACTION_NO_TAG);
-}
-
 TEST(ActionsOom, CreateAndAddList)
 {
     ActionTable *table = nullptr;
+    vxtest::OomSweepAll({[&] { table = nullptr; }, [&] { return (table = ActionTableCreate(1)) != nullptr; },
+                         [&] { EXPECT_EQ(table, nullptr); }, [&] { ActionTableDestroy(table); }});
+    std::vector<ActionDef> early(7, ActionDef{0, nullptr, nullptr}), many(59, ActionDef{0, nullptr, nullptr});
+    for (uint16_t i = 0; i < 58; ++i) {
+        many[i] = {static_cast<uint16_t>(i + 3), Act, nullptr};  // codes 3 .. 60
+        if (i < 6)
+            early[i] = {static_cast<uint16_t>(i + 1), Act, nullptr};  // codes 1 .. 6
+    }
     vxtest::OomSweepAll({
-        [&] { table = nullptr; },
-        [&] { return (table = ActionTableCreate(1)) != nullptr; },
-        [&] { EXPECT_EQ(table, nullptr); },
-        [&] { ActionTableDestroy(table); },
-    });
-
-    std::vector<ActionDef> early, many;
-    for (uint16_t code = 1; code <= 6; ++code)
-        early.push_back({code, Act, nullptr});
-    early.push_back({0, nullptr, nullptr});
-    for (uint16_t code = 3; code <= 60; ++code)
-        many.push_back({code, Act, nullptr});
-    many.push_back({0, nullptr, nullptr});
-    vxtest::OomSweepAll({
-        [&] {
-            table = ActionTableCreate(1);
-            ActionTableAddList(table, early.data());
-        },
+        [&] { ActionTableAddList(table = ActionTableCreate(1), early.data()); },
         [&] { return ActionTableAddList(table, many.data()) == 1; },
         [&] {
             EXPECT_EQ(ActionTableRemList(table, many.data()), 0) << "nothing of the failed list stayed";
