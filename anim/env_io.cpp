@@ -6,6 +6,7 @@
 #include <vxtools3/memory.h>
 
 #include <cstring>
+#include <utility>
 
 namespace vx::env {
 namespace {
@@ -111,6 +112,10 @@ struct Loaded {
     VxList filters;
     int32_t keyCount;
     VxEnvKey *current;  // the key a "SPAN" belongs to
+    // Keys come in time order (as saved) or reverse time order and are linked in place; from
+    // the first key out of both orders on, each key is appended and the list is sorted at the
+    // end (see SortKeys).
+    bool unsorted;
     char name[kNameMax + 1];
     bool named;
     int32_t type;
@@ -118,6 +123,11 @@ struct Loaded {
     int32_t pre, post;
     uint32_t index;
 };
+
+// While the list is unsorted, a key's mask records what its "SPAN" set: bit i for p[i] and
+// kShapeSet for the shape. A key met again at its tick then updates the first one with these
+// fields only, as it would have had it been found in place.
+constexpr uint32_t kShapeSet = 1u << 5;
 
 void FreeLoadedArm(uintptr_t loaded, uintptr_t)
 {
@@ -130,22 +140,35 @@ void FreeLoadedArm(uintptr_t loaded, uintptr_t)
     }
 }
 
+VxEnvKey *KeyAt(VxNode *node) { return node->succ && node->pred ? reinterpret_cast<VxEnvKey *>(node) : nullptr; }
+
+// The key the "KEY " at `tick` fills: the first or last one when it has that tick, else a new
+// one linked at the end it belongs to, or appended when it belongs in between.
+VxEnvKey *KeyForTick(Loaded &l, int32_t tick)
+{
+    VxEnvKey *head = KeyAt(l.keys.head), *tail = KeyAt(l.keys.tailPred);
+    if (!l.unsorted && tail && tail->tick == tick)
+        return tail;
+    if (!l.unsorted && head && head->tick == tick)
+        return head;
+    auto *k = static_cast<VxEnvKey *>(StdAlloc(sizeof(VxEnvKey)));
+    k->tick = tick;
+    ++l.keyCount;
+    if (!l.unsorted && head && tick < head->tick) {
+        AddHead(&l.keys, &k->node);
+        return k;
+    }
+    l.unsorted = l.unsorted || (tail && tick < tail->tick);
+    AddTail(&l.keys, &k->node);
+    return k;
+}
+
 void LoadKey(VxLoadState *st, Loaded &l)
 {
     float f[2];
     if (st->readFloats(st, f, 2) != 2)
         return;
-    const int32_t tick = TickOf(f[0]);
-    VxEnvKey *before = nullptr;
-    VxEnvKey *k = reinterpret_cast<VxEnvKey *>(l.keys.head);
-    for (; k->node.succ && k->tick < tick; k = reinterpret_cast<VxEnvKey *>(k->node.succ))
-        before = k;
-    if (!k->node.succ || k->tick != tick) {
-        k = static_cast<VxEnvKey *>(StdAlloc(sizeof(VxEnvKey)));
-        k->tick = tick;
-        Insert(&l.keys, &k->node, before ? &before->node : nullptr);
-        ++l.keyCount;
-    }
+    VxEnvKey *k = KeyForTick(l, TickOf(f[0]));
     k->value = f[1];
     l.current = k;
 }
@@ -169,6 +192,60 @@ void LoadSpan(VxLoadState *st, Loaded &l)
     const int32_t got = count ? st->readFloats(st, f, count) : 0;
     for (int32_t i = 0; i < got; ++i)
         k->p[first + i] = f[i];
+    if (l.unsorted)
+        k->mask |= kShapeSet | (((1u << got) - 1) << first);
+}
+
+// Folds `later`, a key met again at the tick of `kept`, into `kept`.
+void FoldInto(VxEnvKey *kept, const VxEnvKey *later)
+{
+    kept->value = later->value;
+    if (later->mask & kShapeSet)
+        kept->shape = later->shape;
+    for (int i = 0; i < 5; ++i)
+        if (later->mask & (1u << i))
+            kept->p[i] = later->p[i];
+}
+
+// Puts an unsorted key list in tick order, keys of one tick in the order they came: a radix
+// sort over the ticks, a byte at a time, through two arrays of the keys. Keys met again at a
+// tick are folded into the first.
+void SortKeys(Loaded &l)
+{
+    const auto n = static_cast<size_t>(l.keyCount);
+    // Nothing after this allocation can fail, so it needs no recovery action.
+    auto **keys = static_cast<VxEnvKey **>(StdAlloc(2 * n * sizeof(VxEnvKey *)));
+    VxEnvKey **from = keys, **to = keys + n;
+    size_t i = 0;
+    for (VxEnvKey *k = KeyAt(l.keys.head); k; k = KeyAt(k->node.succ))
+        from[i++] = k;
+    auto sortKey = [](const VxEnvKey *k) { return static_cast<uint32_t>(k->tick) ^ 0x80000000u; };
+    for (int shift = 0; shift < 32; shift += 8) {
+        size_t start[257] = {};
+        for (i = 0; i < n; ++i)
+            ++start[((sortKey(from[i]) >> shift) & 0xFF) + 1];
+        for (int b = 0; b < 256; ++b)
+            start[b + 1] += start[b];
+        for (i = 0; i < n; ++i)
+            to[start[(sortKey(from[i]) >> shift) & 0xFF]++] = from[i];
+        std::swap(from, to);
+    }
+    NewList(&l.keys);
+    VxEnvKey *kept = nullptr;
+    for (i = 0; i < n; ++i) {
+        VxEnvKey *k = from[i];
+        if (kept && kept->tick == k->tick) {
+            FoldInto(kept, k);
+            FreeHeap(k, sizeof(VxEnvKey));
+            --l.keyCount;
+            continue;
+        }
+        AddTail(&l.keys, &k->node);
+        kept = k;
+    }
+    for (VxEnvKey *k = KeyAt(l.keys.head); k; k = KeyAt(k->node.succ))
+        k->mask = 0;
+    FreeHeap(keys, 2 * n * sizeof(VxEnvKey *));
 }
 
 void LoadFilter(VxLoadState *st, Loaded &l)
@@ -215,6 +292,8 @@ void LoadParts(VxLoadState *st, Loaded &l)
         st->endBlock(st);
     }
     st->endBlock(st);
+    if (l.unsorted)
+        SortKeys(l);
 }
 
 // Reads one envelope into `l`; false when there was none or the state failed.

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <map>
 #include <numeric>
 #include <random>
 #include <string>
@@ -223,6 +224,68 @@ VxEnvFilter *LoadGain(const char *server, int32_t flags, VxLoadState *s, void *u
     if (std::strcmp(server, "Gain") || s->readFloats(s, &gain, 1) != 1)
         return nullptr;
     return &MakeGain(gain, flags)->filter;
+}
+
+// Keys in time order, reverse order and shuffled with ticks met twice load as if each key
+// were looked up at its tick: a tick met again updates the value and what its span sets.
+TEST(EnvSaved, KeysLoadInAnyOrder)
+{
+    struct MKey {
+        double value = 0;
+        int32_t shape = 0;
+        double p[5] = {};
+    };
+    std::mt19937 rng(5);
+    for (int round = 0; round < 60; ++round) {
+        const int count = 1 + static_cast<int>(rng() % 40);
+        std::vector<int> ticks(static_cast<size_t>(count));
+        for (int i = 0; i < count; ++i)
+            ticks[i] = (i - 20) * 450;
+        if (round % 3 == 1)
+            std::reverse(ticks.begin(), ticks.end());
+        if (round % 3 == 2) {
+            std::shuffle(ticks.begin(), ticks.end(), rng);
+            for (int i = 0; i < count / 4; ++i)
+                ticks.push_back(ticks[rng() % ticks.size()]);
+        }
+        std::map<int, MKey> model;
+        std::string text = "Envelope 0 {\n";
+        const char *spans[] = {"'TCB ' 0.5 0.25 -1", "'HERM' 2 -3", "'LINE'", "'STEP'", "'BEZ2' -0.5 1 0.5 2", ""};
+        for (int tick : ticks) {
+            MKey &m = model[tick];
+            m.value = static_cast<int>(rng() % 64) / 8.0;
+            text += "  Key " + std::to_string(tick / 3600.0) + " " + std::to_string(m.value) + "\n";
+            const int span = static_cast<int>(rng() % 6);
+            if (*spans[span])
+                text += std::string("  Span ") + spans[span] + "\n";
+            const double given[6][5] = {{0.5, 0.25, -1, 0, 0}, {0, 0, 0, 2, -3}, {}, {}, {-0.5, 1, 0.5, 2, 0}, {}};
+            const int32_t shape[6] = {ENV_SHAPE_TCB, ENV_SHAPE_HERMITE, ENV_SHAPE_LINEAR, ENV_SHAPE_STEPPED, ENV_SHAPE_BEZIER2, -1};
+            if (shape[span] >= 0)
+                m.shape = shape[span];
+            const int first = span == 1 ? 3 : 0, n = span == 0 ? 3 : span == 1 ? 2 : span == 4 ? 4 : 0;
+            for (int i = first; i < first + n; ++i)
+                m.p[i] = given[span][i];
+        }
+        text += "}\n";
+        const Bytes bytes(text.begin(), text.end());
+        Source src(bytes, true);
+        VxEnvelope *env = EnvCreate(nullptr, 0, 0, nullptr);
+        ASSERT_EQ(EnvLoad(env, &src.state), 1);
+        ASSERT_EQ(EnvGet(env, ENV_ATTR_KEY_COUNT), static_cast<double>(model.size()));
+        VxEnvKey *k = EnvKeyFirst(env);
+        for (const auto &[tick, m] : model) {
+            ASSERT_TRUE(k);
+            EXPECT_EQ(EnvKeyTime(k), EnvKeyTime(EnvGetKey(env, tick / 3600.0))) << round;
+            EXPECT_EQ(std::lround(EnvKeyTime(k) * 3600.0), tick) << round;
+            EXPECT_EQ(EnvKeyValue(k), m.value) << round;
+            EXPECT_EQ(EnvKeyType(k), m.shape) << round;
+            EXPECT_EQ(EnvKeyMask(k), 0u);
+            for (int32_t i = 0; i < 5; ++i)
+                EXPECT_EQ(EnvKeyGetParam(k, i), m.p[i]) << round << " p" << i;
+            k = EnvKeyNext(env, k);
+        }
+        EnvDestroy(env);
+    }
 }
 
 TEST(EnvSaved, ModifiersRoundTripThroughTheirLoader)

@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <ctime>
 #include <random>
 #include <string>
@@ -148,7 +149,143 @@ void Plain(benchmark::State &state, bool playback)
     });
 }
 
+// ---- Far from the keys ------------------------------------------------------------------
+//
+// Repeat a million cycles after the last key: the time is shifted back one rounded range per
+// cycle, which must not cost a million subtractions.
+void RepeatFar(benchmark::State &state)
+{
+    VxEnvelope *env = EnvCreate(nullptr, 0, 0, nullptr);
+    EnvKeySetType(env, EnvAddKey(env, 0.0, 0.0), ENV_SHAPE_LINEAR);
+    EnvKeySetType(env, EnvAddKey(env, 0.7, 1.0), ENV_SHAPE_LINEAR);
+    const int32_t repeat = ENV_BEHAVIOR_REPEAT;
+    EnvSet(env, ENV_ATTR_POST, &repeat);
+    std::vector<double> times(kTimes);
+    std::mt19937 rng(7);
+    std::uniform_real_distribution<double> cycle(0.0, 0.7);
+    for (double &t : times)
+        t = 0.7 * 1e6 + cycle(rng);
+    Run(state, times, [env](const double *at, double *values) {
+        for (int i = 0; i < kTimes; ++i)
+            values[i] = EnvEvaluate(env, at[i]);
+    });
+    EnvDestroy(env);
+}
+
+// ---- Loading ----------------------------------------------------------------------------
+//
+// EnvLoad of an envelope of a million keys, saved in time order (as EnvSave writes them) and
+// in reverse order, in the binary and the text form, beside a plain reader that goes through
+// the same load state and only collects the numbers.
+constexpr int kLoadKeys = 1000000;
+constexpr uint32_t kEnvl = VX_ID('E', 'N', 'V', 'L');
+constexpr VxBlockDesc kEnvlDesc[] = {{kEnvl, "Envelope"}, {0, nullptr}};
+constexpr VxBlockDesc kParts[] = {{VX_ID('K', 'E', 'Y', ' '), "Key"}, {VX_ID('S', 'P', 'A', 'N'), "Span"}, {0, nullptr}};
+
+std::vector<uint8_t> SavedKeys(bool text, bool reverse)
+{
+    VxWriteStrm *w = MemStrmWriteCreate();
+    VxSaveState st;
+    VxIFFWriter *iw = nullptr;
+    if (text) {
+        StrmInitSaveState(&st, w);
+    } else {
+        iw = IFFWCreate(w);
+        IFFWChunkOpen(iw, VX_ID('F', 'O', 'R', 'M'), VX_ID('T', 'E', 'S', 'T'));
+        IFFInitSaveState(&st, iw);
+    }
+    st.beginBlock(&st, &kEnvlDesc[0]);
+    st.writeIndex(&st, 0);
+    const uint32_t tcb = VX_ID('T', 'C', 'B', ' ');
+    for (int j = 0; j < kLoadKeys; ++j) {
+        const int i = reverse ? kLoadKeys - 1 - j : j;
+        const float key[2] = {static_cast<float>(i * kKeySpacing), static_cast<float>(KeyValue(i))};
+        const float tcbParams[3] = {0.25f, 0.0f, -0.5f};
+        st.beginBlock(&st, &kParts[0]);
+        st.writeFloats(&st, key, 2);
+        st.endBlock(&st);
+        st.beginBlock(&st, &kParts[1]);
+        st.writeIDs(&st, &tcb, 1);
+        st.writeFloats(&st, tcbParams, 3);
+        st.endBlock(&st);
+    }
+    st.endBlock(&st);
+    if (iw) {
+        IFFWChunkClose(iw);
+        IFFWDestroy(iw);
+    }
+    const auto *p = static_cast<const uint8_t *>(w->impl);
+    std::vector<uint8_t> bytes(p, p + w->length);
+    StrmWriteDestroy(w);
+    return bytes;
+}
+
+// Opens a load state over `bytes`, runs `read` on it, and reports the CPU time of the read;
+// `done` runs after the clock stops.
+template <typename Read, typename Done>
+void TimeLoad(benchmark::State &state, bool text, bool reverse, Read read, Done done)
+{
+    static std::vector<uint8_t> saved[2][2];
+    std::vector<uint8_t> &bytes = saved[text][reverse];
+    if (bytes.empty())
+        bytes = SavedKeys(text, reverse);
+    for (auto _ : state) {
+        VxReadStrm *stream = MemStrmReadCreate(bytes.data(), static_cast<int32_t>(bytes.size()), 0);
+        VxIFFReader *reader = text ? nullptr : IFFRCreate(stream);
+        VxLoadState st;
+        if (text)
+            StrmInitLoadState(&st, stream);
+        else
+            IFFInitLoadState(&st, reader);
+        const double start = CpuSeconds();
+        read(&st);
+        state.SetIterationTime(CpuSeconds() - start);
+        done();
+        IFFRDestroy(reader);
+        StrmReadDestroy(stream);
+    }
+}
+
+void LoadEnvelope(benchmark::State &state, bool text, bool reverse)
+{
+    VxEnvelope *env = nullptr;
+    TimeLoad(
+        state, text, reverse,
+        [&state, &env](VxLoadState *st) {
+            env = EnvCreate(nullptr, 0, 0, nullptr);
+            if (!EnvLoad(env, st) || EnvGet(env, ENV_ATTR_KEY_COUNT) != kLoadKeys)
+                state.SkipWithError("load failed");
+        },
+        [&env] { EnvDestroy(env); });
+}
+
+void PlainReader(benchmark::State &state, bool text, bool reverse)
+{
+    TimeLoad(state, text, reverse, [](VxLoadState *st) {
+        std::vector<float> numbers;
+        numbers.reserve(5 * static_cast<size_t>(kLoadKeys));
+        uint32_t index = 0, id = 0;
+        st->findBlock(st, kEnvlDesc);
+        st->readIndex(st, &index);
+        while (const uint32_t part = st->findBlock(st, kParts)) {
+            float f[4] = {};
+            const int32_t got = part == kParts[0].id ? st->readFloats(st, f, 2) : (st->readIDs(st, &id, 1), st->readFloats(st, f, 4));
+            numbers.insert(numbers.end(), f, f + std::max(got, 0));
+            st->endBlock(st);
+        }
+        st->endBlock(st);
+        benchmark::DoNotOptimize(numbers.data());
+    }, [] {});
+}
+
 const bool kRegistered = [] {
+    benchmark::RegisterBenchmark("repeat_million_cycles_out:EnvEvaluate", RepeatFar)->UseManualTime();
+    for (bool text : {false, true})
+        for (bool reverse : {false, true}) {
+            const std::string name = std::string("load_1M_keys_") + (reverse ? "reverse_" : "time_order_") + (text ? "text" : "binary");
+            benchmark::RegisterBenchmark((name + ":EnvLoad").c_str(), LoadEnvelope, text, reverse)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+            benchmark::RegisterBenchmark((name + ":plain-reader").c_str(), PlainReader, text, reverse)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+        }
     for (bool playback : {true, false}) {
         const std::string mode = playback ? "playback_" : "random_";
         for (const Shape &shape : kShapes) {
