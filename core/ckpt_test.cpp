@@ -1,10 +1,8 @@
 #include <vxtools3/ckpt.h>
 #include <vxtools3/debug.h>
-#include <vxtools3/memory.h>
 
 #include "core/ckpt_internal.h"
 #include "testkit/capture.h"
-#include "testkit/fault_alloc.h"
 
 #include <gtest/gtest.h>
 
@@ -34,93 +32,67 @@ protected:
     void TearDown() override { EXPECT_EQ(CkptLevel(), -1) << "a test left a block open"; }
 };
 
-// Three nested owners, each arming actions before and after calling the next one in.
-int Inner(int failCode)
+// Owners nested from `depth` to 3: owner d arms action d1, calls the next one in, arms d2; the
+// innermost then raises `innerCode` when it is non-zero, the outermost raises 5 when `failLast`.
+int Owner(int depth, int innerCode, bool failLast)
 {
     CKPT_BEGIN_OR_RETURN(0);
-    CkptArm(Record, 31, 0);
-    CkptArm(Record, 32, 0);
-    if (failCode)
-        CkptRecover(failCode);
-    CkptEnd();
-    return 1;
-}
-
-int Middle(int failCode)
-{
-    CKPT_BEGIN_OR_RETURN(0);
-    CkptArm(Record, 21, 0);
-    Inner(failCode);
-    CkptArm(Record, 22, 0);
-    CkptEnd();
-    return 1;
-}
-
-volatile int g_outerResumed = 0;
-
-int Outer(int innerFailCode, bool failAfterInner)
-{
-    if (CkptBegin()) {
-        g_outerResumed = 1;
-        CkptPropogate();
-        return 0;
-    }
-    CkptArm(Record, 11, 0);
-    Middle(innerFailCode);
-    CkptArm(Record, 12, 0);
-    if (failAfterInner)
+    CkptArm(Record, static_cast<uintptr_t>(10 * depth + 1), 0);
+    if (depth < 3)
+        Owner(depth + 1, innerCode, failLast);
+    CkptArm(Record, static_cast<uintptr_t>(10 * depth + 2), 0);
+    if (depth == 3 && innerCode)
+        CkptRecover(innerCode);
+    if (depth == 1 && failLast)
         CkptRecover(5);
     CkptEnd();
     return 1;
 }
 
-TEST_F(CkptTest, FailureUnwindsThreeBlocksInnermostFirst)
+TEST_F(CkptTest, FailureUnwindsEveryBlockInnermostFirst)
 {
-    g_outerResumed = 0;
-    EXPECT_EQ(Outer(7, false), 0);
+    EXPECT_EQ(Owner(1, 7, false), 0) << "the outermost owner returns failure";
     EXPECT_EQ(g_ran, (std::vector<int>{32, 31, 21, 11}));
     EXPECT_EQ(g_recoveringSeen, (std::vector<int>{1, 1, 1, 1}));
-    EXPECT_EQ(g_outerResumed, 1);
     EXPECT_EQ(CkptRecovering(), 0);
     EXPECT_EQ(CkptLatchCode(), 7) << "the outermost owner sees the raised code";
     EXPECT_EQ(CkptLatchCode(), 0) << "reading the code clears it";
     EXPECT_EQ(vx::ckpt::ArmedIndex(), -1);
-}
-
-TEST_F(CkptTest, ActionsOfEndedBlocksNeverRun)
-{
-    EXPECT_EQ(Outer(0, true), 0);
-    // The inner and middle blocks ended: their actions are gone. The outer block's actions
-    // armed before and after them run newest first.
+    // The inner blocks ended: their actions never run. The outer block's actions armed before
+    // and after them do, newest first.
+    g_ran.clear();
+    EXPECT_EQ(Owner(1, 0, true), 0);
     EXPECT_EQ(g_ran, (std::vector<int>{12, 11}));
     EXPECT_EQ(CkptLatchCode(), 5);
+    g_ran.clear();
+    EXPECT_EQ(Owner(1, 0, false), 1);
+    EXPECT_TRUE(g_ran.empty());
+}
+
+// Sets `*value` to -5 inside a block that has armed its restoration; fails with code 3 when
+// `fail`.
+void AssignInBlock(int *value, bool fail)
+{
+    if (CkptBegin())
+        return;
+    CkptArm(CkptAssignInt, reinterpret_cast<uintptr_t>(value), static_cast<uintptr_t>(*value));
+    CkptAssignInt(reinterpret_cast<uintptr_t>(value), static_cast<uintptr_t>(-5));
+    if (fail)
+        CkptRecover(3);
+    CkptEnd();
 }
 
 TEST_F(CkptTest, AssignIntRestoresOnFailureOnly)
 {
     int value = 1;
-    if (CkptBegin()) {
-        EXPECT_EQ(value, 1);
-    } else {
-        CkptArm(CkptAssignInt, reinterpret_cast<uintptr_t>(&value), static_cast<uintptr_t>(value));
-        CkptAssignInt(reinterpret_cast<uintptr_t>(&value), static_cast<uintptr_t>(-5));
-        EXPECT_EQ(value, -5);
-        CkptRecover(3);
-    }
+    AssignInBlock(&value, true);
     EXPECT_EQ(value, 1);
-
-    if (CkptBegin()) {
-        ADD_FAILURE() << "nothing failed";
-    } else {
-        CkptArm(CkptAssignInt, reinterpret_cast<uintptr_t>(&value), static_cast<uintptr_t>(value));
-        CkptAssignInt(reinterpret_cast<uintptr_t>(&value), 9);
-        CkptEnd();
-    }
-    EXPECT_EQ(value, 9);
-    CkptLatchCode();
+    EXPECT_EQ(CkptLatchCode(), 3);
+    AssignInBlock(&value, false);
+    EXPECT_EQ(value, -5);
 }
 
-TEST_F(CkptTest, WithNoBlockOpen)
+TEST_F(CkptTest, ArmEndAndCodesCount)
 {
     EXPECT_EQ(CkptArm(Record, 1, 0), -1) << "arming outside a block returns the level";
     EXPECT_EQ(vx::ckpt::ArmedIndex(), -1) << "and arms nothing";
@@ -135,21 +107,12 @@ TEST_F(CkptTest, WithNoBlockOpen)
     EXPECT_EQ(code, 42) << "the code is latched even with no block open";
     EXPECT_EQ(CkptSuckCode(nullptr), 0);
     EXPECT_EQ(CkptLatchCode(), 0);
-    EXPECT_TRUE(g_ran.empty());
     vx::ckpt::ResetForTest();
-}
-
-TEST_F(CkptTest, ArmReturnsTheNewIndexAndLevelsCount)
-{
-    EXPECT_EQ(CkptLevel(), -1);
-    jmp_buf *outer = CkptBeginBuf();
-    jmp_buf *inner = CkptBeginBuf();
-    EXPECT_NE(outer, inner);
+    EXPECT_NE(CkptBeginBuf(), CkptBeginBuf());
     EXPECT_EQ(CkptLevel(), 1);
     EXPECT_EQ(CkptArm(Record, 1, 0), 0);
     EXPECT_EQ(CkptArm(Record, 2, 0), 1);
     CkptEnd();
-    EXPECT_EQ(CkptLevel(), 0);
     EXPECT_EQ(CkptArm(Record, 3, 0), 0) << "the inner block's actions were dropped";
     CkptEnd();
     EXPECT_TRUE(g_ran.empty());
@@ -163,6 +126,12 @@ void CollectReport(const char *title, const char *headline, const char *detail)
     g_reports.push_back(std::string(headline) + "|" + detail);
 }
 
+void OpenBlocks(int n)
+{
+    for (int i = 0; i < n; ++i)
+        CkptBeginBuf();
+}
+
 TEST_F(CkptTest, RebalanceReportsAndRepairs)
 {
     vxtest::DebugCapture debug;  // debug mode on
@@ -170,22 +139,26 @@ TEST_F(CkptTest, RebalanceReportsAndRepairs)
     CkptRebalance(CollectReport);  // baseline: level -1, nothing armed
     CkptRebalance(CollectReport);
     EXPECT_TRUE(g_reports.empty()) << "balanced: nothing to report";
-
     CkptEnd();
     CkptEnd();
-    CkptBeginBuf();
-    CkptBeginBuf();
-    CkptBeginBuf();
+    OpenBlocks(3);
     CkptRebalance(CollectReport);
-    EXPECT_EQ(g_reports, (std::vector<std::string>{"Too many CkptEnd calls!|Checkpoint level decreased by 2.\n",
-                                                   "Too many CkptBegin calls!|Checkpoint level increased by 3.\n"}));
+    const std::vector<std::string> expected = {"Too many CkptEnd calls!|Checkpoint level decreased by 2.\n",
+                                               "Too many CkptBegin calls!|Checkpoint level increased by 3.\n"};
+    EXPECT_EQ(g_reports, expected);
     EXPECT_EQ(CkptLevel(), -1);
     EXPECT_EQ(vx::ckpt::ExtraEnds(), 0);
+    DBenable(0);
+    OpenBlocks(1);
+    CkptRebalance(CollectReport);
+    EXPECT_EQ(g_reports, expected) << "without debug mode the repair is silent";
+    EXPECT_EQ(CkptLevel(), -1);
+    DBenable(1);
 
     // A baseline taken inside a block: actions armed at that level are "outside context".
     vx::ckpt::ResetForTest();
     g_reports.clear();
-    CkptBeginBuf();
+    OpenBlocks(1);
     CkptRebalance(CollectReport);
     CkptArm(Record, 1, 0);
     CkptArm(Record, 2, 0);
@@ -197,46 +170,14 @@ TEST_F(CkptTest, RebalanceReportsAndRepairs)
     EXPECT_TRUE(g_ran.empty());
 }
 
-TEST_F(CkptTest, RebalanceRepairsSilentlyWithoutDebugMode)
-{
-    int before = DBenable(0);
-    g_reports.clear();
-    CkptRebalance(CollectReport);
-    CkptBeginBuf();
-    CkptRebalance(CollectReport);
-    EXPECT_TRUE(g_reports.empty());
-    EXPECT_EQ(CkptLevel(), -1);
-    DBenable(before);
-}
-
-TEST_F(CkptTest, AllocationFailureRaisesCodeOneThroughTheBlock)
-{
-    vxtest::FaultAllocator heap;
-    void *volatile kept = nullptr;
-    if (CkptBegin()) {
-        EXPECT_EQ(CkptLatchCode(), 1);
-    } else {
-        kept = StdAlloc(64);
-        CkptArm(StdFreeArm, reinterpret_cast<uintptr_t>(kept), 64);
-        heap.FailAt(1, vxtest::FailMode::Once);
-        StdAlloc(32);
-        ADD_FAILURE() << "StdAlloc returned from a failure inside a block";
-        CkptEnd();
-    }
-    EXPECT_NE(kept, nullptr);
-    EXPECT_EQ(heap.LiveBytes(), 0u) << "the armed release freed the first block";
-    EXPECT_EQ(heap.BadFrees(), 0);
-}
-
 TEST_F(CkptTest, StateBelongsToEachThread)
 {
-    CkptBeginBuf();
+    OpenBlocks(1);
     CkptArm(Record, 1, 0);
-    int workerLevelAtStart = 99;
-    int workerResult = 99;
+    int workerLevelAtStart = 99, workerResult = 99;
     std::thread worker([&] {
         workerLevelAtStart = CkptLevel();
-        workerResult = Inner(4);
+        workerResult = Owner(3, 4, false);
         CkptLatchCode();
     });
     worker.join();
@@ -248,43 +189,25 @@ TEST_F(CkptTest, StateBelongsToEachThread)
     CkptEnd();
 }
 
-class CkptDeathTest : public CkptTest {
-protected:
-    void SetUp() override
-    {
-        CkptTest::SetUp();
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
-    }
-};
-
-void OpenBlocks(int n)
+// Opens `blocks` nested blocks and arms `actions` actions in the innermost.
+void Fill(int blocks, int actions)
 {
-    for (int i = 0; i < n; ++i)
-        CkptBeginBuf();
-}
-
-TEST_F(CkptDeathTest, SixtyOneBlocksNestButNotSixtyTwo)
-{
-    OpenBlocks(vx::ckpt::kMaxBlocks);
-    EXPECT_EQ(CkptLevel(), 60);
-    vx::ckpt::ResetForTest();
-    EXPECT_EXIT(OpenBlocks(vx::ckpt::kMaxBlocks + 1), ::testing::ExitedWithCode(10),
-                "PANIC EXIT -- CKPT: Checkpoint block nesting overflow -- FATAL!\n");
-}
-
-void ArmActions(int n)
-{
-    CkptBeginBuf();
-    for (int i = 0; i < n; ++i)
+    OpenBlocks(blocks);
+    for (int i = 0; i < actions; ++i)
         CkptArm(Record, static_cast<uintptr_t>(i), 0);
 }
 
-TEST_F(CkptDeathTest, OneHundredEightyOneActionsArmButNotMore)
+TEST(CkptDeathTest, SixtyOneBlocksAnd181ActionsFitButNoMore)
 {
-    ArmActions(vx::ckpt::kMaxActions);
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    vx::ckpt::ResetForTest();
+    Fill(vx::ckpt::kMaxBlocks, vx::ckpt::kMaxActions);
+    EXPECT_EQ(CkptLevel(), 60);
     EXPECT_EQ(vx::ckpt::ArmedIndex(), 180);
     vx::ckpt::ResetForTest();
-    EXPECT_EXIT(ArmActions(vx::ckpt::kMaxActions + 1), ::testing::ExitedWithCode(10),
+    EXPECT_EXIT(Fill(vx::ckpt::kMaxBlocks + 1, 0), ::testing::ExitedWithCode(10),
+                "PANIC EXIT -- CKPT: Checkpoint block nesting overflow -- FATAL!\n");
+    EXPECT_EXIT(Fill(1, vx::ckpt::kMaxActions + 1), ::testing::ExitedWithCode(10),
                 "PANIC EXIT -- CKPT: Recovery action overflow -- FATAL!\n");
 }
 
