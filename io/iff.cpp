@@ -359,7 +359,10 @@ VX_API int IFFRChunkClose(VxIFFReader *reader) { return CloseChunk(reader); }
 
 VX_API int32_t IFFRChunkLength(VxIFFReader *reader)
 {
-    return reader->depth >= 0 ? reader->level[reader->depth].remaining : reader->stream->remaining;
+    if (reader->depth >= 0)
+        return reader->level[reader->depth].remaining;
+    // Before the outer chunk: what the stream holds, as much of it as the count can say.
+    return static_cast<int32_t>(std::min<int64_t>(reader->stream->remaining, INT32_MAX));
 }
 
 VX_API int32_t IFFReadBytes(VxIFFReader *r, void *buf, int32_t count)

@@ -87,7 +87,7 @@ int32_t MemReadItems(VxReadStrm *s, void *buf, int32_t n)
     if (n <= 0)
         return 0;
     if (static_cast<int64_t>(n) * Size > s->remaining)
-        n = s->remaining / Size;
+        n = static_cast<int32_t>(s->remaining / Size);
     if (n == 0)
         return 0;
     MemReadImpl *m = MemRead(s);
@@ -101,15 +101,15 @@ int32_t MemReadItems(VxReadStrm *s, void *buf, int32_t n)
     return n;
 }
 
-int32_t MemSkip(VxReadStrm *s, int32_t k)
+int32_t MemSkip(VxReadStrm *s, int64_t k)
 {
     if (s->error)
         return -s->error;
-    k = std::max(k, 0);
+    k = std::max<int64_t>(k, 0);
     MemReadImpl *m = MemRead(s);
     if (static_cast<int64_t>(m->position) + k > m->size)
         return -VX_ERR_IO;
-    m->position += k;
+    m->position += static_cast<int32_t>(k);
     s->remaining -= k;
     return 0;
 }
@@ -142,12 +142,19 @@ struct FileReadStrm {
 
 inline FileReadImpl *FileRead(VxReadStrm *s) { return static_cast<FileReadImpl *>(s->impl); }
 
-// Reports `bytes` consumed to the monitor; returns 0 or the abort code.
-inline int32_t StepMonitor(VxReadStrm *s, int32_t bytes)
+// Reports `bytes` consumed to the monitor, in steps that fit its 32-bit count; returns 0 or
+// the abort code.
+inline int32_t StepMonitor(VxReadStrm *s, int64_t bytes)
 {
     const VxStrmMonitor *mon = FileRead(s)->monitor;
-    if (mon && mon->step && mon->step(mon->context, bytes))
-        return Fail(&s->error, VX_ERR_ABORT);
+    if (!mon || !mon->step)
+        return 0;
+    do {
+        const auto step = static_cast<int32_t>(std::min<int64_t>(bytes, INT32_MAX));
+        if (mon->step(mon->context, step))
+            return Fail(&s->error, VX_ERR_ABORT);
+        bytes -= step;
+    } while (bytes > 0);
     return 0;
 }
 
@@ -187,7 +194,7 @@ int32_t FileReadItems(VxReadStrm *s, void *buf, int32_t n)
     if (n <= 0)
         return 0;
     if (static_cast<int64_t>(n) * Size > s->remaining)
-        n = s->remaining / Size;
+        n = static_cast<int32_t>(s->remaining / Size);
     if (n == 0)
         return 0;
     int32_t bytes = n * Size;
@@ -210,20 +217,20 @@ int32_t FileReadItems(VxReadStrm *s, void *buf, int32_t n)
     return n;
 }
 
-int32_t FileSkip(VxReadStrm *s, int32_t k)
+int32_t FileSkip(VxReadStrm *s, int64_t k)
 {
     if (s->error)
         return -s->error;
-    k = std::max(k, 0);
+    k = std::max<int64_t>(k, 0);
     if (k > s->remaining)
         return -Fail(&s->error, VX_ERR_IO);
     FileReadImpl *f = FileRead(s);
-    int32_t buffered = f->fill - f->pos;
+    const int32_t buffered = f->fill - f->pos;
     if (k <= buffered) {
-        f->pos += k;
+        f->pos += static_cast<int32_t>(k);
     } else {
         f->pos = f->fill = 0;
-        if (fseeko(f->file, k - buffered, SEEK_CUR) != 0)
+        if (fseeko(f->file, static_cast<off_t>(k - buffered), SEEK_CUR) != 0)
             return -Fail(&s->error, VX_ERR_IO);
     }
     s->remaining -= k;
@@ -494,7 +501,7 @@ void InstallMemWriteOps(VxWriteStrm *s)
     s->seek = MemSeek;
 }
 
-// Size of an open regular file, or -1 when it is not one or does not fit a stream.
+// Size of an open regular file, or -1 when it is not one.
 int64_t RegularFileSize(FILE *file)
 {
     struct stat st;
@@ -503,7 +510,7 @@ int64_t RegularFileSize(FILE *file)
     if (fseeko(file, 0, SEEK_END) != 0)
         return -1;
     off_t size = ftello(file);
-    if (fseeko(file, 0, SEEK_SET) != 0 || size < 0 || size > INT32_MAX)
+    if (fseeko(file, 0, SEEK_SET) != 0 || size < 0)
         return -1;
     return size;
 }
@@ -549,10 +556,10 @@ VX_API VxReadStrm *FileStrmReadOpen(const char *path, const VxStrmMonitor *monit
     r->impl.file = file;
     r->impl.monitor = monitor;
     r->strm.impl = &r->impl;
-    r->strm.remaining = static_cast<int32_t>(size);
+    r->strm.remaining = size;
     InstallFileReadOps(&r->strm);
-    if (monitor && monitor->start)
-        monitor->start(monitor->context, static_cast<int32_t>(size));
+    if (monitor && monitor->start)  // its count is 32-bit: larger files report the largest it holds
+        monitor->start(monitor->context, static_cast<int32_t>(std::min<int64_t>(size, INT32_MAX)));
     return &r->strm;
 }
 

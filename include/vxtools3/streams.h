@@ -19,7 +19,10 @@
  * read stream never fails: its reads stop at the end of the data and a skip past the end
  * returns -2 without setting `error`.
  *
- * Sizes and offsets are 32-bit: a stream holds at most 2147483647 bytes. */
+ * A read stream counts what is left in 64 bits (`remaining`), so file read streams open files
+ * of any size and skip past data of any length; a single read still moves at most
+ * 2147483647 bytes, and a memory read stream holds at most that many. Write streams count
+ * 32-bit offsets: they hold at most 2147483647 bytes. */
 #ifndef VXTOOLS3_STREAMS_H
 #define VXTOOLS3_STREAMS_H
 
@@ -40,7 +43,7 @@ typedef struct VxWriteStrm VxWriteStrm;
 
 struct VxReadStrm {
     void *impl;        /* the implementation's own record */
-    int32_t remaining; /* bytes still available */
+    int64_t remaining; /* bytes still available */
     int32_t error;     /* sticky error code, 0 while healthy */
     void (*destroy)(VxReadStrm *strm);
     int32_t (*readBytes)(VxReadStrm *strm, void *buf, int32_t n);
@@ -48,7 +51,7 @@ struct VxReadStrm {
     int32_t (*readShortsRaw)(VxReadStrm *strm, void *buf, int32_t n);
     int32_t (*readLongs)(VxReadStrm *strm, void *buf, int32_t n); /* 32-bit, swapped */
     int32_t (*readLongsRaw)(VxReadStrm *strm, void *buf, int32_t n);
-    int32_t (*skip)(VxReadStrm *strm, int32_t nBytes);
+    int32_t (*skip)(VxReadStrm *strm, int64_t nBytes);
     int32_t (*peekByte)(VxReadStrm *strm, uint8_t *byteOut);
 };
 
@@ -70,7 +73,8 @@ struct VxWriteStrm {
 };
 
 /* Progress monitor of a file read stream, owned by the caller. `step` returns non-zero to
- * abort the reading. */
+ * abort the reading. Its counts are 32-bit: a file of 2 GiB or more starts it with
+ * 2147483647, and a skip longer than that is stepped in several pieces. */
 typedef struct VxStrmMonitor {
     void *context;
     void (*start)(void *context, int32_t totalBytes);
@@ -80,8 +84,7 @@ typedef struct VxStrmMonitor {
 
 /* Opens `path` for binary reading; `monitor` (may be NULL) is started with the file size and
  * stepped with every read and skip. Returns NULL when the file cannot be opened, is not a
- * regular file, is larger than 2147483647 bytes, or memory runs out (raised through an open
- * checkpoint block). */
+ * regular file, or memory runs out (raised through an open checkpoint block). */
 VX_API VxReadStrm *FileStrmReadOpen(const char *path, const VxStrmMonitor *monitor);
 /* Creates or truncates `path` for binary writing; NULL when it cannot be created or memory
  * runs out. The stream buffers for itself: call StrmWriteDestroy to flush and close. */
