@@ -25,13 +25,11 @@ int CompareRecords(void *a, void *b)
 }
 
 int g_comparisons = 0;
-int CountingCompare(void *a, void *b)
-{
-    ++g_comparisons;
-    return CompareRecords(a, b);
-}
+int CountingCompare(void *a, void *b) { return ++g_comparisons, CompareRecords(a, b); }
 
 std::vector<void *> Items(const VxOrd &ord) { return std::vector<void *>(ord.items, ord.items + ord.count); }
+
+void *Word(int i) { return reinterpret_cast<void *>(static_cast<uintptr_t>(i)); }
 
 TEST(OrdArray, GrowthFollowsHalfCapacityClampedTo16And512)
 {
@@ -40,50 +38,35 @@ TEST(OrdArray, GrowthFollowsHalfCapacityClampedTo16And512)
     OrdInit(&ord);
     std::vector<int32_t> capacities;
     for (int i = 0; i < 3000; ++i) {
-        ASSERT_EQ(OrdAppend(&ord, reinterpret_cast<void *>(static_cast<uintptr_t>(i + 1))), i);
+        ASSERT_EQ(OrdAppend(&ord, Word(i + 1)), i) << "the index of the appended item";
         if (capacities.empty() || capacities.back() != ord.capacity)
             capacities.push_back(ord.capacity);
-        ASSERT_EQ(OrdValidate(&ord, nullptr), 1);
     }
     EXPECT_EQ(std::vector<int32_t>(capacities.begin(), capacities.begin() + 8),
               (std::vector<int32_t>{16, 32, 48, 72, 108, 162, 243, 364}));
-    for (size_t i = 1; i < capacities.size(); ++i) {
-        const int32_t step = capacities[i] - capacities[i - 1];
-        EXPECT_EQ(step, std::clamp(capacities[i - 1] / 2, 16, 512));
-    }
+    for (size_t i = 1; i < capacities.size(); ++i)
+        EXPECT_EQ(capacities[i] - capacities[i - 1], std::clamp(capacities[i - 1] / 2, 16, 512));
     for (int i = 0; i < ord.count; ++i)
-        ASSERT_EQ(ord.items[i], reinterpret_cast<void *>(static_cast<uintptr_t>(i + 1))) << "kept across growth";
+        ASSERT_EQ(ord.items[i], Word(i + 1)) << "kept across growth";
     EXPECT_EQ(heap.LiveBytes(), ord.capacity * sizeof(void *));
     OrdFree(&ord);
-    EXPECT_EQ(ord.items, nullptr);
-    EXPECT_EQ(ord.capacity, 0);
+    EXPECT_TRUE(ord.items == nullptr && ord.count == 0 && ord.capacity == 0);
     EXPECT_EQ(heap.LiveBytes(), 0u);
     EXPECT_EQ(heap.BadFrees(), 0) << "OrdFree states the block's size";
 }
 
-TEST(OrdArray, InsertPlacesEqualItemsAfterExistingOnes)
-{
-    Record r[5] = {{1, 0}, {2, 1}, {2, 2}, {3, 3}, {2, 4}};
-    VxOrd ord;
-    OrdInit(&ord);
-    for (int i = 0; i < 4; ++i)
-        OrdAppend(&ord, &r[i]);
-    EXPECT_EQ(OrdInsert(&ord, &r[4], CompareRecords), 3);
-    EXPECT_EQ(Items(ord), (std::vector<void *>{&r[0], &r[1], &r[2], &r[4], &r[3]}));
-    OrdFree(&ord);
-}
-
-TEST(OrdArray, LookupAndRemoveEdgeCases)
+TEST(OrdArray, LookupRemoveAndValidateEdgeCases)
 {
     Record r[3] = {{7, 0}, {3, 1}, {5, 2}};
     VxOrd ord;
     OrdInit(&ord);
-    g_comparisons = 0;
     EXPECT_EQ(OrdLookup(&ord, &r[0], CountingCompare), -1);
     EXPECT_EQ(g_comparisons, 0) << "an empty array is not compared";
     for (Record &rec : r)
         OrdAppend(&ord, &rec);  // unsorted
     EXPECT_EQ(OrdLookup(&ord, &r[2], nullptr), 2) << "identity search ignores order";
+    EXPECT_EQ(OrdValidate(&ord, nullptr), 1);
+    EXPECT_EQ(OrdValidate(&ord, CompareRecords), 0) << "out of order";
     Record stranger{5, 9};
     EXPECT_EQ(OrdLookup(&ord, &stranger, nullptr), -1) << "identity, not equality";
     EXPECT_EQ(OrdRemove(&ord, &stranger, 0), nullptr);
@@ -92,11 +75,16 @@ TEST(OrdArray, LookupAndRemoveEdgeCases)
     EXPECT_EQ(Items(ord), (std::vector<void *>{&r[0], &r[2]}));
     EXPECT_EQ(OrdRemove(&ord, nullptr, 0), nullptr);
     EXPECT_EQ(Items(ord), (std::vector<void *>{&r[2]}));
+    ord.count = ord.capacity + 1;
+    EXPECT_EQ(OrdValidate(&ord, nullptr), 0) << "count beyond capacity";
+    ord.count = 1;
     OrdFree(&ord);
+    VxOrd noBlock{nullptr, 0, 4};
+    EXPECT_EQ(OrdValidate(&noBlock, nullptr), 0);
 }
 
 // Random inserts, removals and lookups against a sorted std::vector model; stable insertion
-// makes the two sequences identical item for item.
+// (behind equal items) makes the two sequences identical item for item.
 TEST(OrdArray, RandomOperationsMatchVectorModel)
 {
     vxtest::FaultAllocator heap;
@@ -112,8 +100,7 @@ TEST(OrdArray, RandomOperationsMatchVectorModel)
             Record *rec = &records[static_cast<size_t>(step) % records.size()];
             if (std::find(model.begin(), model.end(), rec) != model.end())
                 continue;
-            rec->key = static_cast<int>(rng() % 200);
-            rec->serial = step;
+            *rec = {static_cast<int>(rng() % 200), step};
             const int index = OrdInsert(&ord, rec, CompareRecords);
             auto pos = std::upper_bound(model.begin(), model.end(), rec, less);
             ASSERT_EQ(index, pos - model.begin());
@@ -130,11 +117,8 @@ TEST(OrdArray, RandomOperationsMatchVectorModel)
         } else {
             Record key{static_cast<int>(rng() % 210), -1};
             const int found = OrdLookup(&ord, &key, CompareRecords);
-            const bool present = std::binary_search(model.begin(), model.end(), &key, less);
-            ASSERT_EQ(found >= 0, present);
-            if (found >= 0) {
-                ASSERT_EQ(static_cast<Record *>(ord.items[found])->key, key.key);
-            }
+            ASSERT_EQ(found >= 0, std::binary_search(model.begin(), model.end(), &key, less));
+            ASSERT_TRUE(found < 0 || static_cast<Record *>(ord.items[found])->key == key.key);
         }
         ASSERT_EQ(OrdValidate(&ord, CompareRecords), 1) << "step " << step;
         ASSERT_EQ(Items(ord), model) << "step " << step;
@@ -144,53 +128,27 @@ TEST(OrdArray, RandomOperationsMatchVectorModel)
     EXPECT_EQ(heap.BadFrees(), 0);
 }
 
-TEST(OrdArray, ValidateRejectsBrokenShapesAndOrder)
+// Appending to and inserting into a full array of 16 items, which must grow.
+TEST(OrdArray, OutOfMemorySweepOnAppendAndInsert)
 {
-    Record r[2] = {{2, 0}, {1, 1}};
-    void *items[2] = {&r[0], &r[1]};
-    VxOrd ord{items, 2, 2};
-    EXPECT_EQ(OrdValidate(&ord, nullptr), 1);
-    EXPECT_EQ(OrdValidate(&ord, CompareRecords), 0) << "out of order";
-    ord.count = 3;
-    EXPECT_EQ(OrdValidate(&ord, nullptr), 0) << "count beyond capacity";
-    VxOrd noBlock{nullptr, 0, 4};
-    EXPECT_EQ(OrdValidate(&noBlock, nullptr), 0);
-}
-
-// A full array of 16 items, so that the next append or insert must grow it.
-struct FullArray {
     VxOrd ord{};
     Record records[17];
     std::vector<void *> before;
-
-    void Fill()
-    {
-        OrdInit(&ord);
-        for (int i = 0; i < 16; ++i) {
-            records[i] = {i * 2, i};
-            OrdAppend(&ord, &records[i]);
-        }
-        records[16] = {7, 16};
-        before = Items(ord);
+    for (const bool insert : {false, true}) {
+        vxtest::OomSweepAll({[&] {
+                                 OrdInit(&ord);
+                                 for (int i = 0; i < 16; ++i)
+                                     OrdAppend(&ord, &(records[i] = {i * 2, i}));
+                                 records[16] = {7, 16};
+                                 before = Items(ord);
+                             },
+                             [&] {
+                                 return insert ? OrdInsert(&ord, &records[16], CompareRecords) == 4
+                                               : OrdAppend(&ord, &records[16]) == 16;
+                             },
+                             [&] { EXPECT_TRUE(ord.capacity == 16 && Items(ord) == before); },
+                             [&] { OrdFree(&ord); }});
     }
-    void ExpectUnchanged()
-    {
-        EXPECT_EQ(ord.capacity, 16);
-        EXPECT_EQ(Items(ord), before);
-    }
-};
-
-TEST(OrdArray, OutOfMemorySweepOnAppendAndInsert)
-{
-    FullArray a;
-    vxtest::OomSweepAll({[&] { a.Fill(); },
-                         [&] { return OrdAppend(&a.ord, &a.records[16]) == 16; },
-                         [&] { a.ExpectUnchanged(); },
-                         [&] { OrdFree(&a.ord); }});
-    vxtest::OomSweepAll({[&] { a.Fill(); },
-                         [&] { return OrdInsert(&a.ord, &a.records[16], CompareRecords) == 4; },
-                         [&] { a.ExpectUnchanged(); },
-                         [&] { OrdFree(&a.ord); }});
 }
 
 }  // namespace
