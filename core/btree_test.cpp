@@ -2,6 +2,7 @@
 
 #include "core/containers_internal.h"
 #include "testkit/capture.h"
+#include "testkit/tree_words.h"
 
 #include <gtest/gtest.h>
 
@@ -24,24 +25,36 @@ uintptr_t WordAt(const void *stored)
 // Generic word keys through a callback of the caller's own, as any user's tree would be.
 int CompareWord(uintptr_t key, const void *stored) { return (key > WordAt(stored)) - (key < WordAt(stored)); }
 
-// "(keys children...)", e.g. "(3 (1 2) (4 5))".
-std::string Shape(const BTNode *node)
+// Keys are a word followed by tag bytes (keySize - 8 of them) that follow from the word, so
+// that keys of any size show whether all their bytes moved together.
+unsigned char Tag(uintptr_t word, int32_t i) { return static_cast<unsigned char>(word * 7 + static_cast<uintptr_t>(i)); }
+
+// "(keys children...)", e.g. "(3 (1 2) (4 5))"; a key whose tag bytes were lost reads "?".
+std::string Shape(const BTree *tree, const BTNode *node)
 {
     std::string text = "(";
-    for (int32_t i = 0; i < node->count; ++i)
-        text += (i ? " " : "") + std::to_string(WordAt(node->keys + i * sizeof(uintptr_t)));
+    for (int32_t i = 0; i < node->count; ++i) {
+        const unsigned char *key = node->keys + i * tree->keySize;
+        text += (i ? " " : "") + std::to_string(WordAt(key));
+        for (int32_t t = sizeof(uintptr_t); t < tree->keySize; ++t)
+            text += key[t] == Tag(WordAt(key), t) ? "" : "?";
+    }
     for (int32_t i = 0; node->children[0] && i <= node->count; ++i)
-        text += " " + Shape(node->children[i]);
+        text += " " + Shape(tree, node->children[i]);
     return text + ")";
 }
 
-std::string Shape(const BTree *tree) { return BTRoot(tree) ? Shape(BTRoot(tree)) : "()"; }
+std::string Shape(const BTree *tree) { return BTRoot(tree) ? Shape(tree, BTRoot(tree)) : "()"; }
 
 void Add(BTree *tree, uintptr_t key)
 {
+    std::vector<unsigned char> bytes(static_cast<size_t>(tree->keySize));
+    std::memcpy(bytes.data(), &key, sizeof key);
+    for (int32_t t = sizeof(uintptr_t); t < tree->keySize; ++t)
+        bytes[static_cast<size_t>(t)] = Tag(key, t);
     BTPos pos;
     ASSERT_EQ(BTSearch(tree, key, &pos), nullptr);
-    ASSERT_EQ(BTInsert(tree, &key, &pos), 1);
+    ASSERT_EQ(BTInsert(tree, bytes.data(), &pos), 1);
 }
 
 void Delete(BTree *tree, uintptr_t key)
@@ -51,19 +64,13 @@ void Delete(BTree *tree, uintptr_t key)
     BTDelete(tree, &pos);
 }
 
-// The first word of every key, in the order of BTFirst and BTNext.
-std::vector<uintptr_t> Walk(const BTree *tree)
-{
-    std::vector<uintptr_t> keys;
-    BTPos pos;
-    for (void *k = BTFirst(tree, &pos); k; k = BTNext(tree, &pos))
-        keys.push_back(WordAt(k));
-    return keys;
-}
+// The hand-traced shape tests run on keys of one word and on keys of 12 bytes, which only the
+// tree's own callback orders and whose bytes are copied whatever their alignment.
+class BTreeShapes : public ::testing::TestWithParam<int32_t> {};
 
-TEST(BTree, ShapesOfSmallTreesOfOrderTwo)
+TEST_P(BTreeShapes, SmallTreesOfOrderTwo)
 {
-    BTree *tree = BTCreate(2, sizeof(uintptr_t), CompareWord);
+    BTree *tree = BTCreate(2, GetParam(), CompareWord);
     BTPos pos{reinterpret_cast<BTNode *>(1), 9};
     EXPECT_EQ(BTSearch(tree, 5, &pos), nullptr);
     EXPECT_TRUE(pos.node == nullptr && pos.index == 0) << "an empty tree's insertion point";
@@ -94,14 +101,14 @@ TEST(BTree, ShapesOfSmallTreesOfOrderTwo)
     EXPECT_EQ(Shape(tree), "(5 6 7 9)");
     for (uintptr_t k : {5, 6, 7, 9})
         Delete(tree, k);
-    EXPECT_EQ(BTValidate(tree, nullptr), 0) << "every node went back to the zone";
+    EXPECT_EQ(BTValidate(tree, WordAt), 0) << "every node went back to the zone";
     Add(tree, 42);
     EXPECT_EQ(Shape(tree), "(42)") << "an emptied tree takes new keys";
     BTDestroy(tree);
 }
 
 // Inner nodes even out with a sibling too, children crossing with their keys; traced by hand.
-TEST(BTree, InnerNodesRedistributeInBothDirections)
+TEST_P(BTreeShapes, InnerNodesRedistributeInBothDirections)
 {
     struct Case {
         std::vector<uintptr_t> deletes;
@@ -111,7 +118,7 @@ TEST(BTree, InnerNodesRedistributeInBothDirections)
                                "(10 (8 (6 7) (9)) (12 (11) (13 14)))"},  // takes 8 and (9) from the right
                           Case{{1, 2, 14, 13, 9, 10}, "(8 (4 6 (3) (5) (7)) (11 (10) (12)))",
                                "(6 (4 (3) (5)) (8 (7) (11 12)))"}}) {  // takes 8 and (7) from the left
-        BTree *tree = BTCreate(1, sizeof(uintptr_t), CompareWord);
+        BTree *tree = BTCreate(1, GetParam(), CompareWord);
         for (uintptr_t k = 1; k <= 14; ++k)
             Add(tree, k);
         ASSERT_EQ(Shape(tree), "(4 8 (2 (1) (3)) (6 (5) (7)) (10 12 (9) (11) (13 14)))");
@@ -125,44 +132,7 @@ TEST(BTree, InnerNodesRedistributeInBothDirections)
     }
 }
 
-// Keys of 12 bytes (a word split in two halves and a 4-byte tag) ordered by the word: only the
-// bytes are copied, whatever their alignment.
-struct Tagged {
-    uint32_t high, low, tag;
-};
-
-uintptr_t TaggedWord(const void *stored)
-{
-    Tagged t;
-    std::memcpy(&t, stored, sizeof t);
-    return (uintptr_t{t.high} << 32) | t.low;
-}
-
-int CompareTagged(uintptr_t key, const void *stored) { return (key > TaggedWord(stored)) - (key < TaggedWord(stored)); }
-
-TEST(BTree, KeysOfAnySizeAreStoredByValue)
-{
-    BTree *tree = BTCreate(2, sizeof(Tagged), CompareTagged);
-    std::mt19937_64 rng(3);
-    std::map<uintptr_t, uint32_t> model;
-    for (uint32_t i = 0; i < 500; ++i) {
-        const uintptr_t word = rng() % 1000 + (uintptr_t{1} << 40);
-        BTPos pos;
-        const Tagged t{static_cast<uint32_t>(word >> 32), static_cast<uint32_t>(word), i};
-        if (!BTSearch(tree, word, &pos) && BTInsert(tree, &t, &pos) == 1)
-            model[word] = i;
-    }
-    ASSERT_EQ(BTValidate(tree, TaggedWord), static_cast<int32_t>(model.size()));
-    std::map<uintptr_t, uint32_t> stored;
-    BTPos pos;
-    for (void *k = BTFirst(tree, &pos); k; k = BTNext(tree, &pos)) {
-        Tagged t;
-        std::memcpy(&t, k, sizeof t);
-        stored[TaggedWord(k)] = t.tag;
-    }
-    EXPECT_EQ(stored, model);
-    BTDestroy(tree);
-}
+INSTANTIATE_TEST_SUITE_P(KeySizes, BTreeShapes, ::testing::Values(8, 12));
 
 TEST(BTree, CreateRefusesBadArgumentsAndValidateFindsBrokenTrees)
 {
@@ -177,10 +147,10 @@ TEST(BTree, CreateRefusesBadArgumentsAndValidateFindsBrokenTrees)
         Add(tree, k);
     vxtest::DebugCapture capture;
     BTNode *leaf = tree->root->children[0];
-    std::swap(leaf->keys[0], leaf->keys[sizeof(uintptr_t)]);
+    std::swap(leaf->keys[0], leaf->keys[8]);
     EXPECT_EQ(BTValidate(tree, nullptr), -1);
     EXPECT_NE(capture.Text().find("keys out of order"), std::string::npos) << capture.Text();
-    std::swap(leaf->keys[0], leaf->keys[sizeof(uintptr_t)]);
+    std::swap(leaf->keys[0], leaf->keys[8]);
     leaf->parent = nullptr;
     EXPECT_EQ(BTValidate(tree, nullptr), -1);
     leaf->parent = tree->root;
@@ -226,14 +196,12 @@ TEST_P(BTreeModel, TablesAndMapsFollowTheStandardContainers)
         ASSERT_EQ(BTValidate(tab, nullptr), static_cast<int32_t>(set.size())) << "step " << step;
         ASSERT_EQ(BTValidate(map, nullptr), static_cast<int32_t>(model.size())) << "step " << step;
         if (step % 50 == 0) {
-            ASSERT_EQ(Walk(tab), std::vector<uintptr_t>(set.begin(), set.end()));
+            ASSERT_EQ(vxtest::TreeWords(tab, 1), std::vector<uintptr_t>(set.begin(), set.end()));
             ASSERT_EQ(BTCount(tab), static_cast<int32_t>(set.size()));
-            BTPos pos;
-            auto it = model.begin();
-            for (void *k = BTFirst(map, &pos); k; k = BTNext(map, &pos), ++it)
-                ASSERT_TRUE(it != model.end() && WordAt(k) == it->first &&
-                            WordAt(static_cast<uintptr_t *>(k) + 1) == it->second);
-            ASSERT_EQ(it, model.end());
+            std::vector<uintptr_t> pairs;
+            for (const auto &[k, v] : model)
+                pairs.insert(pairs.end(), {k, v});
+            ASSERT_EQ(vxtest::TreeWords(map, 2), pairs);
         }
     }
     for (uintptr_t v : std::vector<uintptr_t>(set.begin(), set.end())) {

@@ -3,25 +3,13 @@
 
 #include "testkit/oom_cases.h"
 #include "testkit/oom_sweep.h"
+#include "testkit/tree_words.h"
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <vector>
 
 namespace {
-
-// Every word of every stored key in walking order: `perKey` words a key.
-std::vector<uintptr_t> Words(const BTree *tree, size_t perKey)
-{
-    std::vector<uintptr_t> words;
-    BTPos pos;
-    for (void *k = BTFirst(tree, &pos); k; k = BTNext(tree, &pos)) {
-        words.resize(words.size() + perKey);
-        std::memcpy(words.data() + words.size() - perKey, k, perKey * sizeof(uintptr_t));
-    }
-    return words;
-}
 
 // LTab and LMap are followed step by step beside std::set and std::map in btree_test.cpp.
 TEST(KTable, FindsEntriesByKey)
@@ -95,7 +83,7 @@ TEST(LookupOom, CreateAndAdd)
                         tree = door.create();
                         for (int i = 1; i <= held; ++i)
                             door.add(tree, static_cast<uintptr_t>(i * 2));
-                        before = Words(tree, door.wordsPerKey);
+                        before = vxtest::TreeWords(tree, door.wordsPerKey);
                         result = 0;
                     },
                     [&] {
@@ -105,7 +93,7 @@ TEST(LookupOom, CreateAndAdd)
                     [&] {
                         EXPECT_EQ(result, inBlock ? 0 : -1) << "-1 tells running out of memory from a present key";
                         EXPECT_EQ(BTValidate(tree, nullptr), held);
-                        EXPECT_EQ(Words(tree, door.wordsPerKey), before);
+                        EXPECT_EQ(vxtest::TreeWords(tree, door.wordsPerKey), before);
                     },
                     [&] { BTDestroy(tree); },
                 };
