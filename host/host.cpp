@@ -174,18 +174,18 @@ const char *DatabaseName() { return ConfigGenerateName(g_host.databaseDir, "vxex
 
 int WriteDatabase()
 {
-    if (g_host.catalogueMode)
+    if (g_host.database == DatabaseState::Catalogue)
         return 0;
     const char *name = DatabaseName();
     if (!name || !WriteDatabaseFile(name))
         return 0;
-    g_host.databaseWritten = true;
+    g_host.database = DatabaseState::Saved;
     return 1;
 }
 
 void OnApplicationEvent(uintptr_t, uintptr_t, int32_t event, uintptr_t)
 {
-    if (event == kEventSave && !g_host.databaseWritten)
+    if (event == kEventSave && g_host.database == DatabaseState::Changed)
         WriteDatabase();
 }
 
@@ -258,21 +258,20 @@ void ResetState()
     g_host.flushThreshold = -1;
 }
 
-// Frees everything a started host holds except the database directory.
+// Frees everything a started host holds except the database directory. Runs when startup
+// fails (before the application events are attached) and at the final teardown (after the
+// last shutdown detached them).
 void ReleaseAll()
 {
-    if (g_host.eventsAttached)
-        GlobalPortDetach(kEventsPort, HostIdentity());
-    g_host.eventsAttached = false;
     PortDestroy(g_host.port);
     g_host.port = nullptr;
     FreeAllModules();
     FreeAllClasses();
     StringFree(g_host.hostDir);
     g_host.hostDir = nullptr;
+    g_host.phase = HostPhase::Stopped;
     g_host.nesting = 0;
     g_host.totalLocks = 0;
-    g_host.deferred = false;
     g_host.readingDatabase = false;
     g_host.scanning = nullptr;
 }
@@ -294,19 +293,23 @@ bool DeclareBuiltIns()
     return registered;
 }
 
-void AttachApplicationEvents()
+// Enters Running; outside catalogue mode the host now listens for the application's save event.
+void EnterRunning()
 {
-    GlobalPortAttach(kEventsPort, HostIdentity(), 0, OnApplicationEvent);
-    g_host.eventsAttached = true;
+    g_host.phase = HostPhase::Running;
+    if (g_host.database != DatabaseState::Catalogue)
+        GlobalPortAttach(kEventsPort, HostIdentity(), 0, OnApplicationEvent);
 }
 
+// Runs with the host stopped (registrations are refused); waits as Deferred while servers
+// are locked.
 void FinalTeardown()
 {
-    g_host.deferred = false;
+    g_host.phase = HostPhase::Stopped;
     HostFlush();
     if (g_host.totalLocks) {
         DBprintf("HOST shutdown deferred! %d servers still locked.\n", g_host.totalLocks);
-        g_host.deferred = true;
+        g_host.phase = HostPhase::Deferred;
         return;
     }
     HostNote note{HOST_NOTE_TEARDOWN, nullptr};
@@ -325,8 +328,7 @@ int DeclareClasses(const HostClassDecl *table)
     return 1;
 }
 
-bool Running() { return g_host.nesting > 0 || g_host.deferred; }
-
+bool Running() { return g_host.phase != HostPhase::Stopped; }
 
 HostServer *ServerAt(const char *className, int32_t index)
 {
@@ -382,9 +384,9 @@ bool DatabaseModifiable()
 {
     if (g_host.readingDatabase)
         return true;
-    if (g_host.catalogueMode)
+    if (g_host.database == DatabaseState::Catalogue)
         return false;
-    g_host.databaseWritten = false;
+    g_host.database = DatabaseState::Changed;
     return true;
 }
 
@@ -559,33 +561,33 @@ VX_API int HostStartup(void)
         ++g_host.nesting;
         return 1;
     }
-    if (g_host.deferred) {  // a deferred teardown is called off: the host lives on
-        g_host.deferred = false;
+    if (g_host.phase == HostPhase::Deferred) {  // the waiting teardown is called off
         g_host.nesting = 1;
-        if (!g_host.catalogueMode && !g_host.eventsAttached)
-            AttachApplicationEvents();
+        EnterRunning();
         return 1;
     }
     CKPT_BEGIN_OR_RETURN(0);
     ResetState();
     CkptArm(StartupFailedArm, 0, 0);
-    g_host.nesting = 1;  // registrations below need a running host
+    g_host.phase = HostPhase::Starting;
+    g_host.nesting = 1;
     const uintptr_t productInfo = reinterpret_cast<uintptr_t>(GlobalListLookup("Product Info"));
-    g_host.catalogueMode = (productInfo & 0xF) == 3 || (productInfo & 0xF) == 4;
+    const bool catalogueMode = (productInfo & 0xF) == 3 || (productInfo & 0xF) == 4;
+    g_host.database = catalogueMode ? DatabaseState::Catalogue : DatabaseState::Changed;
     g_host.hostDir = StringCopy(FileSystemPath(SYSTEM_PATH_HOST));
     g_acquiringPort = true;
     g_host.port = GlobalPortAcquire(kPortName, 0, HostIdentity(), OnPortAttach);
     g_acquiringPort = false;
     if (!DeclareBuiltIns())
         CkptRecover(HOST_STARTUP_FAILED);
-    if (g_host.catalogueMode) {
+    if (catalogueMode) {
         RegisterCatalogue();
     } else {
         if (const char *name = DatabaseName())
             ReadDatabaseFile(name);
-        g_host.databaseWritten = true;
-        AttachApplicationEvents();
+        g_host.database = DatabaseState::Saved;  // nothing to write before a change
     }
+    EnterRunning();
     CkptEnd();
     return 1;
 }
@@ -594,11 +596,12 @@ VX_API void HostShutdown(void)
 {
     if (g_host.nesting <= 0 || --g_host.nesting > 0)
         return;
-    if (!g_host.catalogueMode) {
-        if (g_host.eventsAttached)
+    const bool eventsAttached = g_host.phase == HostPhase::Running;
+    g_host.phase = HostPhase::Stopped;
+    if (g_host.database != DatabaseState::Catalogue) {
+        if (eventsAttached)
             GlobalPortDetach(kEventsPort, HostIdentity());
-        g_host.eventsAttached = false;
-        if (!g_host.databaseWritten)
+        if (g_host.database == DatabaseState::Changed)
             WriteDatabase();
     }
     FinalTeardown();
@@ -833,7 +836,7 @@ VX_API int HostUnlockServer(const char *className, const char *name)
     HostServer *server = FindServer(className, name);
     if (!server || !UnlockServer(server))
         return 0;
-    if (g_host.deferred)
+    if (g_host.phase == HostPhase::Deferred)
         FinalTeardown();
     return 1;
 }

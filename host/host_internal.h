@@ -63,12 +63,39 @@ struct HostModule {
 struct Txn {
     HostClass *newClasses;
     HostModule *newModules;
-    HostServer *touched;  // newest first
-    HostServer *touchedTail;
+    HostServer *touched;      // in the order first staged, linked through txnNext
+    HostServer *touchedTail;  // where the next one is appended
+};
+
+// Where the host is in its life. `nesting` counts the HostStartup calls not yet matched by a
+// HostShutdown; it is non-zero exactly while Starting or Running.
+enum class HostPhase : uint8_t {
+    Stopped,   // nothing held (also while the last shutdown tears down)
+    Starting,  // inside the first HostStartup: registrations work, no application events yet
+    Running,   // started; attached to "application-events" unless in catalogue mode
+    Deferred,  // the last shutdown waits for locked servers: the last unlock finishes it, a
+               // new HostStartup calls it off
+};
+
+// The plug-in database file as seen from the catalogue.
+enum class DatabaseState : uint8_t {
+    Changed,    // the catalogue changed since the file was last read or written
+    Saved,      // the file holds the catalogue: nothing to write
+    Catalogue,  // catalogue mode: the file is never read nor written, module servers are fixed
 };
 
 struct HostState {
+    HostPhase phase;
     int32_t nesting;
+    DatabaseState database;
+    // Set while a database read (or the built-in catalogue) registers module servers, which
+    // lets them through DatabaseModifiable. A read runs while Starting or, as a reload, while
+    // Running, and keeps the database state: it is no phase of its own.
+    bool readingDatabase;
+    // HostAddClasses started the host and holds one of the starts in `nesting` until
+    // HostClearClasses. Other callers may stop and restart the host meanwhile, so this is
+    // an owner's mark, not a phase.
+    bool startedByClasses;
     VxOrd classes;   // HostClass pointers by name
     VxList modules;  // newest first
     const char *const *exclusions;
@@ -80,14 +107,8 @@ struct HostState {
     char modulePath[512];
     char *databaseDir;
     int32_t totalLocks;
-    bool deferred;
-    int32_t globalNesting;
-    bool catalogueMode;
-    bool databaseWritten;
-    bool readingDatabase;
-    bool startedByClasses;
-    bool eventsAttached;
-    HostModule *scanning;
+    int32_t globalNesting;  // global-service activations in progress
+    HostModule *scanning;   // the module HostAddModule is reading, the only loaded one that takes servers
     VxPort *port;
 };
 
