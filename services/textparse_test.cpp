@@ -95,7 +95,7 @@ TEST(PullTest, MalformedOrOversizedFieldsStoreNothingAndKeepTheCursor)
     const char *text = "\"0123456789\" abcdefgh";
     const char *p = text;
     char small[10] = "untouched";
-    EXPECT_EQ(PullQuoteWord(&p, small, sizeof small), 0);
+    EXPECT_EQ(PullQuoteWord(&p, small, sizeof small), 0) << "ten characters need eleven bytes";
     EXPECT_EQ(p, text);
     EXPECT_STREQ(small, "untouched");
     char fits[11];
@@ -110,24 +110,20 @@ TEST(PullTest, UnquotedWordsAreReadVerbatim)
 {
     const char *p = "  back\\slash mid\"quote\t";
     char word[32];
-    ASSERT_EQ(PullQuoteWord(&p, word, sizeof word), 1);
-    EXPECT_STREQ(word, "back\\slash");
-    ASSERT_EQ(PullQuoteWord(&p, word, sizeof word), 1);
-    EXPECT_STREQ(word, "mid\"quote");
+    for (const char *expect : {"back\\slash", "mid\"quote"}) {
+        ASSERT_EQ(PullQuoteWord(&p, word, sizeof word), 1);
+        EXPECT_STREQ(word, expect);
+    }
 }
 
 TEST(PullTest, IntegersAtTheLimitsAndBeyond)
 {
     const char *p = " 2147483647\t-2147483648 +17 0";
     int32_t v = 0;
-    ASSERT_EQ(PullInteger(&p, &v), 1);
-    EXPECT_EQ(v, INT32_MAX);
-    ASSERT_EQ(PullInteger(&p, &v), 1);
-    EXPECT_EQ(v, INT32_MIN);
-    ASSERT_EQ(PullInteger(&p, &v), 1);
-    EXPECT_EQ(v, 17);
-    ASSERT_EQ(PullInteger(&p, &v), 1);
-    EXPECT_EQ(v, 0);
+    for (int32_t expect : {INT32_MAX, INT32_MIN, 17, 0}) {
+        ASSERT_EQ(PullInteger(&p, &v), 1);
+        EXPECT_EQ(v, expect);
+    }
     EXPECT_EQ(PullInteger(&p, &v), 0);
     for (const char *text : {"2147483648", "-2147483649", "12abc", "+-3", "1.5", "x", "0x10"}) {
         const char *q = text;

@@ -196,44 +196,29 @@ void EmptyHistory()
     UndoSysShutdown();
 }
 
-TEST_F(UndoTest, OutOfMemoryAddCompleteAndPending)
+// A failed add or block end leaves everything as it was: the block stays open.
+TEST_F(UndoTest, OutOfMemoryAddCompleteAndPendingAndBlockEnd)
 {
-    struct Setup {
-        bool inBlock, oneSpare;
-    };
+    // {operation: complete, pending, block end after two adds; in a block; one spare}
+    const struct { int op; bool inBlock, oneSpare; } cases[] = {
+        {0, false, false}, {0, true, false}, {0, false, true}, {1, false, false}, {1, true, false}, {1, false, true},
+        {2, true, false}};
     Shape before{};
-    for (bool pending : {false, true}) {
-        for (Setup setup : {Setup{false, false}, Setup{true, false}, Setup{false, true}}) {
-            SCOPED_TRACE(::testing::Message() << (pending ? "pending" : "complete") << (setup.inBlock ? " in a block" : "")
-                                              << (setup.oneSpare ? " with one spare" : ""));
-            vxtest::OomSweepAll({[&] {
-                                     BuildHistory(setup.inBlock, setup.oneSpare);
-                                     before = Now();
-                                 },
-                                 [&] {
-                                     return (pending ? UndoAddPending : UndoAddComplete)(9, Act, 9, Rel) == 1;
-                                 },
-                                 [&] {
-                                     EXPECT_EQ(Now(), before);
-                                     EXPECT_EQ(CheckStructure(), nullptr);
-                                 },
-                                 EmptyHistory});
-        }
+    for (const auto &c : cases) {
+        SCOPED_TRACE(::testing::Message() << "operation " << c.op << " in block " << c.inBlock << " spare " << c.oneSpare);
+        vxtest::OomSweepAll({[&] {
+                                 BuildHistory(c.inBlock, c.oneSpare);
+                                 for (int32_t code = 7; c.op == 2 && code <= 8; ++code)
+                                     UndoAddComplete(code, Act, static_cast<uintptr_t>(code), Rel);
+                                 before = Now();
+                             },
+                             [&] { return (c.op == 2 ? UndoBlockEnd() : (c.op ? UndoAddPending : UndoAddComplete)(9, Act, 9, Rel)) == 1; },
+                             [&] {
+                                 EXPECT_EQ(Now(), before);
+                                 EXPECT_EQ(CheckStructure(), nullptr);
+                             },
+                             EmptyHistory});
     }
-}
-
-TEST_F(UndoTest, OutOfMemoryBlockEndMarkers)
-{
-    Shape before{};
-    vxtest::OomSweepAll({[&] {
-                             BuildHistory(true, false);
-                             UndoAddComplete(7, Act, 7, Rel);
-                             UndoAddComplete(8, Act, 8, Rel);
-                             before = Now();
-                         },
-                         [] { return UndoBlockEnd() == 1; },
-                         [&] { EXPECT_EQ(Now(), before) << "the block stays open"; },
-                         EmptyHistory});
 }
 
 // ---- The model: a small text document edited, undone and redone ------------------------------
@@ -276,11 +261,8 @@ Token *NewToken(const Edit &edit, bool blockData = false)
 Token *Live(uintptr_t data)
 {
     auto *token = reinterpret_cast<Token *>(data);
-    if (!g_live.count(token)) {
-        ++g_badTokens;
-        return nullptr;
-    }
-    return token;
+    g_badTokens += !g_live.count(token);
+    return g_live.count(token) ? token : nullptr;
 }
 
 void Retire(Token *token)
@@ -294,10 +276,10 @@ void Apply(std::string &doc, int32_t kind, size_t pos, const std::string &text)
     if (kind == kInsert) {
         ASSERT_LE(pos, doc.size());
         doc.insert(pos, text);
-    } else {
-        ASSERT_EQ(doc.compare(pos, text.size(), text), 0) << "erasing text that is not there";
-        doc.erase(pos, text.size());
+        return;
     }
+    ASSERT_EQ(doc.compare(pos, text.size(), text), 0) << "erasing text that is not there";
+    doc.erase(pos, text.size());
 }
 
 void Apply(std::string &doc, const Edit &e) { Apply(doc, e.kind, e.pos, e.text); }
@@ -307,9 +289,7 @@ void ReleaseToken(uintptr_t system, int32_t code, uintptr_t data)
 {
     EXPECT_EQ(system, g_expectedSystemData);
     if (Token *token = Live(data)) {
-        if (token->blockData) {
-            EXPECT_EQ(code, 1) << "block data is released by its start marker";
-        }
+        EXPECT_TRUE(!token->blockData || code == 1) << "block data is released by its start marker";
         Retire(token);
     }
 }
@@ -322,19 +302,13 @@ void ByCode(uintptr_t, int32_t code, uintptr_t data)
     }
 }
 
-void InsertAction(uintptr_t, int32_t, uintptr_t data);
-void EraseAction(uintptr_t, int32_t, uintptr_t data)
+// One action per direction: each performs its edit and puts the other in its place.
+template <int32_t kKind>
+void DirectedAction(uintptr_t, int32_t, uintptr_t data)
 {
     if (Token *token = Live(data)) {
-        Apply(g_doc, kErase, token->edit.pos, token->edit.text);
-        EXPECT_NE(UndoNewAction(InsertAction), nullptr);
-    }
-}
-void InsertAction(uintptr_t, int32_t, uintptr_t data)
-{
-    if (Token *token = Live(data)) {
-        Apply(g_doc, kInsert, token->edit.pos, token->edit.text);
-        EXPECT_NE(UndoNewAction(EraseAction), nullptr);
+        Apply(g_doc, kKind, token->edit.pos, token->edit.text);
+        EXPECT_NE(UndoNewAction(DirectedAction<kKind == kInsert ? kErase : kInsert>), nullptr);
     }
 }
 
@@ -366,8 +340,7 @@ public:
             Check();
         }
         UndoSysShutdown();
-        undo_.clear();
-        redo_.clear();
+        undo_.clear(), redo_.clear();
         EXPECT_TRUE(g_live.empty()) << g_live.size() << " tokens never released";
         EXPECT_EQ(g_badTokens, 0) << "tokens used or released after their release";
     }
@@ -378,24 +351,19 @@ private:
     void RandomOperation()
     {
         switch (Pick(10)) {
-        case 0:
-        case 1: CompleteWork(); break;
+        case 0: case 1: CompleteWork(); break;
         case 2: PendingWork(); break;
-        case 3:
-        case 4: Undo(); break;
-        case 5:
-        case 6: Redo(); break;
+        case 3: case 4: Undo(); break;
+        case 5: case 6: Redo(); break;
         case 7: SetMax(); break;
         case 8: SetBlockData(); break;
         default:
             if (Pick(4) == 0) {
                 UndoSysClear();
-                undo_.clear();
-                redo_.clear();
+                undo_.clear(), redo_.clear();
                 pendingQueued_ = false;
             } else {
-                g_expectedSystemData = static_cast<uintptr_t>(Pick(1000));
-                UndoSysSetData(g_expectedSystemData);
+                UndoSysSetData(g_expectedSystemData = static_cast<uintptr_t>(Pick(1000)));
             }
         }
     }
@@ -407,10 +375,9 @@ private:
         ASSERT_EQ(UndoNumRedo(), static_cast<int32_t>(redo_.size()));
         ASSERT_EQ(CheckStructure(), nullptr);
         size_t tokens = 0;
-        for (const Step &s : undo_)
-            tokens += s.edits.size() + (s.blockData != nullptr);
-        for (const Step &s : redo_)
-            tokens += s.edits.size() + (s.blockData != nullptr);
+        auto count = [&](const Step &s) { tokens += s.edits.size() + (s.blockData != nullptr); };
+        std::for_each(undo_.begin(), undo_.end(), count);
+        std::for_each(redo_.begin(), redo_.end(), count);
         ASSERT_EQ(g_live.size(), tokens) << "a discarded record was not released, or too many were";
         ASSERT_EQ(UndoBlockGetData(-1), undo_.empty() ? 0 : reinterpret_cast<uintptr_t>(undo_.back().blockData));
         ASSERT_EQ(UndoBlockGetData(1), redo_.empty() ? 0 : reinterpret_cast<uintptr_t>(redo_.front().blockData));
@@ -442,7 +409,7 @@ private:
         auto add = complete ? UndoAddComplete : UndoAddPending;
         switch (Pick(3)) {
         case 0: ASSERT_EQ(add(first.kind, ByCode, data, ReleaseToken), 1); break;
-        case 1: ASSERT_EQ(add(0, first.kind == kInsert ? InsertAction : EraseAction, data, ReleaseToken), 1); break;
+        case 1: ASSERT_EQ(add(0, first.kind == kInsert ? DirectedAction<kInsert> : DirectedAction<kErase>, data, ReleaseToken), 1); break;
         default: ASSERT_EQ(add(0, BySwap, data, ReleaseToken), 1); break;
         }
     }
