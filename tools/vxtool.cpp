@@ -1,6 +1,8 @@
 // vxtool: the command-line front end of the library.
 #include "vxtool.h"
 
+#include <sys/stat.h>
+
 #include <cstring>
 
 namespace {
@@ -16,7 +18,7 @@ constexpr Command kCommands[] = {
     {"image", "blur, resample, convolve, mipmap or inspect PNG files", vxtool::ImageMain},
     {"plugins", "scan plug-in modules, list the catalogue, activate a server", vxtool::PluginsMain},
     {"env", "evaluate the envelopes of a saved file, or plot them as SVG", vxtool::EnvMain},
-    {"iff", "print the chunk tree of an IFF file", vxtool::IffMain},
+    {"iff", "print the chunk tree of an IFF file, extract or show one chunk", vxtool::IffMain},
     {"config", "list, get or set the entries of a configuration file", vxtool::ConfigMain},
 };
 
@@ -36,6 +38,23 @@ int vxtool::ReportUsageError(const char *command, const std::string &message)
 {
     std::fprintf(stderr, "vxtool %s: %s\n(see 'vxtool %s --help')\n", command, message.c_str(), command);
     return kUsage;
+}
+
+bool vxtool::WantsHelp(int argc, char **argv)
+{
+    for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; ++i)
+        if (!std::strcmp(argv[i], "--help") || !std::strcmp(argv[i], "-h"))
+            return true;
+    return false;
+}
+
+bool vxtool::ReportIfDirectory(const char *command, const std::string &path)
+{
+    struct stat info;
+    if (stat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
+        return false;
+    std::fprintf(stderr, "vxtool %s: %s: is a directory, not a file\n", command, path.c_str());
+    return true;
 }
 
 int main(int argc, char **argv)

@@ -20,6 +20,14 @@ enum Exit : int {
 // returns kUsage.
 int ReportUsageError(const char *command, const std::string &message);
 
+// Whether any argument before a lone "--" is --help or -h: every command and subcommand
+// answers it with its command's help.
+bool WantsHelp(int argc, char **argv);
+
+// When `path` names a directory, says so on standard error ("vxtool <command>: PATH: is a
+// directory, not a file", the one message every command gives for it) and returns true.
+bool ReportIfDirectory(const char *command, const std::string &path);
+
 int DemoMain(int argc, char **argv);
 int ImageMain(int argc, char **argv);  // `vxtool image`
 int PluginsMain(int argc, char **argv);  // `vxtool plugins`

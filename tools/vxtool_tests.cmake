@@ -27,7 +27,7 @@ vx_cli_test(demo_pictures_open 0
   ${vx_demo_dir}/double.png ${vx_demo_dir}/mip-0.png ${vx_demo_dir}/mip-6.png)
 vx_cli_test(demo_iff_file 0
   "\"id\": \"FORM\", \"offset\": 0, \"length\": 68, \"type\": \"SCNE\", \"chunks\": \\[\n    {\"id\": \"NAME\", \"offset\": 12, \"length\": 6},\n    {\"id\": \"OBJS\", \"offset\": 26, \"length\": 30, \"chunks\": \\[\n      {\"id\": \"KEYS\", \"offset\": 34, \"length\": 12},"
-  iff dump --json ${vx_demo_dir}/scene.iff)
+  iff dump --json --sub-chunks ${vx_demo_dir}/scene.iff)
 set(vx_demo_users vxtool.demo_pictures_open vxtool.demo_iff_file)
 find_program(VX_XMLLINT xmllint)
 if(VX_XMLLINT)
@@ -63,21 +63,69 @@ vx_cli_test(image_missing_input 3 "absent\\.png: cannot read as PNG" image blur 
 vx_cli_test(image_info_not_png 3 "CMakeLists\\.txt: cannot read as PNG: " image info ${CMAKE_CURRENT_SOURCE_DIR}/CMakeLists.txt)
 vx_cli_test(image_bad_option 2 "unknown option --radius" image blur in.png out.png --radius 3)
 
-# `vxtool iff`: a nested sample as text and JSON; a truncated file shows the sound chunks,
-# then names the file and the offset of the fault.
+# `vxtool iff`: only groups hold chunks (the sample's BOX data is shown as data unless
+# --sub-chunks asks for the suite's sub-chunks); a truncated file shows the sound chunks, then
+# names the file and the chunk that runs past its end.
 set(vx_iff_sample ${PROJECT_SOURCE_DIR}/fuzz/corpus/iff/nested.iff)
-vx_cli_test(iff_dump 0 "\n      'DEEP'  level 3  offset 48  length 1\n  'ODD '  level 1  offset 56  length 3\n$"
+vx_cli_test(iff_dump 0 "\n  'BOX '  level 1  offset 24  length 24\n  'ODD '  level 1  offset 56  length 3\n$"
   iff dump ${vx_iff_sample})
+vx_cli_test(iff_dump_sub_chunks 0 "\n      'DEEP'  level 3  offset 48  length 1\n  'ODD '  level 1  offset 56  length 3\n$"
+  iff dump --sub-chunks ${vx_iff_sample})
 vx_cli_test(iff_dump_json 0
   "{\"id\": \"SUB2\", \"offset\": 42, \"length\": 8, \"chunks\": \\[\n        {\"id\": \"DEEP\", \"offset\": 48, \"length\": 1}\n      \\]}\n    \\]},\n    {\"id\": \"ODD \", \"offset\": 56, \"length\": 3}\n  \\]}\n\\]}\n$"
-  iff dump --json ${vx_iff_sample})
+  iff dump --json --sub-chunks ${vx_iff_sample})
 add_test(NAME vxtool.iff_truncated_file COMMAND sh -c
   "head -c 30 '${vx_iff_sample}' > '${CMAKE_CURRENT_BINARY_DIR}/truncated.iff' && \
-   '$<TARGET_FILE:vxtool>' iff dump '${CMAKE_CURRENT_BINARY_DIR}/truncated.iff' 2>&1; test $? -eq 3")
+   '$<TARGET_FILE:vxtool>' iff dump '${CMAKE_CURRENT_BINARY_DIR}/truncated.iff' 2>&1; test $? -eq 3 && \
+   '$<TARGET_FILE:vxtool>' iff dump --json '${CMAKE_CURRENT_BINARY_DIR}/truncated.iff' 2>/dev/null; test $? -eq 3")
 set_tests_properties(vxtool.iff_truncated_file PROPERTIES PASS_REGULAR_EXPRESSION
-  "  'NAME'  level 1  offset 12  length 4\nvxtool iff: [^\n]*truncated\\.iff: malformed chunk near offset 28\n$")
-vx_cli_test(iff_not_iff 3 "^vxtool iff: [^\n]*text\\.txt: " iff dump --json ${PROJECT_SOURCE_DIR}/fuzz/corpus/env/text.txt)
-vx_cli_test(iff_missing_file 3 "absent\\.iff: cannot read the file" iff dump ${CMAKE_CURRENT_BINARY_DIR}/absent.iff)
+  "  'NAME'  level 1  offset 12  length 4\nvxtool iff: [^\n]*truncated\\.iff: 'FORM' at offset 0: its 60 bytes run past the end of the file \\(22 left\\)\n.*{\"id\": \"NAME\", \"offset\": 12, \"length\": 4}\n  \\]}\n\\], \"problem\": \"'FORM' at offset 0: [^\n]*\"}\n$")
+# A CAT of a LIST with a PROP and two FORMs (an animation's frames): every group at every
+# depth with its type; one chunk extracted by names and by indices, one shown in hex.
+set(vx_iff_cat ${CMAKE_CURRENT_BINARY_DIR}/cat_list_form.iff)
+set(vx_iff_cat_bytes "CAT \\000\\000\\000\\126ANIMLIST\\000\\000\\000\\112ANIMPROP\\000\\000\\000\\020ILBMBMHD\\000\\000\\000\\004abcdFORM\\000\\000\\000\\020ILBMBODY\\000\\000\\000\\003xyz\\000FORM\\000\\000\\000\\016ILBMBODY\\000\\000\\000\\002uv")
+add_test(NAME vxtool.iff_groups_at_any_depth COMMAND sh -c
+  "printf '${vx_iff_cat_bytes}' > '${vx_iff_cat}' && \
+   '$<TARGET_FILE:vxtool>' iff dump '${vx_iff_cat}' && '$<TARGET_FILE:vxtool>' iff dump --json '${vx_iff_cat}'")
+set_tests_properties(vxtool.iff_groups_at_any_depth PROPERTIES PASS_REGULAR_EXPRESSION
+  "^'CAT '  level 0  offset 0  length 86  type 'ANIM'\n  'LIST'  level 1  offset 12  length 74  type 'ANIM'\n    'PROP'  level 2  offset 24  length 16  type 'ILBM'\n      'BMHD'  level 3  offset 36  length 4\n    'FORM'  level 2  offset 48  length 16  type 'ILBM'\n      'BODY'  level 3  offset 60  length 3\n    'FORM'  level 2  offset 72  length 14  type 'ILBM'\n      'BODY'  level 3  offset 84  length 2\n{.*\"type\": \"ILBM\", \"chunks\": \\[\n        {\"id\": \"BODY\", \"offset\": 84, \"length\": 2}\n      \\]}\n    \\]}\n  \\]}\n\\]}\n$"
+  FIXTURES_SETUP vx_iff_cat)
+add_test(NAME vxtool.iff_extract_and_hex COMMAND sh -c
+  "cd '${CMAKE_CURRENT_BINARY_DIR}' && \
+   '$<TARGET_FILE:vxtool>' iff extract '${vx_iff_cat}' 'CAT.ANIM/LIST/FORM.ILBM[1]/BODY' -o by_name.bin && \
+   '$<TARGET_FILE:vxtool>' iff extract '${vx_iff_cat}' 0/0/2/0 --out by_index.bin && \
+   printf uv | cmp - by_name.bin && cmp by_name.bin by_index.bin && \
+   '$<TARGET_FILE:vxtool>' iff extract '${vx_iff_cat}' CAT/LIST/PROP -o prop.bin && od -c prop.bin && \
+   '$<TARGET_FILE:vxtool>' iff hex '${vx_iff_cat}' CAT/LIST/FORM/BODY")
+set_tests_properties(vxtool.iff_extract_and_hex PROPERTIES FIXTURES_REQUIRED vx_iff_cat PASS_REGULAR_EXPRESSION
+  "wrote by_name\\.bin \\(2 bytes\\)\nwrote by_index\\.bin \\(2 bytes\\)\nwrote prop\\.bin \\(16 bytes\\)\n0000000   I   L   B   M   B   M   H   D  \\\\0  \\\\0  \\\\0 004   a   b   c   d\n.*'BODY' at offset 60: 3 bytes of data\n        68  78 79 7a +\\|xyz\\|\n$")
+add_test(NAME vxtool.iff_extract_refusals COMMAND sh -c
+  "cd '${CMAKE_CURRENT_BINARY_DIR}' && rm -f none.bin && \
+   '$<TARGET_FILE:vxtool>' iff extract '${vx_iff_cat}' CAT/LIST/FORM[2] -o none.bin 2>&1; test $? -eq 3 && test ! -e none.bin && \
+   '$<TARGET_FILE:vxtool>' iff hex '${vx_iff_cat}' CAT/LIST/PROP/BMHD/X 2>&1; test $? -eq 3 && \
+   '$<TARGET_FILE:vxtool>' iff hex '${vx_iff_cat}' 'CAT/[1]' 2>&1; test $? -eq 2")
+set_tests_properties(vxtool.iff_extract_refusals PROPERTIES FIXTURES_REQUIRED vx_iff_cat PASS_REGULAR_EXPRESSION
+  "cat_list_form\\.iff: no chunk at CAT/LIST/FORM\\[2\\]\n.*'BMHD' at offset 36 holds no chunks\nvxtool iff: not a chunk path: 'CAT/\\[1\\]'")
+# Files made by sox: 8SVX sample data stays data, AIFF chunks as sox writes them.
+find_program(VX_SOX sox)
+if(VX_SOX)
+  add_test(NAME vxtool.iff_sox_files COMMAND sh -c
+    "cd '${CMAKE_CURRENT_BINARY_DIR}' && \
+     '${VX_SOX}' -n -r 8000 -b 8 -c 1 sox.8svx synth 0.05 sine 440 && '${VX_SOX}' -n -r 8000 -c 2 sox.aiff synth 0.01 sine 440 && \
+     '$<TARGET_FILE:vxtool>' iff dump sox.8svx && '$<TARGET_FILE:vxtool>' iff dump sox.aiff")
+  set_tests_properties(vxtool.iff_sox_files PROPERTIES PASS_REGULAR_EXPRESSION
+    "type '8SVX'\n  'VHDR'  level 1  offset 12  length 20\n(  '[A-Z ]+'  level 1 [^\n]*\n)*  'BODY'  level 1  offset [0-9]+  length 400\n'FORM'  level 0  offset 0  length [0-9]+  type 'AIFF'\n(  '[A-Z ]+'  level 1 [^\n]*\n)*  'SSND'  level 1 [^\n]*\n$")
+else()
+  message(STATUS "sox not found: vxtool iff is not tried on files made by sox")
+endif()
+# A 3 GiB file (sparse) whose last chunk lies beyond 2^32 - 1 bytes of data: the dump walks
+# it through a read stream and stays small (peak memory under 32 MB by /usr/bin/time -v).
+add_test(NAME vxtool.iff_dump_3gib_file COMMAND sh ${PROJECT_SOURCE_DIR}/tests/iff_big_file_test.sh
+  $<TARGET_FILE:vxtool> ${CMAKE_CURRENT_BINARY_DIR}/big_3gib.iff)
+set_tests_properties(vxtool.iff_dump_3gib_file PROPERTIES SKIP_RETURN_CODE 77 PASS_REGULAR_EXPRESSION
+  "  'BIG '  level 1  offset 24  length 3221225428\n  'TAIL'  level 1  offset 3221225460  length 4\npeak memory [0-9]+ kB\n")
+vx_cli_test(iff_not_iff 3 "^{\"file\": \"[^\"]*text\\.txt\", \"chunks\": \\[\\], \"problem\": \"not an IFF file [^\n]*\"}\nvxtool iff: [^\n]*text\\.txt: not an IFF file \\(it begins with 'Enve', not FORM, LIST or CAT\\)" iff dump --json ${PROJECT_SOURCE_DIR}/fuzz/corpus/env/text.txt)
+vx_cli_test(iff_missing_file 3 "absent\\.iff: cannot open the file" iff dump ${CMAKE_CURRENT_BINARY_DIR}/absent.iff)
 vx_cli_test(iff_no_file 2 "vxtool iff: dump wants a FILE" iff dump)
 vx_cli_test(iff_two_files 2 "unexpected argument 'b'" iff dump a b)
 
