@@ -83,13 +83,9 @@ TEST_F(Actions, ListsAndCharacterTags)
 // that block (noted as "caller resumed").
 int DispatchInBlock(const ActionDef *def, uintptr_t argument)
 {
-    volatile int result = -1;
-    if (CkptBegin()) {
+    int result = -1;
+    if (vxtest::UnwoundFrom([&] { result = ActionDefDispatch(def, argument); }))
         g_events.push_back("caller resumed");
-    } else {
-        result = ActionDefDispatch(def, argument);
-        CkptEnd();
-    }
     return result;
 }
 

@@ -3,6 +3,7 @@
 
 #include "testkit/capture.h"
 #include "testkit/fault_alloc.h"
+#include "testkit/oom_sweep.h"
 
 #include <gtest/gtest.h>
 
@@ -102,10 +103,7 @@ TEST_F(Memory, ExhaustionRaisesInsideBlocksAndReturnsNullOutside)
     EXPECT_STREQ(block, "intact");
     EXPECT_EQ(CkptLatchCode(), 1);
 
-    volatile int raised = 0;
-    if (CkptBegin()) {
-        raised = CkptLatchCode();
-    } else {
+    EXPECT_TRUE(vxtest::UnwoundFrom([&] {
         CkptArm(StdFreeArm, reinterpret_cast<uintptr_t>(block), 8);
         CkptArm(StringFreeArm, reinterpret_cast<uintptr_t>(StringCopy("armed")), 0);
         heap.FailAt(1, vxtest::FailMode::Once);
@@ -115,9 +113,8 @@ TEST_F(Memory, ExhaustionRaisesInsideBlocksAndReturnsNullOutside)
         EXPECT_STREQ(block, "intact");
         heap.FailAt(1, vxtest::FailMode::Once);
         StdAlloc(32);
-        ADD_FAILURE() << "StdAlloc returned from a failure inside a block";
-    }
-    EXPECT_EQ(raised, 1);
+    })) << "StdAlloc returned from a failure inside a block";
+    EXPECT_EQ(CkptLatchCode(), 1);
     EXPECT_EQ(heap.LiveBytes(), 0u) << "the armed releases freed the block and the string";
     EXPECT_EQ(heap.BadFrees(), 0);
 }

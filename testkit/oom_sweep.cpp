@@ -16,19 +16,22 @@ struct RunResult {
 
 RunResult RunInsideBlock(const std::function<bool()> &run)
 {
-    volatile bool unwound = false;
-    volatile bool succeeded = false;
-    if (CkptBegin()) {
-        unwound = true;
-    } else {
-        succeeded = run();
-        CkptEnd();
-    }
+    bool succeeded = false;
+    const bool unwound = UnwoundFrom([&] { succeeded = run(); });
     CkptLatchCode();
     return {succeeded, unwound};
 }
 
 }  // namespace
+
+bool UnwoundFrom(const std::function<void()> &body)
+{
+    if (CkptBegin())
+        return true;
+    body();
+    CkptEnd();
+    return false;
+}
 
 OomReport OomSweep(const OomCase &c, FailMode mode, bool outerBlock)
 {

@@ -28,4 +28,8 @@ OomReport OomSweep(const OomCase &c, FailMode mode, bool outerBlock = false);
 // Sweeps `c` in both modes, with and without an outer block.
 void OomSweepAll(const OomCase &c);
 
+// Runs `body` inside a checkpoint block of its own, which it ends when `body` returns. Returns
+// true when a failure unwound to the block instead; the latched code is left for the caller.
+bool UnwoundFrom(const std::function<void()> &body);
+
 }  // namespace vxtest
