@@ -30,12 +30,18 @@ protected:
     void TearDown() override { EXPECT_EQ(CkptLevel(), -1) << "a test left a block open"; }
 };
 
+int g_value = 0;  // set to 2 by the second owner, which arms its restoration
+
 // Owners nested from `depth` to 3: owner d arms action d1, calls the next one in, arms d2; the
 // innermost then raises `innerCode` when it is non-zero, the outermost raises 5 when `failLast`.
 int Owner(int depth, int innerCode, bool failLast)
 {
     CKPT_BEGIN_OR_RETURN(0);
     CkptArm(Record, static_cast<uintptr_t>(10 * depth + 1), 0);
+    if (depth == 2) {
+        CkptArm(CkptAssignInt, reinterpret_cast<uintptr_t>(&g_value), static_cast<uintptr_t>(g_value));
+        CkptAssignInt(reinterpret_cast<uintptr_t>(&g_value), 2);
+    }
     if (depth < 3)
         Owner(depth + 1, innerCode, failLast);
     CkptArm(Record, static_cast<uintptr_t>(10 * depth + 2), 0);
@@ -49,8 +55,10 @@ int Owner(int depth, int innerCode, bool failLast)
 
 TEST_F(CkptTest, FailureUnwindsEveryBlockInnermostFirst)
 {
+    g_value = 1;
     EXPECT_EQ(Owner(1, 7, false), 0) << "the outermost owner returns failure";
     EXPECT_EQ(g_ran, (std::vector<int>{32, 31, 21, 11}));
+    EXPECT_EQ(g_value, 1) << "CkptAssignInt restored the value";
     EXPECT_EQ(CkptRecovering(), 0);
     EXPECT_EQ(CkptLatchCode(), 7) << "the outermost owner sees the raised code";
     EXPECT_EQ(CkptLatchCode(), 0) << "reading the code clears it";
@@ -60,33 +68,13 @@ TEST_F(CkptTest, FailureUnwindsEveryBlockInnermostFirst)
     g_ran.clear();
     EXPECT_EQ(Owner(1, 0, true), 0);
     EXPECT_EQ(g_ran, (std::vector<int>{12, 11}));
+    EXPECT_EQ(g_value, 2);
     EXPECT_EQ(CkptLatchCode(), 5);
     g_ran.clear();
+    g_value = 1;
     EXPECT_EQ(Owner(1, 0, false), 1);
     EXPECT_TRUE(g_ran.empty());
-}
-
-// Sets `*value` to -5 inside a block that has armed its restoration; fails with code 3 when
-// `fail`.
-void AssignInBlock(int *value, bool fail)
-{
-    if (CkptBegin())
-        return;
-    CkptArm(CkptAssignInt, reinterpret_cast<uintptr_t>(value), static_cast<uintptr_t>(*value));
-    CkptAssignInt(reinterpret_cast<uintptr_t>(value), static_cast<uintptr_t>(-5));
-    if (fail)
-        CkptRecover(3);
-    CkptEnd();
-}
-
-TEST_F(CkptTest, AssignIntRestoresOnFailureOnly)
-{
-    int value = 1;
-    AssignInBlock(&value, true);
-    EXPECT_EQ(value, 1);
-    EXPECT_EQ(CkptLatchCode(), 3);
-    AssignInBlock(&value, false);
-    EXPECT_EQ(value, -5);
+    EXPECT_EQ(g_value, 2);
 }
 
 TEST_F(CkptTest, ArmEndAndCodesCount)
