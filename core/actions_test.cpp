@@ -40,12 +40,7 @@ const ActionHooks kRefusing = {Refuse, Post, Recover};
 
 class Actions : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        g_events.clear();
-        g_recoveredHooks = nullptr;
-        ActionCkptSetLevel(0);
-    }
+    void SetUp() override { g_events.clear(); }
     void TearDown() override
     {
         ActionCkptSetLevel(0);
@@ -96,28 +91,27 @@ TEST_F(Actions, HooksAndFailuresByDispatchLevel)
     struct Case {
         int level;
         const ActionDef *def;
-        bool inBlock;
+        bool inBlock;  // dispatched inside a block of the caller's own
         uintptr_t argument;
-        int result;
+        int result, latched;  // the result, and the code left latched afterwards
         Events events;
-        int latched;  // the code left latched afterwards
     };
     const Case cases[] = {
-        {0, &act, false, 5, ACTION_DONE, {"pre", "act 5 12", "post"}, 0},
-        {1, &act, false, 5, ACTION_DONE, {"pre", "act 5 12", "post"}, 0},
-        {2, &act, true, 5, ACTION_DONE, {"pre", "act 5 12", "post"}, 0},
-        {1, &refused, false, 5, ACTION_REFUSED, {"refuse"}, 0},
+        {0, &act, false, 5, ACTION_DONE, 0, {"pre", "act 5 12", "post"}},
+        {1, &act, false, 5, ACTION_DONE, 0, {"pre", "act 5 12", "post"}},
+        {2, &act, true, 5, ACTION_DONE, 0, {"pre", "act 5 12", "post"}},
+        {1, &refused, false, 5, ACTION_REFUSED, 0, {"refuse"}},
         // Level 0: no block of the dispatcher's own. With none open the raise returns and the
         // action goes on; with the caller's block open the failure goes straight to it.
-        {0, &fail, false, 3, ACTION_DONE, {"pre", "fail", "went on", "post"}, 3},
-        {0, &fail, true, 3, -1, {"pre", "fail", "caller resumed"}, 3},
+        {0, &fail, false, 3, ACTION_DONE, 3, {"pre", "fail", "went on", "post"}},
+        {0, &fail, true, 3, -1, 3, {"pre", "fail", "caller resumed"}},
         // Level 1: the failure stops at the dispatcher; recover runs, post does not.
-        {1, &fail, false, 7, ACTION_FAILED, {"pre", "fail", "recover 7"}, 0},
-        {1, &fail, true, 4, ACTION_ABORTED, {"pre", "fail", "recover 4"}, 0},
+        {1, &fail, false, 7, ACTION_FAILED, 0, {"pre", "fail", "recover 7"}},
+        {1, &fail, true, 4, ACTION_ABORTED, 0, {"pre", "fail", "recover 4"}},
         // Level 2: handed outward to the caller's block, which sees the code; with no outer
         // block the dispatcher ends the failure itself.
-        {2, &fail, true, 9, -1, {"pre", "fail", "recover 9", "caller resumed"}, 9},
-        {2, &fail, false, 4, ACTION_ABORTED, {"pre", "fail", "recover 4"}, 0},
+        {2, &fail, true, 9, -1, 9, {"pre", "fail", "recover 9", "caller resumed"}},
+        {2, &fail, false, 4, ACTION_ABORTED, 0, {"pre", "fail", "recover 4"}},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(::testing::Message() << "level " << c.level << ", argument " << c.argument);

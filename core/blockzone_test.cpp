@@ -1,4 +1,3 @@
-#include <vxtools3/ckpt.h>
 #include <vxtools3/containers.h>
 
 #include "core/containers_internal.h"

@@ -1,4 +1,3 @@
-#include <vxtools3/ckpt.h>
 #include <vxtools3/lists.h>
 
 #include "core/globallist_internal.h"

@@ -32,10 +32,6 @@ TEST(KTable, FindsEntriesByKey)
     KTableDestroy(nullptr);
     LTabDestroy(nullptr);
     LMapDestroy(nullptr);
-    LMap *map = LMapCreate(3);
-    LMapSet(map, 10, 100);
-    EXPECT_EQ(LMapGet(map, 10, nullptr), 1) << "the value need not be stored";
-    LMapDestroy(map);
 }
 
 // ---- Out of memory ------------------------------------------------------------------------

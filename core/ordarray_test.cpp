@@ -1,6 +1,4 @@
-#include <vxtools3/ckpt.h>
 #include <vxtools3/lists.h>
-#include <vxtools3/memory.h>
 
 #include "testkit/fault_alloc.h"
 #include "testkit/oom_sweep.h"
