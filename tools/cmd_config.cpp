@@ -4,10 +4,12 @@
 #include <vxtools3/config.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -17,7 +19,7 @@ namespace {
 constexpr const char *kHelp =
     "usage: vxtool config list FILE\n"
     "       vxtool config get FILE NAME [--index N] [--type LETTERS]\n"
-    "       vxtool config set FILE NAME [--index N | --add] FIELD...\n"
+    "       vxtool config set FILE NAME [--index N | --add] [--force] FIELD...\n"
     "\n"
     "  list  prints every entry as 'NAME TEXT', grouped by value in order of appearance\n"
     "  get   prints the entries of NAME (only entry N with --index); with --type each\n"
@@ -26,9 +28,14 @@ constexpr const char *kHelp =
     "  set   replaces the entries of NAME with one entry made of the FIELDs (words with\n"
     "        blanks, quotes or backslashes are quoted); --index N replaces or appends entry\n"
     "        N only, --add appends an entry. The file is created when missing.\n"
+    "        The whole file is written back as the store holds it; when that would lose or\n"
+    "        change a line (longer than 1023 characters, a NUL byte, a name without a value,\n"
+    "        other bytes the store reads differently), set refuses and names the first such\n"
+    "        line, unless --force. Blank lines, leading blanks, the white space between a\n"
+    "        name and its text and a carriage return before the newline are not kept.\n"
     "\n"
     "Exit status: 0 done, 1 no such value or entry, or the file could not be written,\n"
-    "2 bad command line, 3 the file is missing or unreadable.\n";
+    "2 bad command line, 3 the file is missing or unreadable, or set would lose some of it.\n";
 
 int UsageError(const std::string &message) { return ReportUsageError("config", message); }
 
@@ -73,8 +80,8 @@ int Load(const std::string &file, bool mayBeMissing)
             return kOk;
         return FileError(file, "cannot open the file", kBadInput);
     }
-    if (S_ISDIR(info.st_mode))
-        return FileError(file, "is a directory, not a configuration file", kBadInput);
+    if (ReportIfDirectory("config", file))
+        return kBadInput;
     if (!ConfigImport(file.c_str(), nullptr))
         return FileError(file, "cannot read the file", kBadInput);
     return kOk;
@@ -168,11 +175,91 @@ std::string JoinFields(const std::vector<const char *> &fields)
     return text;
 }
 
-int Set(const std::string &file, const char *name, int32_t index, bool add, const std::vector<const char *> &fields)
+bool IsWhite(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r'; }
+
+// A line of a configuration file as the store writes it back ("NAME TEXT"), or "" for a line
+// that holds no entry.
+std::string AsWritten(std::string line)
+{
+    if (!line.empty() && line.back() == '\r')
+        line.pop_back();
+    size_t start = line.find_first_not_of(" \t");
+    if (start == std::string::npos)
+        return "";
+    size_t nameEnd = start;
+    while (nameEnd < line.size() && !IsWhite(line[nameEnd]))
+        ++nameEnd;
+    size_t text = nameEnd;
+    while (text < line.size() && IsWhite(line[text]))
+        ++text;
+    if (text == line.size())
+        return nameEnd == start ? "" : line.substr(start, nameEnd - start);  // a name alone: lost
+    return line.substr(start, nameEnd - start) + " " + line.substr(text);
+}
+
+bool AllWhite(const std::string &line)
+{
+    for (char c : line)
+        if (!IsWhite(c))
+            return false;
+    return true;
+}
+
+std::string WhyLost(const std::string &line)
+{
+    if (line.find('\0') != std::string::npos)
+        return "it holds a NUL byte";
+    if (line.size() > CONFIG_TEXT_SIZE - 1)
+        return "it is longer than " + std::to_string(CONFIG_TEXT_SIZE - 1) + " characters";
+    if (AsWritten(line).find(' ') == std::string::npos)
+        return "it holds a name without a value";
+    return "the store reads it differently";
+}
+
+// Compares every line of `file` that holds anything with the lines the store writes for what
+// it imported (exported to a scratch file); returns the number of the first line that would
+// be lost or changed, with why, or 0 when the file would be written back whole.
+int64_t FirstLostLine(const std::string &file, std::string &why)
+{
+    char scratch[] = "/tmp/vxtool-config-XXXXXX";
+    const int fd = mkstemp(scratch);
+    if (fd < 0 || close(fd) != 0 || !ConfigExport(scratch, nullptr)) {
+        why = "cannot make a scratch copy to compare with";
+        std::remove(scratch);
+        return -1;
+    }
+    std::ifstream original(file, std::ios::binary), written(scratch, std::ios::binary);
+    std::string line, kept;
+    int64_t number = 0, lost = 0;
+    while (!lost && std::getline(original, line)) {
+        ++number;
+        if (AllWhite(line))
+            continue;
+        if (!std::getline(written, kept) || kept != AsWritten(line)) {
+            why = WhyLost(line);
+            lost = number;
+        }
+    }
+    std::remove(scratch);
+    return lost;
+}
+
+int Set(const std::string &file, const char *name, int32_t index, bool add, bool force,
+        const std::vector<const char *> &fields)
 {
     Session session;
     if (int status = Load(file, true))
         return status;
+    // Values read from a file carry no type; give each one so that every value is written.
+    for (const char *value = ConfigNextValue(nullptr); value; value = ConfigNextValue(value))
+        ConfigDefineValue(value, "t");
+    struct stat info;
+    std::string why;
+    if (!force && stat(file.c_str(), &info) == 0)
+        if (const int64_t line = FirstLostLine(file, why))
+            return FileError(file, (line < 0 ? why : "line " + std::to_string(line) + " would be lost or changed by writing the file back (" +
+                                                         why + "); nothing written (--force writes it all the same)").c_str(),
+                             line < 0 ? kFailed : kBadInput);
     const std::string text = JoinFields(fields);
     const int32_t count = ConfigNum(name);
     bool stored;
@@ -185,9 +272,7 @@ int Set(const std::string &file, const char *name, int32_t index, bool add, cons
     }
     if (!stored)
         return FileError(file, "out of memory", kFailed);
-    // Values read from a file carry no type; give each one so that every value is written.
-    for (const char *value = ConfigNextValue(nullptr); value; value = ConfigNextValue(value))
-        ConfigDefineValue(value, "t");
+    ConfigDefineValue(name, "t");
     if (!ConfigExport(file.c_str(), nullptr))
         return FileError(file, (std::string("cannot write the file (") + std::strerror(errno) + ")").c_str(), kFailed);
     return kOk;
@@ -199,7 +284,7 @@ int ConfigMain(int argc, char **argv)
 {
     std::vector<const char *> args;
     int32_t index = -1;
-    bool add = false;
+    bool add = false, force = false;
     std::string letters;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -217,6 +302,8 @@ int ConfigMain(int argc, char **argv)
                 return UsageError("not an entry index: '" + value + "'");
         } else if (arg == "--add") {
             add = true;
+        } else if (arg == "--force") {
+            force = true;
         } else if (arg == "--") {
             for (++i; i < argc; ++i)
                 args.push_back(argv[i]);
@@ -246,7 +333,7 @@ int ConfigMain(int argc, char **argv)
         return UsageError("--add and --index exclude each other");
     if (args.size() < 4)
         return UsageError("set needs at least one FIELD");
-    return Set(file, args[2], index, add, std::vector<const char *>(args.begin() + 3, args.end()));
+    return Set(file, args[2], index, add, force, std::vector<const char *>(args.begin() + 3, args.end()));
 }
 
 }  // namespace vxtool

@@ -22,8 +22,10 @@ constexpr const char *kHelp =
     "(Envelope blocks).\n"
     "  eval  prints the value of every envelope at each time T (seconds); --json prints\n"
     "        {\"file\": ..., \"envelopes\": [{\"name\": ..., \"values\": [[T, value], ...]}]}\n"
+    "        as UTF-8: a name's bytes that are not UTF-8 are read as Latin-1 (\\u0080..\\u00ff)\n"
     "  plot  draws every envelope over its key range and one more cycle either side, with its\n"
-    "        keys marked, as an SVG picture\n"
+    "        keys marked, as an SVG picture: a value axis and a time axis in seconds with\n"
+    "        tick labels, and each key's time marked on the time axis\n"
     "\n"
     "Exit status: 0 done, 1 the picture could not be written, 2 bad command line, 3 the file\n"
     "is missing or is not a valid envelope file.\n";
@@ -57,6 +59,8 @@ struct EnvFile {
 // Loads every envelope of `path` into `file`; returns kOk or prints why not.
 int LoadFile(const std::string &path, EnvFile &file)
 {
+    if (ReportIfDirectory("env", path))
+        return kBadInput;
     VxReadStrm *stream = FileStrmReadOpen(path.c_str(), nullptr);
     if (!stream)
         return InputError(path, "cannot open the file");
@@ -166,6 +170,8 @@ int Plot(int argc, char **argv)
     EnvFile file;
     if (int status = LoadFile(in, file))
         return status;
+    if (ReportIfDirectory("env", out))
+        return kFailed;
     const std::vector<VxEnvelope *> envs = file.List();
     if (!vx_env_plot(out.c_str(), envs.data(), static_cast<int>(envs.size()))) {
         std::fprintf(stderr, "vxtool env: %s: cannot write the picture\n", out.c_str());
@@ -179,12 +185,12 @@ int Plot(int argc, char **argv)
 
 int EnvMain(int argc, char **argv)
 {
-    if (argc < 2)
-        return UsageError("wants a subcommand: eval or plot");
-    if (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h")) {
+    if (WantsHelp(argc, argv)) {
         std::fputs(kHelp, stdout);
         return kOk;
     }
+    if (argc < 2)
+        return UsageError("wants a subcommand: eval or plot");
     if (!std::strcmp(argv[1], "eval"))
         return Eval(argc - 1, argv + 1);
     if (!std::strcmp(argv[1], "plot"))

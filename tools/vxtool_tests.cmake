@@ -10,6 +10,31 @@ function(vx_cli_test name status regex)
 endfunction()
 
 vx_cli_test(help 0 "^usage: vxtool <command>" --help)
+# Every command and subcommand answers --help (and -h) with its usage and status 0.
+add_test(NAME vxtool.help_everywhere COMMAND sh -c
+  "for words in demo iff 'iff dump' 'iff extract' 'iff hex' env 'env eval' 'env plot' image 'image blur' \
+     'image resample' 'image convolve' 'image mipmap' 'image checker' 'image info' plugins 'plugins scan' \
+     'plugins list' 'plugins activate' config 'config list' 'config get' 'config set'; do \
+     for flag in --help -h; do \
+       \"$0\" $words $flag | grep -q '^usage: vxtool' || { echo \"no help from: $words $flag\"; exit 1; }; \
+     done; \
+   done; echo 'all answer --help'" $<TARGET_FILE:vxtool>)
+set_tests_properties(vxtool.help_everywhere PROPERTIES PASS_REGULAR_EXPRESSION "^all answer --help\n$")
+# A directory given where a file is expected, to read or to write: one message from every
+# command (each prints a 1 when it gave it).
+add_test(NAME vxtool.directory_for_a_file COMMAND sh -c
+  "d='${CMAKE_CURRENT_BINARY_DIR}'; e='${PROJECT_SOURCE_DIR}/fuzz/corpus/env/text.txt'; \
+   for words in 'iff dump' 'iff hex' 'env eval' 'env plot' 'image info' 'image blur' 'config list' 'config set'; do \
+     case $words in \
+       'iff hex') \"$0\" iff hex \"$d\" 0 ;; \
+       'env eval') \"$0\" env eval \"$d\" 1 ;; \
+       'env plot') \"$0\" env plot \"$e\" -o \"$d\" ;; \
+       'image blur') \"$0\" image blur \"$d\" out.png ;; \
+       'config set') \"$0\" config set \"$d\" A 1 ;; \
+       *) \"$0\" $words \"$d\" ;; \
+     esac 2>&1 | grep -c ': is a directory, not a file$'; \
+   done | tr -d '\\n'; echo" $<TARGET_FILE:vxtool>)
+set_tests_properties(vxtool.directory_for_a_file PROPERTIES PASS_REGULAR_EXPRESSION "^11111111\n$")
 vx_cli_test(unknown_command 2 "^vxtool: unknown command 'frobnicate'\nusage: vxtool" frobnicate)
 
 # `vxtool demo`: every section passes and its files land in --out; then the other commands
@@ -59,6 +84,17 @@ add_test(NAME vxtool.image_operations COMMAND sh -c
    '$<TARGET_FILE:vxtool>' image convolve in.png sharp.png --matrix 0,-1,0,-1,5,-1,0,-1,0 && \
    '$<TARGET_FILE:vxtool>' image mipmap in.png mip.png")
 set_tests_properties(vxtool.image_operations PROPERTIES PASS_REGULAR_EXPRESSION "wrote mip-7.png \\(1x1\\)")
+# convolve uses its matrix as given; --normalize divides it by its sum first, so a centre of 2
+# normalised is the identity and an unnormalised one is not.
+add_test(NAME vxtool.image_convolve_normalize COMMAND sh -c
+  "cd '${vx_image_dir}' && \
+   '$<TARGET_FILE:vxtool>' image convolve in.png same.png --matrix 0,0,0,0,1,0,0,0,0 && \
+   '$<TARGET_FILE:vxtool>' image convolve in.png halved.png --matrix 0,0,0,0,2,0,0,0,0 --normalize && \
+   '$<TARGET_FILE:vxtool>' image convolve in.png doubled.png --matrix 0,0,0,0,2,0,0,0,0 && \
+   cmp same.png halved.png && ! cmp -s same.png doubled.png && \
+   '$<TARGET_FILE:vxtool>' image convolve in.png zero.png --matrix 1,-1 --normalize 2>&1; test $? -eq 2")
+set_tests_properties(vxtool.image_convolve_normalize PROPERTIES DEPENDS vxtool.image_operations PASS_REGULAR_EXPRESSION
+  "wrote doubled\\.png \\(100x60\\)\nvxtool image: --normalize: the matrix's numbers add up to 0\n")
 vx_cli_test(image_missing_input 3 "absent\\.png: cannot read as PNG" image blur ${vx_image_dir}/absent.png out.png)
 vx_cli_test(image_info_not_png 3 "CMakeLists\\.txt: cannot read as PNG: " image info ${CMAKE_CURRENT_SOURCE_DIR}/CMakeLists.txt)
 vx_cli_test(image_bad_option 2 "unknown option --radius" image blur in.png out.png --radius 3)
@@ -118,7 +154,7 @@ if(VX_SOX)
 else()
   message(STATUS "sox not found: vxtool iff is not tried on files made by sox")
 endif()
-# A 3 GiB file (sparse) whose last chunk lies beyond 2^32 - 1 bytes of data: the dump walks
+# A 3 GiB file (sparse) whose last chunk lies 3 GiB in, behind 3 GiB of data: the dump walks
 # it through a read stream and stays small (peak memory under 32 MB by /usr/bin/time -v).
 add_test(NAME vxtool.iff_dump_3gib_file COMMAND sh ${PROJECT_SOURCE_DIR}/tests/iff_big_file_test.sh
   $<TARGET_FILE:vxtool> ${CMAKE_CURRENT_BINARY_DIR}/big_3gib.iff)
@@ -140,6 +176,17 @@ vx_cli_test(env_eval_json 0
   env eval --json ${vx_env_seeds}/text.txt 0.25 1e9)
 vx_cli_test(env_plot 0 "wrote [^\n]*env_plot\\.svg \\(2 envelopes\\)"
   env plot ${vx_env_seeds}/text.txt --out ${CMAKE_CURRENT_BINARY_DIR}/env_plot.svg)
+# The plot's axes: value and time tick labels, and the four key times of the first envelope
+# marked on its time axis.
+add_test(NAME vxtool.env_plot_axes COMMAND sh -c
+  "'$<TARGET_FILE:vxtool>' env plot '${vx_env_seeds}/text.txt' -o '${CMAKE_CURRENT_BINARY_DIR}/axes.svg' >/dev/null &&    grep -o 'class=.[a-z-]*-tick.[^>]*>[^<]*<\\|<title>key at [^<]*<\\|time (s)' '${CMAKE_CURRENT_BINARY_DIR}/axes.svg' |    sed 's/ x=[^>]*//' | head -n 24")
+set_tests_properties(vxtool.env_plot_axes PROPERTIES PASS_REGULAR_EXPRESSION
+  "^class=.value-tick.>-2<\nclass=.value-tick.>0<\nclass=.value-tick.>2<\nclass=.time-tick.>-1\\.5<\nclass=.time-tick.>-1<\n(class=.time-tick.>[-0-9.]+<\n)*class=.time-tick.>3<\ntime \\(s\\)\n<title>key at 0 s<\n<title>key at 0\\.25 s<\n<title>key at 1 s<\n<title>key at 1\\.5 s<\n")
+# Names that are not UTF-8 (Latin-1 bytes) come out as escapes; UTF-8 passes through.
+add_test(NAME vxtool.env_eval_json_utf8 COMMAND sh -c
+  "printf 'Envelope 0 {\\n  Name \"caf\\303\\251 \\351t\\351\\377\"\\n  Key 0 1\\n}\\n' > '${CMAKE_CURRENT_BINARY_DIR}/latin1.txt' &&    '$<TARGET_FILE:vxtool>' env eval --json '${CMAKE_CURRENT_BINARY_DIR}/latin1.txt' 0")
+set_tests_properties(vxtool.env_eval_json_utf8 PROPERTIES PASS_REGULAR_EXPRESSION
+  "\"name\": \"café \\\\u00e9t\\\\u00e9\\\\u00ff\", \"values\": \\[\\[0, 1\\]\\]}")
 vx_cli_test(env_missing_file 3 "absent\\.iff: cannot open the file" env eval ${vx_env_seeds}/absent.iff 1)
 vx_cli_test(env_malformed_file 3 "CMakeLists\\.txt: line [0-9]+: " env eval ${CMAKE_CURRENT_SOURCE_DIR}/CMakeLists.txt 1)
 vx_cli_test(env_bad_time 2 "not a time in seconds: 'soon'" env eval ${vx_env_seeds}/text.txt soon)
@@ -161,6 +208,21 @@ add_test(NAME vxtool.config_set_list_get COMMAND sh -c
    '$<TARGET_FILE:vxtool>' config get '${vx_config_file}' Nope 2>&1; test $? -eq 1")
 set_tests_properties(vxtool.config_set_list_get PROPERTIES PASS_REGULAR_EXPRESSION
   "^Window 9 8 7\nRecent \"/a b/c\\.lws\"\nRecent \"x\\\\\\\\y\"\n/a b/c\\.lws\n9\n8\nvxtool config: [^\n]*config_test\\.cfg: no value 'Nope'\n$")
+# set refuses to write back a file whose import lost anything (a line over 1023 characters,
+# text after a NUL byte, a name without a value), names the first such line and leaves the
+# file as it was; --force writes it all the same. Blank lines and spacing are not data.
+set(vx_config_lossy ${CMAKE_CURRENT_BINARY_DIR}/config_lossy.cfg)
+add_test(NAME vxtool.config_set_keeps_what_it_cannot_write COMMAND sh -c
+  "cd '${CMAKE_CURRENT_BINARY_DIR}' && \
+   printf '  A   1\\r\\n\\nB 2\\n' > spaced.cfg && '$<TARGET_FILE:vxtool>' config set spaced.cfg C 3 && \
+   '$<TARGET_FILE:vxtool>' config list spaced.cfg && \
+   { printf 'A 1\\nLong ' && head -c 1100 /dev/zero | tr '\\\\0' x && printf '\\nC 3\\n'; } > long.cfg && \
+   printf 'A 1\\nB 2\\nNul a\\000b\\n' > nul.cfg && printf 'A 1\\nNameOnly\\n' > bare.cfg && \
+   for f in long nul bare; do \
+     cp $f.cfg $f.before && '$<TARGET_FILE:vxtool>' config set $f.cfg A 9 2>&1; test $? -eq 3 && cmp $f.cfg $f.before || exit 1; \
+   done && '$<TARGET_FILE:vxtool>' config set bare.cfg A 9 --force && '$<TARGET_FILE:vxtool>' config list bare.cfg")
+set_tests_properties(vxtool.config_set_keeps_what_it_cannot_write PROPERTIES PASS_REGULAR_EXPRESSION
+  "^A 1\nB 2\nC 3\nvxtool config: long\\.cfg: line 2 would be lost or changed by writing the file back \\(it is longer than 1023 characters\\); nothing written \\(--force writes it all the same\\)\n[^\n]*nul\\.cfg: line 3 [^\n]*\\(it holds a NUL byte\\)[^\n]*\n[^\n]*bare\\.cfg: line 2 [^\n]*\\(it holds a name without a value\\)[^\n]*\nA 9\n$")
 vx_cli_test(config_missing_file 3 "absent\\.cfg: cannot open the file" config list ${CMAKE_CURRENT_BINARY_DIR}/absent.cfg)
 vx_cli_test(config_unwritable_file 1 "dir\\.cfg: cannot write the file" config set ${CMAKE_CURRENT_BINARY_DIR}/no/such/dir.cfg A 1)
 vx_cli_test(config_bad_command_line 2 "get needs a value NAME" config get only-a-file)
