@@ -1,17 +1,10 @@
-#include <vxtools3/config.h>
-
+#include "services/config_test.h"
 #include "services/textparse_internal.h"
-
-#include <gtest/gtest.h>
 
 #include <cfloat>
 #include <climits>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
-#include <random>
-#include <string>
-#include <vector>
 
 namespace {
 
@@ -24,95 +17,51 @@ std::string Quote(const std::string &word)
     return out;
 }
 
-std::string RandomWord(std::mt19937 &rng)
-{
-    // Biased towards the bytes that need care: blanks, quotes, backslashes, controls.
-    static const std::string kTricky = " \t\n\r\"\\\x01\x7f\x1f\xc3\xa9xX0";
-    std::uniform_int_distribution<int> length(0, 12), pick(0, 3), byte(1, 255);
-    std::string word;
-    for (int n = length(rng); n > 0; --n)
-        word += pick(rng) ? kTricky[static_cast<size_t>(byte(rng)) % kTricky.size()] : static_cast<char>(byte(rng));
-    return word;
-}
-
 TEST(QuoteWordTest, QuotingRulesByteForByte)
 {
-    EXPECT_EQ(Quote("plain"), "plain");
-    EXPECT_EQ(Quote("caf\xc3\xa9"), "caf\xc3\xa9");
-    EXPECT_EQ(Quote(""), "\"\"");
-    EXPECT_EQ(Quote("two words"), "\"two words\"");
-    EXPECT_EQ(Quote("say \"hi\""), "\"say \\\"hi\\\"\"");
-    EXPECT_EQ(Quote("C:\\dir"), "\"C:\\\\dir\"");
-    EXPECT_EQ(Quote("a\tb\nc\r"), "\"a\\tb\\nc\\r\"");
-    EXPECT_EQ(Quote("\x01\x1f\x7f"), "\"\\x01\\x1f\\x7f\"");
-    EXPECT_EQ(Quote("x\"y"), "\"x\\\"y\"");
+    const std::pair<const char *, const char *> cases[] = {
+        {"plain", "plain"}, {"caf\xc3\xa9", "caf\xc3\xa9"}, {"", "\"\""}, {"two words", "\"two words\""},
+        {"say \"hi\"", "\"say \\\"hi\\\"\""}, {"C:\\dir", "\"C:\\\\dir\""},
+        {"a\tb\nc\r", "\"a\\tb\\nc\\r\""}, {"\x01\x1f\x7f", "\"\\x01\\x1f\\x7f\""}, {"x\"y", "\"x\\\"y\""}};
+    for (const auto &[word, quoted] : cases)
+        EXPECT_EQ(Quote(word), quoted);
 }
 
 TEST(QuoteWordTest, CutsLikeSnprintf)
 {
-    char out[6];
-    std::memset(out, '#', sizeof out);
-    EXPECT_EQ(QuoteWord(out, sizeof out, "a b c d"), 9);  // "a b c d" with quotes
-    EXPECT_STREQ(out, "\"a b ");
-    EXPECT_EQ(QuoteWord(out, 3, "plainword"), 9);
-    EXPECT_STREQ(out, "pl");
-    EXPECT_EQ(QuoteWord(out, 1, "x"), 1);
-    EXPECT_STREQ(out, "");
-}
-
-TEST(QuoteWordTest, RandomWordsRoundTripInALine)
-{
-    std::mt19937 rng(7);
-    for (int round = 0; round < 300; ++round) {
-        std::vector<std::string> words(5);
-        std::string line;
-        for (std::string &w : words) {
-            w = RandomWord(rng);
-            line += (line.empty() ? "" : " ") + Quote(w);
-        }
-        const char *p = line.c_str();
-        for (const std::string &w : words) {
-            char back[CONFIG_TEXT_SIZE];
-            ASSERT_EQ(PullQuoteWord(&p, back, sizeof back), 1) << line;
-            EXPECT_EQ(std::string(back), w) << line;
-        }
-        EXPECT_EQ(*vx::text::SkipWhite(p), '\0');
-        char extra[8];
-        EXPECT_EQ(PullQuoteWord(&p, extra, sizeof extra), 0);
+    const struct { int size; const char *word; int length; const char *kept; } cases[] = {
+        {6, "a b c d", 9, "\"a b "}, {3, "plainword", 9, "pl"}, {1, "x", 1, ""}};
+    for (const auto &c : cases) {
+        char out[6] = "#####";
+        EXPECT_EQ(QuoteWord(out, c.size, c.word), c.length);
+        EXPECT_STREQ(out, c.kept);
     }
 }
 
 TEST(PullTest, MalformedOrOversizedFieldsStoreNothingAndKeepTheCursor)
 {
     const char *const bad[] = {"\"open", "\"bad \\q escape\"", "\"\\x00\"", "\"\\x1\"", "\"ab\"cd", "", "   "};
-    for (const char *text : bad) {
-        const char *p = text;
-        char word[16] = "untouched";
-        EXPECT_EQ(PullQuoteWord(&p, word, sizeof word), 0) << text;
-        EXPECT_EQ(p, text);
-        EXPECT_STREQ(word, "untouched");
+    const char *text = "\"0123456789\" abcdefgh", *p = text;
+    char small[10] = "untouched", fits[11], big[16] = "untouched";
+    for (const char *bad_text : bad) {
+        const char *q = bad_text;
+        EXPECT_EQ(PullQuoteWord(&q, big, sizeof big), 0) << bad_text;
+        EXPECT_EQ(q, bad_text);
     }
-    const char *text = "\"0123456789\" abcdefgh";
-    const char *p = text;
-    char small[10] = "untouched";
+    EXPECT_STREQ(big, "untouched");
     EXPECT_EQ(PullQuoteWord(&p, small, sizeof small), 0) << "ten characters need eleven bytes";
     EXPECT_EQ(p, text);
     EXPECT_STREQ(small, "untouched");
-    char fits[11];
     ASSERT_EQ(PullQuoteWord(&p, fits, sizeof fits), 1);
     EXPECT_STREQ(fits, "0123456789");
     EXPECT_EQ(PullNonWhite(&p, small, 8), 0);  // eight bytes need nine
     ASSERT_EQ(PullNonWhite(&p, small, 9), 1);
     EXPECT_STREQ(small, "abcdefgh");
-}
-
-TEST(PullTest, UnquotedWordsAreReadVerbatim)
-{
-    const char *p = "  back\\slash mid\"quote\t";
-    char word[32];
+    // Unquoted words are read verbatim.
+    p = "  back\\slash mid\"quote\t";
     for (const char *expect : {"back\\slash", "mid\"quote"}) {
-        ASSERT_EQ(PullQuoteWord(&p, word, sizeof word), 1);
-        EXPECT_STREQ(word, expect);
+        ASSERT_EQ(PullQuoteWord(&p, fits, sizeof fits), 1);
+        EXPECT_STREQ(fits, expect);
     }
 }
 
