@@ -20,21 +20,23 @@ using vx::undo::RecordCount;
 
 namespace {
 
-// ---- Simple recording actions ----------------------------------------------------------------
-
-std::vector<std::string> g_calls;  // "a<code>" for actions, "r<code>:<data>" for releases
+using Calls = std::vector<std::string>;
+Calls g_calls;  // "a<code>" for actions, "r<code>:<data>" for releases
 uintptr_t g_expectedSystemData = 0;
 
-void Act(uintptr_t system, int32_t code, uintptr_t)
+void Log(uintptr_t system, std::string call)
 {
     EXPECT_EQ(system, g_expectedSystemData);
-    g_calls.push_back("a" + std::to_string(code));
+    g_calls.push_back(std::move(call));
 }
+void Act(uintptr_t system, int32_t code, uintptr_t) { Log(system, "a" + std::to_string(code)); }
+void Rel(uintptr_t system, int32_t code, uintptr_t data) { Log(system, "r" + std::to_string(code) + ":" + std::to_string(data)); }
 
-void Rel(uintptr_t system, int32_t code, uintptr_t data)
+// Adds a complete record for each code, with the code as its data.
+void AddAll(std::initializer_list<int32_t> codes)
 {
-    EXPECT_EQ(system, g_expectedSystemData);
-    g_calls.push_back("r" + std::to_string(code) + ":" + std::to_string(data));
+    for (int32_t code : codes)
+        EXPECT_EQ(UndoAddComplete(code, Act, static_cast<uintptr_t>(code), Rel), 1);
 }
 
 class UndoTest : public ::testing::Test {
@@ -49,25 +51,20 @@ protected:
     static void Reset()
     {
         UndoSysShutdown();
-        UndoSysSetData(0);
-        g_expectedSystemData = 0;
+        UndoSysSetData(g_expectedSystemData = 0);
         g_calls.clear();
     }
 };
 
-using Calls = std::vector<std::string>;
-
 TEST_F(UndoTest, NothingIsKeptUntilTheMaximumIsSet)
 {
     EXPECT_EQ(UndoSysGetMax(), 0);
-    EXPECT_EQ(UndoAddComplete(3, Act, 30, Rel), 1);
-    EXPECT_EQ(UndoNumUndo(), 0);
-    EXPECT_EQ(g_calls, (Calls{"r3:30"})) << "released at once";
-    EXPECT_EQ(RecordCount(), 0);
+    AddAll({3});
+    EXPECT_EQ(UndoNumUndo() + RecordCount(), 0);
+    EXPECT_EQ(g_calls, (Calls{"r3:3"})) << "released at once";
     g_calls.clear();
     UndoSysSetMax(-1);
-    UndoSysSetData(77);
-    g_expectedSystemData = 77;
+    UndoSysSetData(g_expectedSystemData = 77);
     UndoAddComplete(4, Act, 0, Rel);        // no data: release not called
     UndoAddComplete(5, Act, 50, nullptr);   // no release
     UndoAddComplete(6, nullptr, 60, Rel);   // no action: carries data only
@@ -83,15 +80,13 @@ TEST_F(UndoTest, NothingIsKeptUntilTheMaximumIsSet)
 TEST_F(UndoTest, NewWorkDropsRedoAndBalancedBlocksMakeNoStep)
 {
     UndoSysSetMax(-1);
-    UndoAddComplete(1, Act, 1, Rel);
-    UndoAddComplete(2, Act, 2, Rel);
+    AddAll({1, 2});
     UndoSysUndo();
     UndoSysUndo();
     g_calls.clear();
     UndoBlockBegin();
     EXPECT_EQ(g_calls, (Calls{"r2:2", "r1:1"})) << "beginning a block drops both redo steps, newest first";
-    EXPECT_EQ(UndoNumRedo(), 0);
-    UndoAddComplete(3, Act, 3, Rel);
+    AddAll({3});
     UndoAddPending(4, Act, 4, Rel);
     UndoBlockEnd();
     EXPECT_EQ(UndoNumUndo() + UndoNumRedo(), 0) << "complete and pending cancel: no step";
@@ -104,14 +99,13 @@ TEST_F(UndoTest, NewWorkDropsRedoAndBalancedBlocksMakeNoStep)
 TEST_F(UndoTest, AbortRemovesAsManyRecordsAsTheLevelsBalance)
 {
     UndoSysSetMax(-1);
-    UndoAddComplete(1, Act, 1, Rel);
-    g_calls.clear();
+    AddAll({1});
     UndoBlockBegin();
-    UndoAddComplete(2, Act, 2, Rel);
+    AddAll({2});
     UndoBlockBegin();
-    UndoAddComplete(3, Act, 3, Rel);
-    UndoAddComplete(4, Act, 4, Rel);
+    AddAll({3, 4});
     UndoAddPending(5, Act, 5, Rel);
+    g_calls.clear();
     UndoBlockAbort();  // balance -1: only the newest record goes
     EXPECT_EQ(g_calls, (Calls{"r5:5"}));
     UndoBlockAbort();  // the outer level balances -1 as well: one record more, the newest
@@ -123,7 +117,7 @@ TEST_F(UndoTest, AbortRemovesAsManyRecordsAsTheLevelsBalance)
     EXPECT_EQ(g_calls, (Calls{"r1:1", "r2:2", "r3:3"}));
 }
 
-TEST_F(UndoTest, RewritingOnlyWhileAnActionRuns)
+TEST_F(UndoTest, RewritingOnlyWhileAnActionRunsAndNestingMergesPastTwelve)
 {
     EXPECT_EQ(UndoNewCode(5), nullptr);
     EXPECT_EQ(UndoNewAction(Act), nullptr);
@@ -135,47 +129,35 @@ TEST_F(UndoTest, RewritingOnlyWhileAnActionRuns)
     UndoSysUndo();
     EXPECT_NE(seen, nullptr);
     EXPECT_EQ(UndoNewCode(5), nullptr);
-    UndoSysShutdown();
+    UndoSysClear();
     EXPECT_EQ(g_calls, (Calls{"r8:80"}));
-}
-
-TEST_F(UndoTest, NestingBeyondTwelveLevelsMergesIntoTheTwelfth)
-{
-    UndoSysSetMax(-1);
+    // Levels beyond the twelfth merge into it.
     for (int i = 0; i < 15; ++i)
         UndoBlockBegin();
     EXPECT_EQ(OpenDepth(), 15);
-    UndoAddComplete(1, Act, 1, Rel);
+    AddAll({1});
     UndoBlockAbort();  // a merged level: removes nothing
     EXPECT_EQ(RecordCount(), 1);
-    UndoAddComplete(2, Act, 2, Rel);
+    AddAll({2});
     for (int i = 0; i < 14; ++i)
         EXPECT_EQ(UndoBlockEnd(), 1);
     EXPECT_EQ(UndoNumUndo(), 1);
     EXPECT_EQ(RecordCount(), 4);
 }
 
-// ---- Out-of-memory sweeps ------------------------------------------------------------------
+struct Shape { int32_t undo, redo, records, depth, spares; size_t calls; bool operator==(const Shape &) const = default; };
 
-struct Shape {
-    int32_t undo, redo, records, depth, spares;
-    size_t calls;
-    bool operator==(const Shape &) const = default;
-};
-Shape Now()
-{
-    return {UndoNumUndo(), UndoNumRedo(), RecordCount(), OpenDepth(), vx::undo::SpareCount(), g_calls.size()};
-}
+Shape Now() { return {UndoNumUndo(), UndoNumRedo(), RecordCount(), OpenDepth(), vx::undo::SpareCount(), g_calls.size()}; }
 
 // A history of two undo steps and one redo step (so that a failed add must also leave the
 // redo step alone), with no spare records; or with one spare and the redo step dropped (a
 // record taken from the spares must go back to them when the markers cannot be made).
-void BuildHistory(bool inBlock, bool oneSpare)
+// An operation that ends a block first gets two adds in it.
+void BuildHistory(bool inBlock, bool oneSpare, bool endsBlock)
 {
     g_calls.clear();
     UndoSysSetMax(5);
-    for (int32_t code = 1; code <= 3; ++code)
-        UndoAddComplete(code, Act, static_cast<uintptr_t>(code), Rel);
+    AddAll({1, 2, 3});
     UndoSysUndo();
     if (inBlock)
         UndoBlockBegin();  // drops the redo step
@@ -187,13 +169,8 @@ void BuildHistory(bool inBlock, bool oneSpare)
     } else {
         vx::undo::DropSpares();
     }
-}
-
-void EmptyHistory()
-{
-    while (OpenDepth())
-        UndoBlockAbort();
-    UndoSysShutdown();
+    if (endsBlock)
+        AddAll({7, 8});
 }
 
 // A failed add or block end leaves everything as it was: the block stays open.
@@ -207,9 +184,7 @@ TEST_F(UndoTest, OutOfMemoryAddCompleteAndPendingAndBlockEnd)
     for (const auto &c : cases) {
         SCOPED_TRACE(::testing::Message() << "operation " << c.op << " in block " << c.inBlock << " spare " << c.oneSpare);
         vxtest::OomSweepAll({[&] {
-                                 BuildHistory(c.inBlock, c.oneSpare);
-                                 for (int32_t code = 7; c.op == 2 && code <= 8; ++code)
-                                     UndoAddComplete(code, Act, static_cast<uintptr_t>(code), Rel);
+                                 BuildHistory(c.inBlock, c.oneSpare, c.op == 2);
                                  before = Now();
                              },
                              [&] { return (c.op == 2 ? UndoBlockEnd() : (c.op ? UndoAddPending : UndoAddComplete)(9, Act, 9, Rel)) == 1; },
@@ -217,46 +192,32 @@ TEST_F(UndoTest, OutOfMemoryAddCompleteAndPendingAndBlockEnd)
                                  EXPECT_EQ(Now(), before);
                                  EXPECT_EQ(CheckStructure(), nullptr);
                              },
-                             EmptyHistory});
+                             [] {
+                                 while (OpenDepth())
+                                     UndoBlockAbort();
+                                 UndoSysShutdown();
+                             }});
     }
 }
 
-// ---- The model: a small text document edited, undone and redone ------------------------------
-//
-// Every edit is an insertion or an erasure of a few letters. Each record carries a heap token
-// with the edit; its action performs the edit on the document and then rewrites the record so
-// that the same record performs the opposite edit next time, in one of three ways: a new code
-// (the code says insert or erase), a new action (one action per direction), or new data (a
-// fresh token for the opposite edit; the action retires the old one). The model keeps the
-// document, the undo steps and the redo steps as plain vectors of edits and replays them by
-// itself; after every operation the document, the step counts, the block data and the number
-// of live tokens must agree with it. A token released twice, used after release or never
-// released is caught by the live-token registry.
+// The model: a small text document edited, undone and redone. Each record carries a heap token
+// with its edit (an insertion or erasure of a few letters); its action performs the edit and then
+// rewrites the record to perform the opposite next time, in one of three ways: a new code, a new
+// action (one per direction), or new data (a fresh token; the old one is retired). The model
+// replays the document and the steps by itself; the live-token registry catches a token released
+// twice, used after release or never released.
 
 enum Kind : int32_t { kInsert = 1, kErase = 2 };
 Kind Opposite(int32_t kind) { return kind == kInsert ? kErase : kInsert; }
 
-struct Edit {
-    int32_t kind;
-    size_t pos;
-    std::string text;
-};
-
-struct Token {
-    Edit edit;
-    bool blockData;
-};
+struct Edit { int32_t kind; size_t pos; std::string text; };
+struct Token { Edit edit; bool blockData; };
 
 std::string g_doc;
 std::set<Token *> g_live;
 int g_badTokens = 0;
 
-Token *NewToken(const Edit &edit, bool blockData = false)
-{
-    auto *token = new Token{edit, blockData};
-    g_live.insert(token);
-    return token;
-}
+Token *NewToken(const Edit &edit, bool blockData = false) { return *g_live.insert(new Token{edit, blockData}).first; }
 
 Token *Live(uintptr_t data)
 {
@@ -265,11 +226,7 @@ Token *Live(uintptr_t data)
     return g_live.count(token) ? token : nullptr;
 }
 
-void Retire(Token *token)
-{
-    g_live.erase(token);
-    delete token;
-}
+void Retire(Token *token) { g_live.erase(token), delete token; }
 
 void Apply(std::string &doc, int32_t kind, size_t pos, const std::string &text)
 {
@@ -282,7 +239,7 @@ void Apply(std::string &doc, int32_t kind, size_t pos, const std::string &text)
     doc.erase(pos, text.size());
 }
 
-void Apply(std::string &doc, const Edit &e) { Apply(doc, e.kind, e.pos, e.text); }
+void Replay(std::string &doc, const Edit &e) { Apply(doc, e.kind, e.pos, e.text); }
 void Revert(std::string &doc, const Edit &e) { Apply(doc, Opposite(e.kind), e.pos, e.text); }
 
 void ReleaseToken(uintptr_t system, int32_t code, uintptr_t data)
@@ -315,7 +272,7 @@ void DirectedAction(uintptr_t, int32_t, uintptr_t data)
 void BySwap(uintptr_t, int32_t, uintptr_t data)
 {
     if (Token *token = Live(data)) {
-        Apply(g_doc, token->edit);
+        Replay(g_doc, token->edit);
         Edit opposite = token->edit;
         opposite.kind = Opposite(opposite.kind);
         UndoNewData(reinterpret_cast<uintptr_t>(NewToken(opposite)), ReleaseToken);
@@ -323,26 +280,16 @@ void BySwap(uintptr_t, int32_t, uintptr_t data)
     }
 }
 
-struct Step {
-    std::vector<Edit> edits;  // in the order performed forwards
-    Token *blockData = nullptr;
-};
+struct Step { std::vector<Edit> edits; Token *blockData = nullptr; };  // edits in the order performed forwards
 
 class DocumentModel {
 public:
-    explicit DocumentModel(uint32_t seed) : rng_(seed) {}
+    explicit DocumentModel(uint32_t seed) : rng_(seed) { g_doc = doc_ = "undo"; }
 
-    void Run(int operations)
+    void Operate()
     {
-        g_doc = doc_ = "undo";
-        for (int i = 0; i < operations && !::testing::Test::HasFailure(); ++i) {
-            RandomOperation();
-            Check();
-        }
-        UndoSysShutdown();
-        undo_.clear(), redo_.clear();
-        EXPECT_TRUE(g_live.empty()) << g_live.size() << " tokens never released";
-        EXPECT_EQ(g_badTokens, 0) << "tokens used or released after their release";
+        RandomOperation();
+        Check();
     }
 
 private:
@@ -350,21 +297,19 @@ private:
 
     void RandomOperation()
     {
+        static constexpr int32_t kMaxima[] = {-1, 0, 1, 2, 3, 5, 8, 8, 8};
         switch (Pick(10)) {
-        case 0: case 1: CompleteWork(); break;
+        case 0: case 1: if (!pendingQueued_) Work(true, doc_); break;  // never behind queued pending steps
         case 2: PendingWork(); break;
         case 3: case 4: Undo(); break;
         case 5: case 6: Redo(); break;
-        case 7: SetMax(); break;
+        case 7: UndoSysSetMax(maximum_ = kMaxima[Pick(9)]), Trim(true); break;
         case 8: SetBlockData(); break;
         default:
-            if (Pick(4) == 0) {
-                UndoSysClear();
-                undo_.clear(), redo_.clear();
-                pendingQueued_ = false;
-            } else {
+            if (Pick(4))
                 UndoSysSetData(g_expectedSystemData = static_cast<uintptr_t>(Pick(1000)));
-            }
+            else
+                UndoSysClear(), undo_.clear(), redo_.clear(), pendingQueued_ = false;
         }
     }
 
@@ -383,132 +328,85 @@ private:
         ASSERT_EQ(UndoBlockGetData(1), redo_.empty() ? 0 : reinterpret_cast<uintptr_t>(redo_.front().blockData));
     }
 
-    Edit RandomEdit(const std::string &doc)
+    // Makes a random edit of `work` (the document itself for complete work, a projection for
+    // pending work) and records it: a complete record first performs its opposite, a pending
+    // one performs it.
+    Edit AddEdit(std::string &work, bool complete)
     {
-        Edit e;
-        if (doc.empty() || Pick(2) == 0) {
-            e.kind = kInsert;
-            e.pos = static_cast<size_t>(Pick(static_cast<int>(doc.size()) + 1));
+        Edit e{kInsert, static_cast<size_t>(Pick(static_cast<int>(work.size()) + 1)), ""};
+        if (!work.empty() && Pick(2)) {
+            e.kind = kErase;
+            e.pos = static_cast<size_t>(Pick(static_cast<int>(work.size())));
+            e.text = work.substr(e.pos, static_cast<size_t>(1 + Pick(std::min<int>(3, static_cast<int>(work.size() - e.pos)))));
+        } else {
             for (int n = 1 + Pick(3); n > 0; --n)
                 e.text += static_cast<char>('a' + (letter_++ % 26));
-        } else {
-            e.kind = kErase;
-            e.pos = static_cast<size_t>(Pick(static_cast<int>(doc.size())));
-            e.text = doc.substr(e.pos, static_cast<size_t>(1 + Pick(std::min<int>(3, static_cast<int>(doc.size() - e.pos)))));
         }
+        Perform(work, complete, e, false);
+        Edit first = e;
+        first.kind = complete ? Opposite(e.kind) : e.kind;
+        const auto data = reinterpret_cast<uintptr_t>(NewToken(first));
+        auto add = complete ? UndoAddComplete : UndoAddPending;
+        UndoAction *const ways[] = {ByCode, first.kind == kInsert ? DirectedAction<kInsert> : DirectedAction<kErase>, BySwap};
+        const int way = Pick(3);  // only the code-driven record carries its kind as the code
+        EXPECT_EQ(add(way ? 0 : first.kind, ways[way], data, ReleaseToken), 1);
         return e;
     }
 
-    // Records `e`: a complete record first performs its opposite, a pending one performs it.
-    void Record(const Edit &e, bool complete)
+    // The application performs a complete change itself.
+    static void Perform(std::string &work, bool complete, const Edit &e, bool revert)
     {
-        Edit first = e;
+        (revert ? Revert : Replay)(work, e);
         if (complete)
-            first.kind = Opposite(e.kind);
-        const auto data = reinterpret_cast<uintptr_t>(NewToken(first));
-        auto add = complete ? UndoAddComplete : UndoAddPending;
-        switch (Pick(3)) {
-        case 0: ASSERT_EQ(add(first.kind, ByCode, data, ReleaseToken), 1); break;
-        case 1: ASSERT_EQ(add(0, first.kind == kInsert ? DirectedAction<kInsert> : DirectedAction<kErase>, data, ReleaseToken), 1); break;
-        default: ASSERT_EQ(add(0, BySwap, data, ReleaseToken), 1); break;
-        }
+            (revert ? Revert : Replay)(g_doc, e);
     }
 
-    // Makes edits at one block level, some in nested blocks that end or abort. `work` is the
-    // text the edits apply to: the document itself for complete work, a projection for
-    // pending work. Returns the edits that stayed, in order.
-    std::vector<Edit> FillLevel(bool complete, std::string &work, int depth)
+    // One block of edits, some in nested blocks; a block ends or aborts. Returns the edits
+    // that stayed, in order.
+    std::vector<Edit> Block(bool complete, std::string &work, int depth)
     {
+        UndoBlockBegin();
         std::vector<Edit> kept;
         for (int n = Pick(4); n > 0; --n) {
             if (depth < 3 && Pick(4) == 0) {
-                UndoBlockBegin();
-                std::vector<Edit> inner = FillLevel(complete, work, depth + 1);
-                if (Pick(3) == 0) {
-                    UndoBlockAbort();
-                    RevertAll(inner, work, complete);
-                } else {
-                    EXPECT_EQ(UndoBlockEnd(), 1);
-                    kept.insert(kept.end(), inner.begin(), inner.end());
-                }
-                continue;
+                const std::vector<Edit> inner = Block(complete, work, depth + 1);
+                kept.insert(kept.end(), inner.begin(), inner.end());
+            } else {
+                kept.push_back(AddEdit(work, complete));
             }
-            const Edit e = RandomEdit(work);
-            Apply(work, e);
-            if (complete)
-                Apply(g_doc, e);  // the application performs a complete change itself
-            Record(e, complete);
-            kept.push_back(e);
         }
+        if (Pick(depth == 1 ? 5 : 3) == 0) {
+            UndoBlockAbort();
+            for (auto it = kept.rbegin(); it != kept.rend(); ++it)
+                Perform(work, complete, *it, true);
+            return {};
+        }
+        EXPECT_EQ(UndoBlockEnd(), 1);
         return kept;
     }
 
-    void RevertAll(const std::vector<Edit> &edits, std::string &work, bool complete)
-    {
-        for (auto it = edits.rbegin(); it != edits.rend(); ++it) {
-            Revert(work, *it);
-            if (complete)
-                Revert(g_doc, *it);
-        }
-    }
-
-    // What beginning new work does to the redo side.
-    void BeginWork()
+    // A lone add or a block; new work drops the redo steps unless pending steps wait there.
+    void Work(bool complete, std::string &work)
     {
         if (!pendingQueued_)
             redo_.clear();
-    }
-
-    void Work(bool complete, std::string &work)
-    {
-        if (Pick(3) == 0) {  // a lone add
-            BeginWork();
-            const Edit e = RandomEdit(work);
-            Apply(work, e);
-            if (complete)
-                Apply(g_doc, e);
-            Record(e, complete);
-            Close({{e}}, complete);
+        std::vector<Edit> edits = Pick(3) ? Block(complete, work, 1) : std::vector<Edit>{AddEdit(work, complete)};
+        if (edits.empty())
             return;
-        }
-        UndoBlockBegin();
-        BeginWork();
-        std::vector<Edit> edits = FillLevel(complete, work, 1);
-        if (Pick(5) == 0) {
-            UndoBlockAbort();
-            RevertAll(edits, work, complete);
-            return;
-        }
-        EXPECT_EQ(UndoBlockEnd(), 1);
-        if (!edits.empty())
-            Close({edits}, complete);
-    }
-
-    void Close(Step step, bool complete)
-    {
-        if (complete) {
-            undo_.push_back(std::move(step));
-        } else {
-            redo_.push_back(std::move(step));
-            pendingQueued_ = true;
-        }
-        TrimUndo();
-    }
-
-    void CompleteWork()
-    {
-        if (pendingQueued_ && !redo_.empty())
-            return;  // complete work behind queued pending steps is not a pattern we support
-        Work(true, doc_);
+        if (complete)
+            undo_.push_back({std::move(edits)});
+        else
+            redo_.push_back({std::move(edits)}), pendingQueued_ = true;
+        Trim(false);
     }
 
     void PendingWork()
     {
         std::string projection = doc_;
-        if (pendingQueued_)
-            for (const Step &s : redo_)
-                for (const Edit &e : s.edits)
-                    Apply(projection, e);
+        for (const Step &s : redo_)
+            for (const Edit &e : s.edits)
+                if (pendingQueued_)
+                    Replay(projection, e);
         Work(false, projection);
     }
 
@@ -517,8 +415,7 @@ private:
         ASSERT_EQ(UndoSysUndo(), undo_.empty() ? 0 : 1);
         if (undo_.empty())
             return;
-        const Step &step = undo_.back();
-        for (auto it = step.edits.rbegin(); it != step.edits.rend(); ++it)
+        for (auto it = undo_.back().edits.rbegin(); it != undo_.back().edits.rend(); ++it)
             Revert(doc_, *it);
         redo_.push_front(std::move(undo_.back()));
         undo_.pop_back();
@@ -531,32 +428,21 @@ private:
         if (redo_.empty())
             return;
         for (const Edit &e : redo_.front().edits)
-            Apply(doc_, e);
+            Replay(doc_, e);
         undo_.push_back(std::move(redo_.front()));
         redo_.pop_front();
-        if (redo_.empty())
-            pendingQueued_ = false;
+        pendingQueued_ = pendingQueued_ && !redo_.empty();
     }
 
-    void SetMax()
+    // The oldest undo steps go first, then (for a new maximum) the last redo steps.
+    void Trim(bool redoToo)
     {
-        static constexpr int32_t kChoices[] = {-1, 0, 1, 2, 3, 5, 8, 8, 8};
-        maximum_ = kChoices[Pick(9)];
-        UndoSysSetMax(maximum_);
-        TrimUndo();
-        if (maximum_ != -1)
-            while (!redo_.empty() && static_cast<int32_t>(undo_.size() + redo_.size()) > maximum_)
-                redo_.pop_back();
-        if (redo_.empty())
-            pendingQueued_ = false;
-    }
-
-    void TrimUndo()
-    {
-        if (maximum_ == -1)
-            return;
-        while (!undo_.empty() && static_cast<int32_t>(undo_.size() + redo_.size()) > maximum_)
+        const auto over = [&] { return maximum_ != -1 && static_cast<int32_t>(undo_.size() + redo_.size()) > maximum_; };
+        while (!undo_.empty() && over())
             undo_.erase(undo_.begin());
+        while (redoToo && !redo_.empty() && over())
+            redo_.pop_back();
+        pendingQueued_ = pendingQueued_ && !redo_.empty();
     }
 
     void SetBlockData()
@@ -564,12 +450,9 @@ private:
         const int32_t which = Pick(2) ? 1 : -1;
         Step *step = which == 1 ? (redo_.empty() ? nullptr : &redo_.front()) : (undo_.empty() ? nullptr : &undo_.back());
         Token *token = NewToken({}, true);
-        VxUndoRecord *start = UndoBlockSetData(which, reinterpret_cast<uintptr_t>(token), ReleaseToken);
-        ASSERT_EQ(start != nullptr, step != nullptr);
-        if (!step) {
-            Retire(token);
-            return;
-        }
+        ASSERT_EQ(UndoBlockSetData(which, reinterpret_cast<uintptr_t>(token), ReleaseToken) != nullptr, step != nullptr);
+        if (!step)
+            return Retire(token);
         if (step->blockData)
             Retire(step->blockData);  // replaced data comes back to its owner
         step->blockData = token;
@@ -590,11 +473,14 @@ TEST_F(UndoTest, DocumentEditsUndoAndRedoAgreeWithTheModel)
     for (uint32_t seed = 1; seed <= 30 && !HasFailure(); ++seed) {
         SCOPED_TRACE(::testing::Message() << "seed " << seed);
         g_badTokens = 0;
-        g_expectedSystemData = 0;
-        UndoSysSetData(0);
+        UndoSysSetData(g_expectedSystemData = 0);
         UndoSysSetMax(8);
         DocumentModel model(seed);
-        model.Run(300);
+        for (int i = 0; i < 300 && !HasFailure(); ++i)
+            model.Operate();
+        UndoSysShutdown();
+        EXPECT_TRUE(g_live.empty()) << g_live.size() << " tokens never released";
+        EXPECT_EQ(g_badTokens, 0) << "tokens used or released after their release";
         EXPECT_EQ(heap.LiveBytes(), 0u);
     }
     EXPECT_EQ(heap.BadFrees(), 0);
