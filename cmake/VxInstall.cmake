@@ -9,6 +9,9 @@ install(FILES include/vxtools3.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(DIRECTORY include/vxtools3 DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h")
 install(TARGETS vxtool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# `cmake --install` wants everything above built; building vxtool (as `./build.sh demo` does)
+# builds it all, the static library included (an archive of objects the shared one has made).
+add_dependencies(vxtool vxtools3_static)
 
 set(VX_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/vxtools3)
 install(EXPORT vxtools3Targets NAMESPACE vxtools3:: DESTINATION ${VX_CMAKE_DIR})

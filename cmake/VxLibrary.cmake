@@ -47,6 +47,9 @@ function(vx_finish_library)
     LINKER_LANGUAGE CXX)
   set_target_properties(vxtools3_static PROPERTIES
     OUTPUT_NAME vxtools3 LINKER_LANGUAGE CXX)
+  # The static library's objects are C++: programs that link it, C ones included, need the
+  # C++ runtime and the maths library after it.
+  target_link_libraries(vxtools3_static INTERFACE stdc++ m)
   target_link_options(vxtools3 PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/vxtools3.map)
   set_property(TARGET vxtools3 APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/vxtools3.map)
   # Every symbol the shared library needs must resolve at its own link. Sanitizer builds

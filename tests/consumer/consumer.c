@@ -1,4 +1,5 @@
-/* A small C program built against the installed library. */
+/* A small C program built against the installed library (its checkpoint blocks and ordered
+ * arrays). */
 #include <vxtools3.h>
 
 #include <stdio.h>
