@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstdint>
 #include <cstring>
@@ -18,8 +19,7 @@
 namespace {
 
 using namespace std::string_literals;
-
-// ---- A model of saved data -------------------------------------------------------------
+using Trace = std::vector<int64_t>;  // results of calls made in order, with values read between them
 
 enum class Kind { Bytes, Shorts, Longs, Ids, Floats, String, Index };
 
@@ -44,28 +44,21 @@ const VxBlockDesc kDescs[] = {
 };
 constexpr int kDescCount = 6;
 
+// +inf, a NaN with a payload, -0, subnormals, short decimals, any finite value.
 uint32_t RandomFloatBits(std::mt19937 &rng)
 {
-    switch (rng() % 8) {
-    case 0: return 0x7F800000u;                          // +inf
-    case 1: return 0xFFC00001u;                          // a NaN with a payload
-    case 2: return 0x80000000u;                          // -0
-    case 3: return rng() % 0x800000u;                    // subnormal
-    case 4: return std::bit_cast<uint32_t>(static_cast<float>(rng() % 1000) / 8.0f);
-    default: {
-        uint32_t bits = static_cast<uint32_t>(rng());
-        return (bits & 0x7F800000u) == 0x7F800000u ? bits ^ 0x40000000u : bits;  // finite
-    }
-    }
+    const uint32_t r = static_cast<uint32_t>(rng()), bits = static_cast<uint32_t>(rng());
+    const uint32_t special[] = {0x7F800000u, 0xFFC00001u, 0x80000000u, bits % 0x800000u,
+                                std::bit_cast<uint32_t>(static_cast<float>(bits % 1000) / 8.0f)};
+    return r % 8 < 5 ? special[r % 8] : (bits & 0x7F800000u) == 0x7F800000u ? bits ^ 0x40000000u : bits;
 }
 
 std::string RandomString(std::mt19937 &rng)
 {
     std::string s(rng() % 5 == 0 ? rng() % 200 : rng() % 8, 'x');
     for (char &c : s) {
-        int r = static_cast<int>(rng() % 10);
-        c = r == 0 ? '"' : r == 1 ? '\\' : r == 2 ? '\n' : r == 3 ? static_cast<char>(1 + rng() % 255)
-                                                                 : static_cast<char>('a' + rng() % 26);
+        const uint32_t r = static_cast<uint32_t>(rng() % 10), any = static_cast<uint32_t>(rng());
+        c = r < 3 ? "\"\\\n"[r] : static_cast<char>(r == 3 ? 1 + any % 255 : 'a' + any % 26);
     }
     return s;
 }
@@ -73,9 +66,9 @@ std::string RandomString(std::mt19937 &rng)
 Values RandomValues(std::mt19937 &rng)
 {
     Values v{static_cast<Kind>(rng() % 7), {}, {}};
-    int n = v.kind == Kind::String || v.kind == Kind::Index ? 1 : 1 + static_cast<int>(rng() % 5);
+    const int n = v.kind == Kind::String || v.kind == Kind::Index ? 1 : 1 + static_cast<int>(rng() % 5);
     for (int i = 0; i < n; ++i) {
-        uint32_t r = static_cast<uint32_t>(rng());
+        const uint32_t r = static_cast<uint32_t>(rng());
         switch (v.kind) {
         case Kind::Bytes: v.items.push_back(r & 0xFF); break;
         case Kind::Shorts: v.items.push_back(r & 0xFFFF); break;
@@ -83,11 +76,7 @@ Values RandomValues(std::mt19937 &rng)
         case Kind::Ids: v.items.push_back(rng() % 2 ? VX_ID('A' + r % 26, 'x', ' ', '\'') : r); break;
         case Kind::Floats: v.items.push_back(RandomFloatBits(rng)); break;
         case Kind::String: v.text = RandomString(rng); break;
-        case Kind::Index: {
-            static constexpr uint32_t kEdges[] = {0, 0xFEFF, 0xFF00, 0xFFFF, 0xFFFFFF};
-            v.items.push_back(rng() % 2 ? kEdges[r % 5] : r % 0x1000000u);
-            break;
-        }
+        case Kind::Index: v.items.push_back(rng() % 2 ? std::array{0u, 0xFEFFu, 0xFF00u, 0xFFFFu, 0xFFFFFFu}[r % 5] : r % 0x1000000u); break;
         }
     }
     return v;
@@ -95,18 +84,13 @@ Values RandomValues(std::mt19937 &rng)
 
 Block RandomBlock(std::mt19937 &rng, int depth)
 {
-    Block b;
-    b.desc = &kDescs[rng() % kDescCount];
-    int values = static_cast<int>(rng() % 4);
-    for (int i = 0; i < values; ++i)
+    Block b{&kDescs[rng() % kDescCount], {}, {}};
+    for (auto values = rng() % 4; values > 0; --values)
         b.values.push_back(RandomValues(rng));
-    int kids = depth < 4 && rng() % 2 ? static_cast<int>(rng() % 4) : 0;
-    for (int i = 0; i < kids; ++i)
+    for (auto kids = depth < 4 && rng() % 2 ? rng() % 4 : 0; kids > 0; --kids)
         b.kids.push_back(RandomBlock(rng, depth + 1));
     return b;
 }
-
-// ---- Saving and loading the model ------------------------------------------------------
 
 // The items as the type a state operation takes (the low bytes of each), and back.
 template <class To, class From>
@@ -185,8 +169,7 @@ void Load(VxLoadState *s, const Block &b)
     ASSERT_EQ(s->error, 0) << (s->message ? s->message : "") << " at line " << s->line;
 }
 
-// Saves through a text state, or a binary one inside a FORM of `formType`, and returns the
-// bytes.
+// Saves through a text state, or a binary one inside a FORM of `formType`; returns the bytes.
 template <class F>
 std::string Saved(uint32_t formType, F save)
 {
@@ -227,22 +210,14 @@ struct Loaded {
     VxIFFReader *reader = nullptr;
     VxLoadState state;
     explicit Loaded(std::string b, bool binary = false, uint32_t formType = 0, size_t length = SIZE_MAX)
-        : bytes(std::move(b))
+        : bytes(std::move(b)), stream(MemStrmReadCreate(bytes.data(), static_cast<int32_t>(std::min(length, bytes.size())), 0))
     {
-        stream = MemStrmReadCreate(bytes.data(), static_cast<int32_t>(std::min(length, bytes.size())), 0);
-        if (binary) {
-            reader = IFFRCreate(stream);
-            IFFRFormType(reader, formType);
-            IFFInitLoadState(&state, reader);
-        } else {
+        if ((reader = binary ? IFFRCreate(stream) : nullptr))
+            IFFRFormType(reader, formType), IFFInitLoadState(&state, reader);
+        else
             StrmInitLoadState(&state, stream);
-        }
     }
-    ~Loaded()
-    {
-        IFFRDestroy(reader);
-        StrmReadDestroy(stream);
-    }
+    ~Loaded() { IFFRDestroy(reader), StrmReadDestroy(stream); }
     VxLoadState *operator->() { return &state; }
 };
 
@@ -275,20 +250,11 @@ TEST(TextStates, WriterLayoutIsExact)
         const int16_t after = -5;
         const float floats[3] = {0.1f, -0.0f, 1e30f};
         const uint32_t ids[2] = {VX_ID('T', 'C', 'B', ' '), VX_ID(0, 1, 2, 3)};
-        s->beginBlock(s, &entry);
-        s->writeIndex(s, 7);
-        s->beginBlock(s, &cls);
-        s->writeString(s, "Image \"Filter\"\n\x01\\");
-        s->endBlock(s);
-        s->beginBlock(s, &tag);
-        s->writeLongs(s, &word, 1);
-        s->beginBlock(s, &span);
-        s->writeIDs(s, ids, 2);
-        s->writeFloats(s, floats, 3);
-        s->endBlock(s);
-        s->endBlock(s);
-        s->writeShorts(s, &after, 1);
-        s->endBlock(s);
+        s->beginBlock(s, &entry), s->writeIndex(s, 7);
+        s->beginBlock(s, &cls), s->writeString(s, "Image \"Filter\"\n\x01\\"), s->endBlock(s);
+        s->beginBlock(s, &tag), s->writeLongs(s, &word, 1);
+        s->beginBlock(s, &span), s->writeIDs(s, ids, 2), s->writeFloats(s, floats, 3);
+        s->endBlock(s), s->endBlock(s), s->writeShorts(s, &after, 1), s->endBlock(s);
     });
     EXPECT_EQ(text, "Entry 7 {\n"
                     "  Class \"Image \\\"Filter\\\"\\n\\x01\\\\\"\n"
@@ -317,45 +283,28 @@ TEST(TextStates, HandEditedTextWithCommentsBracesAndUnknownBlocksReads)
              "Entry 5\n"
              "6\n");
     VxLoadState *s = &t.state;
-    ASSERT_EQ(s->findBlock(s, kPlug), kPlug[0].id);
-    ASSERT_EQ(s->findBlock(s, kPlug), kPlug[1].id);
-    char name[16];
-    EXPECT_EQ(s->readString(s, name, 16), 1);
-    EXPECT_STREQ(name, "Blur");
-    EXPECT_EQ(s->readString(s, name, 16), 0) << "the head ends at the next keyword";
-    EXPECT_EQ(s->endBlock(s), 0);
+    char name[2][16];
     float f[3];
-    ASSERT_EQ(s->findBlock(s, kPlug), kPlug[2].id);
-    EXPECT_EQ(s->readFloats(s, f, 3), 2);
-    EXPECT_EQ(std::vector<float>(f, f + 2), (std::vector<float>{1.5f, 2.0f}));
-    EXPECT_EQ(s->endBlock(s), 0);
-    ASSERT_EQ(s->findBlock(s, kPlug), kPlug[2].id);
     int32_t l[2];
-    EXPECT_EQ(s->readLongs(s, l, 2), 2);
-    EXPECT_EQ(l[1], 4);
-    EXPECT_EQ(s->endBlock(s), 0);
-    EXPECT_EQ(s->findBlock(s, kPlug), 0u);
-    EXPECT_EQ(s->endBlock(s), 0);
-    ASSERT_EQ(s->findBlock(s, kPlug), kPlug[0].id);
-    EXPECT_EQ(s->readLongs(s, l, 2), 1) << "a head ends at the line end";
-    EXPECT_EQ(s->endBlock(s), 0);
-    EXPECT_EQ(s->readLongs(s, l, 2), 1) << "a value at the top level";
-    EXPECT_EQ(l[0], 6);
-    EXPECT_EQ(s->findBlock(s, kPlug), 0u);
-    EXPECT_EQ(s->error, 0) << s->message;
+    const auto find = [s] { return static_cast<int64_t>(s->findBlock(s, kPlug)); };
+    // A block's head ends at the next keyword or the line end; values may stand at the top level.
+    const Trace got = {find(), find(), s->readString(s, name[0], 16), s->readString(s, name[1], 16), s->endBlock(s),
+                       find(), s->readFloats(s, f, 3), s->endBlock(s),
+                       find(), s->readLongs(s, l, 2), l[1], s->endBlock(s), find(), s->endBlock(s),
+                       find(), s->readLongs(s, l, 2), s->endBlock(s), s->readLongs(s, l, 2), l[0], find(), s->error};
+    EXPECT_EQ(got, (Trace{kPlug[0].id, kPlug[1].id, 1, 0, 0, kPlug[2].id, 2, 0, kPlug[2].id, 2, 4, 0, 0, 0,
+                          kPlug[0].id, 1, 0, 1, 6, 0, 0}));
+    EXPECT_STREQ(name[0], "Blur");
+    EXPECT_EQ(std::vector<float>(f, f + 2), (std::vector<float>{1.5f, 2.0f}));
     EXPECT_EQ(s->endBlock(s), VX_ERR_FORMAT) << "no block is open";
 }
 
 TEST(TextStates, MalformedTextFailsWithAMessageAndItsLine)
 {
-    struct Case {
-        std::string text;
-        const char *message;
-        int line;
-        char keyRead = 'l';  // what a Key block is read as: l longs, f floats, i IDs, n nothing (enter it)
-    };
+    // keyRead: what a Key block is read as: l longs, f floats, i IDs, n nothing (enter it)
+    struct Case { std::string text; const char *message; int line; char keyRead = 'l'; };
     std::string deep;
-    for (int i = 0; i < 17; ++i)
+    while (deep.size() < 17 * 6)
         deep += "Key {\n";
     const Case cases[] = {
         {"Entry {\n  Class \"open\n}\n", "unterminated string", 2},
@@ -378,27 +327,22 @@ TEST(TextStates, MalformedTextFailsWithAMessageAndItsLine)
         vxtest::DebugCapture debug;
         Loaded t(c.text);
         VxLoadState *s = &t.state;
-        char buf[8];
-        int32_t l;
-        float f;
-        uint32_t i;
+        union { char buf[8]; int32_t l; float f; uint32_t i; } v;
         for (int guard = 0; guard < 20 && !s->error; ++guard) {
             const uint32_t id = s->findBlock(s, kPlug);
             if (id == kPlug[1].id)
-                s->readString(s, buf, 8);
+                s->readString(s, v.buf, 8);
             else if (id == kPlug[2].id && c.keyRead != 'n')
-                (void)(c.keyRead == 'f' ? s->readFloats(s, &f, 1) : c.keyRead == 'i' ? s->readIDs(s, &i, 1) : s->readLongs(s, &l, 1));
+                (void)(c.keyRead == 'f' ? s->readFloats(s, &v.f, 1) : c.keyRead == 'i' ? s->readIDs(s, &v.i, 1) : s->readLongs(s, &v.l, 1));
             else if (!id && s->depth == 0)
                 break;
             if (id != kPlug[0].id && (id != kPlug[2].id || c.keyRead != 'n'))
                 s->endBlock(s);
         }
-        EXPECT_EQ(s->error, VX_ERR_FORMAT);
         EXPECT_STREQ(s->message ? s->message : "(none)", c.message);
-        EXPECT_EQ(s->line, c.line);
         EXPECT_EQ(debug.Text(), "load state: line " + std::to_string(c.line) + ": " + c.message + "\n");
-        EXPECT_EQ(s->findBlock(s, kPlug), 0u) << "the failure is sticky";
-        EXPECT_EQ(s->readLongs(s, &l, 1), -VX_ERR_FORMAT);
+        EXPECT_EQ(Trace({s->error, s->line, s->findBlock(s, kPlug), s->readLongs(s, &v.l, 1)}),
+                  (Trace{VX_ERR_FORMAT, c.line, 0, -VX_ERR_FORMAT})) << "the failure is sticky";
     }
 }
 
@@ -408,19 +352,15 @@ TEST(TextStates, MalformedTextFailsWithAMessageAndItsLine)
 // the block.
 bool WalkInsideABlock(VxLoadState *s, bool binary)
 {
-    if (CkptBegin()) {
-        CkptLatchCode();
-        return true;
-    }
+    if (CkptBegin())
+        return CkptLatchCode(), true;
     vxtest::WalkLoadState(s, kDescs, 10000, [binary](VxLoadState *l) {
         char buf[8];
         float f;
-        if (binary)
-            return l->readBytes(l, reinterpret_cast<uint8_t *>(buf), 8) > 0;
-        return l->readString(l, buf, 8) == 1 || l->readFloats(l, &f, 1) == 1;
+        return binary ? l->readBytes(l, reinterpret_cast<uint8_t *>(buf), 8) > 0
+                      : l->readString(l, buf, 8) == 1 || l->readFloats(l, &f, 1) == 1;
     });
-    CkptEnd();
-    return false;
+    return CkptEnd(), false;
 }
 
 // Every prefix of a saved file loads without a crash, a leak or an unwind of the caller's
@@ -463,31 +403,22 @@ TEST(BinaryStates, IndexAndStringsHaveTheirFileForm)
     });
     const std::string expect = "ENVL\0\0\0\x0A\xFE\xFF\xFF\x00\xFF\x00" "ab\0\0"s;
     EXPECT_EQ(bytes.substr(12), expect);
-    // Read back: a string longer than the buffer is cut, and the terminator stays inside it.
-    Loaded load(bytes, true, VX_ID('T', 'E', 'S', 'T'));
+    Loaded load(bytes, true, VX_ID('T', 'E', 'S', 'T')), wrong(bytes, true, VX_ID('O', 'T', 'H', 'R'));
     VxLoadState *l = &load.state;
     uint32_t index[2];
-    ASSERT_EQ(l->findBlock(l, kDescs), envl.id);
-    EXPECT_EQ(l->readIndex(l, &index[0]) + l->readIndex(l, &index[1]), 2);
-    EXPECT_EQ(index[0], 0xFEFFu);
-    EXPECT_EQ(index[1], 0xFF00u);
     char buf[4] = {'#', '#', '#', '#'};
-    EXPECT_EQ(l->readString(l, buf, 2), 1);
-    EXPECT_STREQ(buf, "a");
-    EXPECT_EQ(buf[2], '#') << "written past the buffer";
-    EXPECT_EQ(l->endBlock(l), 0);
-    Loaded wrong(bytes, true, VX_ID('O', 'T', 'H', 'R'));
-    EXPECT_EQ(wrong->findBlock(&wrong.state, kDescs), 0u);
-    EXPECT_EQ(wrong->error, VX_ERR_FORMAT) << "a FORM of another type";
+    // Read back: a string longer than the buffer is cut, and the terminator stays inside it; a
+    // FORM of another type is refused.
+    const Trace got = {l->findBlock(l, kDescs), l->readIndex(l, &index[0]), l->readIndex(l, &index[1]), index[0],
+                       index[1], l->readString(l, buf, 2), buf[0], buf[1], buf[2], l->endBlock(l),
+                       wrong->findBlock(&wrong.state, kDescs), wrong->error};
+    EXPECT_EQ(got, (Trace{envl.id, 1, 1, 0xFEFF, 0xFF00, 1, 'a', 0, '#', 0, 0, VX_ERR_FORMAT}));
 }
 
 TEST(SaveStates, TextKeywordsCannotStartWithADigit)
 {
     static const VxBlockDesc bad{VX_ID('1', 'A', 'B', 'C'), nullptr};
-    Saved(0, [](VxSaveState *s) {
-        EXPECT_EQ(s->beginBlock(s, &bad), VX_ERR_FORMAT);
-        EXPECT_EQ(s->error, VX_ERR_FORMAT);
-    });
+    Saved(0, [](VxSaveState *s) { EXPECT_EQ(Trace({s->beginBlock(s, &bad), s->error}), (Trace{VX_ERR_FORMAT, VX_ERR_FORMAT})); });
 }
 
 }  // namespace

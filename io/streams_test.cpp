@@ -315,20 +315,14 @@ TEST(StreamsOom, CreationReleasesEverythingWhenMemoryRunsOut)
 // Growth of a memory write stream catches an exhausted heap itself: the failing write reports
 // it, the stream keeps its old block and every byte written before, stays failed, and an
 // enclosing checkpoint block is not disturbed. Swept over every growth of a write sequence.
-int32_t WriteSequence(VxWriteStrm *s, const Bytes &src, int32_t *failedAt, bool inBlock, bool *unwound)
+int32_t WriteSequence(VxWriteStrm *s, const Bytes &src, int32_t *written, bool inBlock)
 {
-    if (inBlock && CkptBegin()) {
-        CkptLatchCode();
-        *unwound = true;
-        return 0;
-    }
-    int32_t offset = 0, code = 0;
-    for (int32_t size : {1000, 4000, 20000, 3}) {
-        if ((code = s->writeBytes(s, src.data() + offset, size)) != 0)
-            break;
-        offset += size;
-    }
-    *failedAt = offset;
+    if (inBlock && CkptBegin())
+        return CkptLatchCode(), -1;
+    int32_t code = 0;
+    for (int32_t size : {1000, 4000, 20000, 3})
+        if (code == 0 && (code = s->writeBytes(s, src.data() + *written, size)) == 0)
+            *written += size;
     if (inBlock)
         CkptEnd();
     return code;
@@ -338,29 +332,25 @@ TEST(StreamsOom, MemoryGrowthFailureKeepsTheDataAndFailsTheStream)
 {
     const Bytes src = Pattern(25003, 4);
     for (int run = 0; run < 4; ++run) {
-        const bool inBlock = run & 1;
         for (int k = 1; !::testing::Test::HasFailure(); ++k) {
             SCOPED_TRACE(::testing::Message() << "k=" << k << " run " << run);
             vxtest::FaultAllocator heap;
             VxWriteStrm *s = MemStrmWriteCreate();
             heap.FailAt(k, run & 2 ? vxtest::FailMode::FromThen : vxtest::FailMode::Once);
-            int32_t failedAt = -1;
-            bool unwound = false;
-            const int32_t result = WriteSequence(s, src, &failedAt, inBlock, &unwound);
+            int32_t written = 0;
+            const int32_t result = WriteSequence(s, src, &written, run & 1);
             const bool injected = heap.Failures() > 0;
             heap.Disarm();
-            EXPECT_FALSE(unwound);
             if (injected) {
-                EXPECT_EQ(result, VX_ERR_NOMEM);
-                EXPECT_EQ(Held(s), Bytes(src.begin(), src.begin() + failedAt)) << "nothing written before is lost";
-                EXPECT_EQ(s->error + s->writeBytes(s, src.data(), 1) + s->seek(s, 0), 3 * VX_ERR_IO);
+                EXPECT_EQ(result, VX_ERR_NOMEM) << "-1: the failure unwound the caller's block";
+                EXPECT_EQ(Held(s), Bytes(src.begin(), src.begin() + written)) << "nothing written before is lost";
+                EXPECT_EQ(Trace({s->error, s->writeBytes(s, src.data(), 1), s->seek(s, 0)}), (Trace{VX_ERR_IO, VX_ERR_IO, VX_ERR_IO}));
             } else {
                 EXPECT_EQ(result, 0);
                 EXPECT_GT(k, 3) << "three growths were swept";
             }
             StrmWriteDestroy(s);
-            EXPECT_EQ(heap.LiveBytes() + static_cast<size_t>(heap.BadFrees()), 0u);
-            EXPECT_EQ(CkptLevel(), -1);
+            EXPECT_EQ(Trace({static_cast<int64_t>(heap.LiveBytes()), heap.BadFrees(), CkptLevel()}), (Trace{0, 0, -1}));
             if (!injected)
                 break;
         }
