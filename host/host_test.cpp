@@ -88,8 +88,7 @@ void Listen(uintptr_t, uintptr_t, int32_t event, uintptr_t argument)
 
 int32_t BuiltIn(int32_t version, HostGlobalFunc *global, void *local, void *serverData)
 {
-    EXPECT_EQ(global, HostGetGlobal());
-    EXPECT_EQ(serverData, nullptr);
+    EXPECT_TRUE(global == HostGetGlobal() && !serverData);
     if (local)
         *static_cast<int32_t *>(local) = version;
     return 0;
@@ -176,13 +175,11 @@ TEST_F(HostTest, ClassesAndTheRulesOfRegistering)
     EXPECT_EQ(ServerGetIndex("Tool", "Other"), 2);
     EXPECT_EQ(ServerGetIndex("Tool", "Nope") + ServerGetIndex("Nope", "Other") + HostNumServers("Nope"), -2);
     EXPECT_EQ(ServerGetName("Tool", 3), nullptr);
-    Strings scanned;  // classes without a version are passed over
-    HostScanServers([](void *data, const char *cls) { static_cast<Strings *>(data)->push_back(cls); },
-                    [](void *data, const char *cls, int32_t index) {
-                        static_cast<Strings *>(data)->push_back(std::string(cls) + ":" + ServerGetName(cls, index));
-                    },
+    std::string scanned;  // classes without a version are passed over
+    HostScanServers([](void *out, const char *cls) { *static_cast<std::string *>(out) += std::string(cls) + " "; },
+                    [](void *out, const char *, int32_t i) { *static_cast<std::string *>(out) += std::to_string(i); },
                     &scanned);
-    EXPECT_EQ(scanned, (Strings{"Global", "ImageLoader", "Shader", "_PluginLoader", "_PluginLoader:VX_StandardLoader"}));
+    EXPECT_EQ(scanned, "Global ImageLoader Shader _PluginLoader 0");
     HostClearClasses();
     EXPECT_EQ(HostRunning(), 0);
     HostClearClasses();  // only once
@@ -290,20 +287,13 @@ TEST_F(HostTest, ModulesLoadOnDemandBindLockAndFlush)
     ASSERT_EQ(HostStartup(), 1);
     static Strings seen;
     const std::string absolute = kPlugins + "/example_shapes.so";
-    EXPECT_EQ(HostAddModule(absolute.c_str(), [](const char *c, const char *n) { seen.push_back(std::string(c) + ":" + n); }),
-              3);
+    const auto record = [](const char *c, const char *n) { seen.push_back(std::string(c) + ":" + n); };
+    EXPECT_EQ(HostAddModule(absolute.c_str(), record), 3);
     EXPECT_EQ(seen, (Strings{"MeshEditTool:Example_Box", "CommandSequence:Example_Sum", "Global:Example Math"}));
     // The absolute path inside the host directory was kept relative; the scan left it unloaded.
-    const int32_t box = ServerGetIndex("MeshEditTool", "Example_Box");
-    EXPECT_STREQ(ServerGetModule("MeshEditTool", box), "example_shapes.so");
+    // (Its tags are checked in the database image.)
+    EXPECT_STREQ(ServerGetModule("MeshEditTool", ServerGetIndex("MeshEditTool", "Example_Box")), "example_shapes.so");
     EXPECT_EQ(ServerModuleLoaded("MeshEditTool", "Example_Box"), 0);
-    // Tags up to the first empty string, in order.
-    LocusSetLanguage(0x0407);
-    EXPECT_STREQ(ServerGetUserName("MeshEditTool", box), "Kiste");
-    EXPECT_STREQ(ServerGetInfoTag("MeshEditTool", box, 2), "create");
-    EXPECT_STREQ(ServerGetUserName("CommandSequence", 0), "Sum of two");
-    EXPECT_EQ(ServerGetInfoTag("CommandSequence", 0, 5), nullptr);
-
     EXPECT_EQ(HostActivateVer("MeshEditTool", "Example_Box", nullptr, -1), 5);  // class version -1
     EXPECT_EQ(Activate("MeshEditTool", "Example_Box", 2), 1);  // the activation count
     EXPECT_EQ(ServerIsLocked("_PluginLoader", 0), 1) << "the loader is locked while its module is loaded";
@@ -317,18 +307,17 @@ TEST_F(HostTest, ModulesLoadOnDemandBindLockAndFlush)
     HostFlush();
     EXPECT_EQ(Activate("MeshEditTool", "Example_Box", 2), 2);
     EXPECT_EQ(g_host.totalLocks, 3);
-    HostUnlockServer("MeshEditTool", "Example_Box");
-    HostFlush();
-    EXPECT_EQ(ServerModuleLoaded("MeshEditTool", "Example_Box"), 1);
-    HostUnlockServer("CommandSequence", "Example_Sum");
-    HostFlush();
+    for (const char *cls : {"MeshEditTool", "CommandSequence"}) {
+        EXPECT_EQ(ServerModuleLoaded("MeshEditTool", "Example_Box"), 1);
+        HostUnlockServer(cls, cls[0] == 'M' ? "Example_Box" : "Example_Sum");
+        HostFlush();
+    }
     EXPECT_EQ(ServerModuleLoaded("MeshEditTool", "Example_Box"), 0);
     // ServerLoadPlugin loads and hands out the loader request.
     const LoaderRequest *request = ServerLoadPlugin("MeshEditTool", "Example_Box");
     ASSERT_NE(request, nullptr);
     EXPECT_EQ(request->fileName, absolute);
-    EXPECT_NE(request->handle, nullptr);
-    EXPECT_EQ(request->wrapper, nullptr);
+    EXPECT_TRUE(request->handle && !request->wrapper);
     EXPECT_EQ(ServerLoadPlugin("_PluginLoader", "VX_StandardLoader"), nullptr);  // built-in
 
     // A version-2 module: three-word rows, no tags. A loaded module accepts no new servers; one
@@ -348,12 +337,10 @@ TEST_F(HostTest, ModulesLoadOnDemandBindLockAndFlush)
     ASSERT_EQ(HostAddModule("example_wrapped.so", nullptr), 1);
     EXPECT_EQ(Activate("CommandSequence", "Example_Wrapped"), 7);
     request = ServerLoadPlugin("CommandSequence", "Example_Wrapped");
-    ASSERT_NE(request, nullptr);
-    EXPECT_NE(request->wrapper, nullptr);
+    EXPECT_TRUE(request && request->wrapper);
     auto *calls = static_cast<int32_t *>(HostFindGlobal("Example Wrap Count", HOST_GLOBAL_TRANSIENT));
     ASSERT_NE(calls, nullptr);
     EXPECT_EQ(*calls, 1);
-    EXPECT_EQ(ServerIsLocked("_PluginLoader", 0), 1);
     EXPECT_EQ(Activate("ImageLoader", "Example_Legacy"), 2) << "other modules pass the wrapping loader by";
     EXPECT_EQ(*calls, 1);
     HostFlush();
@@ -477,7 +464,6 @@ TEST_F(HostTest, DatabaseRoundTripAndTheSaveEvent)
     HostSetDatabase(db_.Path().c_str());  // the teardown forgot it
     ASSERT_EQ(HostStartup(), 1);
     EXPECT_STREQ(HostDatabaseFile(), DbFile().c_str());
-    EXPECT_STREQ(FileSystemPath(7), db_.Path().c_str());
     HostPathSet("/some/module/dir");
     EXPECT_STREQ(HostPathGet(), "/some/module/dir");
     ASSERT_EQ(HostAddBuiltIn("MeshEditTool", "Built", "never written", BuiltIn), 1);
@@ -542,7 +528,8 @@ TEST_F(HostTest, DatabaseReadRefreshesAndRemovesStaleServers)
         vxtest::DebugCapture capture;
         const bool whole = vx::host::ReadDatabaseFile(DbFile().c_str());
         EXPECT_EQ(ServerGetIndex("Tool", "Kept") >= 0, !whole) << "cut " << cut;
-        EXPECT_EQ(capture.Text().find("plug-in database " + DbFile() + " is damaged at line") != std::string::npos, !whole);
+        const std::string damaged = "plug-in database " + DbFile() + " is damaged at line";
+        EXPECT_EQ(capture.Text().find(damaged) != std::string::npos, !whole);
         HostAddPlugIn("Tool", "Kept", nullptr, "k.so");
     }
     vxtest::DebugCapture capture;
@@ -562,15 +549,10 @@ TEST_F(HostTest, CatalogueModeRegistersTheBuiltInCatalogue)
     GlobalListDefine("Product Info", reinterpret_cast<void *>(uintptr_t{0x23}));
     ASSERT_EQ(HostStartup(), 1);
     EXPECT_EQ(vx::host::CatalogueRowCount(), 102);
-    int32_t total = 0;
+    std::string counts;  // every class: the rows, their second classes, the standard loader
     for (int32_t c = 0; c < HostClassCount(); ++c)
-        total += HostNumServers(HostClassName(c));
-    EXPECT_EQ(total, 102 + 32 + 1);  // rows, their second classes, the standard loader
-    const std::pair<const char *, int32_t> counts[] = {{"ImageSaver", 13}, {"DisplacementHandler", 8},
-                                                       {"DisplacementInterface", 7}, {"CustomObjHandler", 11},
-                                                       {"LayoutGeneric", 11}};
-    for (const auto &[cls, count] : counts)
-        EXPECT_EQ(HostNumServers(cls), count) << cls;
+        counts += std::to_string(HostNumServers(HostClassName(c))) + " ";
+    EXPECT_EQ(counts, "2 4 4 10 11 5 8 7 1 3 3 8 13 4 4 11 1 5 6 3 2 5 1 1 6 6 1 ");
     const int32_t cel = ServerGetIndex("ShaderHandler", "VX_SuperCelShader");
     EXPECT_STREQ(ServerGetUserName("ShaderHandler", cel), "Super Cel Shader");
     EXPECT_STREQ(ServerGetModule("ShaderHandler", cel), "Plugins/SuperCelShader.p");
@@ -611,24 +593,14 @@ protected:
         HostSetDatabase(nullptr);
         GlobalListCleanup();
     }
-    // Sweeps `run` from the started host that `prepare` builds: a failure leaves the catalogue as it was.
+    // Sweeps `run` on the started host that `prepare` fills: a failure leaves the catalogue as it was.
     static void Sweep(const std::function<void()> &prepare, const std::function<bool()> &run)
     {
-        static const std::function<void()> *s_prepare;
-        static const std::function<bool()> *s_run;
-        s_prepare = &prepare;
-        s_run = &run;
-        vxtest::OomSweepAll({[] {
-                                 Prepare();
-                                 HostStartup();
-                                 (*s_prepare)();
-                                 s_before = Snapshot();
-                             },
-                             [] { return (*s_run)(); }, [] { EXPECT_EQ(Snapshot(), s_before); },
-                             [] { Finish(false); }});
+        std::string before;
+        vxtest::OomSweepAll({[&] { Prepare(), HostStartup(), prepare(), before = Snapshot(); }, run,
+                             [&] { EXPECT_EQ(Snapshot(), before); }, [] { Finish(false); }});
     }
     static inline std::string s_dir;
-    static inline std::string s_before;
 };
 
 TEST_F(HostOomTest, Startup)

@@ -250,45 +250,38 @@ TEST_F(PortTest, NamesCompareByteForByteAndTheCleanupFreesEveryNamedPort)
     EXPECT_EQ(heap.LiveBytes(), 0u);
 }
 
-// The named lists and their clean-up registration exist before each sweep starts, so that
-// each run measures the operation alone.
+// Every call that allocates; the named lists and their clean-up registration exist before
+// the sweeps start, so that each run measures the call alone.
 TEST_F(PortTest, OutOfMemoryCreateAttachAcquire)
 {
-    VxPort *port = nullptr;
-    vxtest::OomSweepAll({[&] { port = nullptr; }, [&] { return (port = PortCreate(1, 2, nullptr)) != nullptr; },
-                         [&] { EXPECT_EQ(port, nullptr); }, [&] { PortDestroy(port); }});
-    vxtest::OomSweepAll({[&] {
-                             port = PortCreate(1, kServer, OnAttach);
-                             PortAttach(port, 1, 0, Record);
-                         },
-                         [&] { return PortAttach(port, 2, 0, Record) == 1; },
-                         [&] {
-                             EXPECT_EQ(RecordCount(port), 1);
-                             EXPECT_EQ(Heard(port, kServer), Keys{1});
-                         },
-                         [&] { PortDestroy(port); }});
     GlobalPortAttach("warm", 1, 0, Record);
     PublicPortAttach("warm", 1, 0, Record);
-    for (const char *name : {"fresh", "warm"}) {
-        SCOPED_TRACE(name);
-        const int32_t before = RecordCount(FindGlobal("warm"));
-        vxtest::OomSweepAll({[] {}, [&] { return GlobalPortAttach(name, 2, 0, Record) == 1; },
+    VxPort *port = nullptr;
+    const auto world = [&] {  // what a failed call must leave as it was
+        std::string text = std::to_string(NamedCount(false)) + std::to_string(NamedCount(true));
+        for (VxPort *p : {port, FindGlobal("warm"), FindGlobal("fresh"), FindGlobal("owned"), FindPublic("fresh")})
+            text += p ? std::to_string(RecordCount(p)) : "-";
+        return text;
+    };
+    const std::pair<std::function<void()>, std::function<bool()>> cases[] = {
+        {[&] { port = nullptr; }, [&] { return (port = PortCreate(1, 2, nullptr)) != nullptr; }},
+        {[&] { PortAttach(port = PortCreate(1, kServer, OnAttach), 1, 0, Record); },
+         [&] { return PortAttach(port, 2, 0, Record) == 1; }},
+        {[&] { port = nullptr; }, [] { return GlobalPortAttach("fresh", 2, 0, Record) == 1; }},
+        {[&] { port = nullptr; }, [] { return GlobalPortAttach("warm", 2, 0, Record) == 1; }},
+        {[&] { port = nullptr; }, [] { return GlobalPortAcquire("owned", 1, kServer, nullptr) != nullptr; }},
+        {[&] { port = nullptr; }, [] { return PublicPortAttach("fresh", 2, 0, Record) == 1; }},
+    };
+    for (const auto &[setup, run] : cases) {
+        std::string before;
+        vxtest::OomSweepAll({[&] { setup(), before = world(); }, run, [&] { EXPECT_EQ(world(), before); },
                              [&] {
-                                 EXPECT_EQ(FindGlobal("fresh"), nullptr);
-                                 EXPECT_EQ(RecordCount(FindGlobal("warm")), before);
-                                 EXPECT_EQ(NamedCount(false), 1);
-                             },
-                             [&] { GlobalPortDetach(name, 2); }});
+                                 PortDestroy(port);
+                                 GlobalPortDetach("fresh", 2), GlobalPortDetach("warm", 2);
+                                 PublicPortDetach("fresh", 2);
+                                 PortDestroy(FindGlobal("owned"));
+                             }});
     }
-    vxtest::OomSweepAll({[] {}, [] { return GlobalPortAcquire("owned", 1, kServer, nullptr) != nullptr; },
-                         [] { EXPECT_EQ(FindGlobal("owned"), nullptr); },
-                         [] { PortDestroy(FindGlobal("owned")); }});
-    vxtest::OomSweepAll({[] {}, [] { return PublicPortAttach("fresh", 2, 0, Record) == 1; },
-                         [] {
-                             EXPECT_EQ(FindPublic("fresh"), nullptr);
-                             EXPECT_EQ(NamedCount(true), 1);
-                         },
-                         [] { PublicPortDetach("fresh", 2); }});
 }
 
 // ---- Randomized re-entrancy against a model ------------------------------------------------
