@@ -8,59 +8,17 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
-#include <map>
 
 namespace {
 
-// A heap whose grown blocks arrive dirty and that counts what it is asked for, to show what
-// the helpers themselves guarantee.
-struct DirtyHeap {
-    std::map<void *, size_t> live;
-    int trims = 0;
-
-    static DirtyHeap &Of(void *self) { return *static_cast<DirtyHeap *>(self); }
-    static void *Alloc(void *self, size_t size)
-    {
-        void *p = std::calloc(1, size);  // the allocator contract: zero-filled
-        Of(self).live[p] = size;
-        return p;
-    }
-    static void *Realloc(void *self, void *block, size_t oldSize, size_t newSize)
-    {
-        EXPECT_EQ(Of(self).live[block], oldSize);
-        void *p = std::malloc(newSize);
-        std::memset(p, 0xEE, newSize);  // the helpers must clear the growth
-        std::memcpy(p, block, std::min(oldSize, newSize));
-        Free(self, block, oldSize);
-        Of(self).live[p] = newSize;
-        return p;
-    }
-    static void Free(void *self, void *block, size_t size)
-    {
-        EXPECT_EQ(Of(self).live[block], size) << "freed with another size than allocated";
-        Of(self).live.erase(block);
-        std::free(block);
-    }
-    static void Trim(void *self) { ++Of(self).trims; }
-};
-
-class Memory : public ::testing::Test {
-protected:
-    void SetUp() override { StdGetAllocator(&saved_); }
-    void TearDown() override { StdSetAllocator(&saved_); }
-    StdAllocator saved_{};
-};
-
-TEST_F(Memory, MovesKeepContentAndZeroFillGrowthOnBothPaths)
+// The test heap hands out the growth of a resized block dirty; without its resize function
+// the helpers allocate, copy and free. Either way growth must read zero.
+TEST(Memory, MovesKeepContentAndZeroFillGrowthOnBothPaths)
 {
-    for (bool useRealloc : {true, false}) {
-        SCOPED_TRACE(useRealloc ? "through realloc" : "allocate, copy, free");
-        DirtyHeap heap;
-        const StdAllocator table{DirtyHeap::Alloc, useRealloc ? DirtyHeap::Realloc : nullptr, DirtyHeap::Free,
-                                 DirtyHeap::Trim, &heap};
-        StdSetAllocator(&table);
+    for (bool withRealloc : {true, false}) {
+        SCOPED_TRACE(withRealloc ? "through realloc" : "allocate, copy, free");
+        vxtest::FaultAllocator heap(withRealloc);
         auto *block = static_cast<unsigned char *>(StdAlloc(10));
         std::memset(block, 0x42, 10);
         block = static_cast<unsigned char *>(StdRealloc(block, 10, 100));
@@ -76,18 +34,18 @@ TEST_F(Memory, MovesKeepContentAndZeroFillGrowthOnBothPaths)
         FreeHeap(nullptr, 123);
         char *copy = StringCopy("plug-in database");
         EXPECT_STREQ(copy, "plug-in database");
-        StringFree(copy);  // the heap checks the size freed
+        StringFree(copy);
         StringFree(nullptr);
         EXPECT_EQ(StringCopy(nullptr), nullptr);
-        EXPECT_TRUE(heap.live.empty());
-        StdSetAllocator(nullptr);
+        EXPECT_EQ(heap.LiveBytes(), 0u);
+        EXPECT_EQ(heap.BadFrees(), 0) << "every free states the allocated size";
     }
 }
 
 // Outside a block an exhausted heap gives NULL (code 1 latched); inside one it raises code 1
 // and the armed releases free what was made; the try forms never raise. A failed move keeps
 // the old block.
-TEST_F(Memory, ExhaustionRaisesInsideBlocksAndReturnsNullOutside)
+TEST(Memory, ExhaustionRaisesInsideBlocksAndReturnsNullOutside)
 {
     vxtest::FaultAllocator heap;
     heap.FailAt(1, vxtest::FailMode::FromThen);
@@ -118,27 +76,27 @@ TEST_F(Memory, ExhaustionRaisesInsideBlocksAndReturnsNullOutside)
     EXPECT_EQ(heap.BadFrees(), 0);
 }
 
-TEST_F(Memory, HeapIsTrimmedAfterFourMegabytesFreed)
+TEST(Memory, HeapIsTrimmedAfterFourMegabytesFreed)
 {
-    DirtyHeap heap;
-    const StdAllocator table{DirtyHeap::Alloc, DirtyHeap::Realloc, DirtyHeap::Free, DirtyHeap::Trim, &heap};
-    StdSetAllocator(&table);
+    vxtest::FaultAllocator heap;
     vxtest::DebugCapture debug;
     // The running count starts wherever earlier frees left it: one large free resets it.
     FreeHeap(StdAlloc(4194305), 4194305);
     ASSERT_EQ(debug.Text(), "calling heapmin\n");
-    const int trimsAfterReset = heap.trims;
+    const int64_t trimsAfterReset = heap.Trims();
     FreeHeap(StdAlloc(4194304), 4194304);
     EXPECT_EQ(debug.Text(), "calling heapmin\n") << "exactly 4194304 bytes do not trim";
     FreeHeap(StdAlloc(1), 1);
     EXPECT_EQ(debug.Text(), "calling heapmin\ncalling heapmin\n");
-    EXPECT_EQ(heap.trims, trimsAfterReset + 1);
+    EXPECT_EQ(heap.Trims(), trimsAfterReset + 1);
 }
 
 // The default heap maps blocks of 4 MiB and more from the system on 2 MiB boundaries. One
 // block moves across that size both ways: its content is kept and growth reads zero.
-TEST_F(Memory, LargeBlocksOfTheDefaultHeapStartOnHugePages)
+TEST(Memory, LargeBlocksOfTheDefaultHeapStartOnHugePages)
 {
+    StdAllocator saved;
+    StdGetAllocator(&saved);
     StdSetAllocator(nullptr);
     constexpr size_t kMiB = size_t{1} << 20;
     char *p = nullptr;
@@ -153,6 +111,7 @@ TEST_F(Memory, LargeBlocksOfTheDefaultHeapStartOnHugePages)
         size = next;
     }
     FreeHeap(p, size);
+    StdSetAllocator(&saved);
 }
 
 }  // namespace

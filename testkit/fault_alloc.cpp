@@ -13,10 +13,10 @@ struct FaultAllocator::Blocks {
     size_t liveBytes = 0;
 };
 
-FaultAllocator::FaultAllocator() : blocks_(new Blocks)
+FaultAllocator::FaultAllocator(bool withRealloc) : blocks_(new Blocks)
 {
     StdGetAllocator(&previous_);
-    StdAllocator self{Alloc, Realloc, Free, nullptr, this};
+    StdAllocator self{Alloc, withRealloc ? Realloc : nullptr, Free, Trim, this};
     StdSetAllocator(&self);
 }
 
@@ -84,7 +84,8 @@ void *FaultAllocator::Realloc(void *user, void *block, size_t oldSize, size_t ne
         return nullptr;
     }
     // A fresh block each time, so that a stale pointer to the old one shows under ASan.
-    void *moved = std::calloc(1, newSize);
+    void *moved = std::malloc(newSize);
+    std::memset(moved, 0xEE, newSize);
     std::memcpy(moved, block, oldSize < newSize ? oldSize : newSize);
     std::free(block);
     self->blocks_->sizes.erase(it);
@@ -92,6 +93,8 @@ void *FaultAllocator::Realloc(void *user, void *block, size_t oldSize, size_t ne
     self->blocks_->liveBytes += newSize - oldSize;
     return moved;
 }
+
+void FaultAllocator::Trim(void *user) { ++static_cast<FaultAllocator *>(user)->trims_; }
 
 void FaultAllocator::Free(void *user, void *block, size_t size)
 {

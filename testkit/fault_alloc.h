@@ -1,6 +1,7 @@
 // A heap for tests, installed through StdSetAllocator: it tracks every live block, checks
 // that each free states the size the block was allocated with, and can fail chosen
-// allocations.
+// allocations. Like a real heap it leaves the growth of a resized block uninitialised (it
+// fills it with 0xEE), since the helpers promise to clear it themselves.
 #pragma once
 
 #include <vxtools3/memory.h>
@@ -17,8 +18,9 @@ enum class FailMode {
 
 class FaultAllocator {
 public:
-    // Installs itself as the library's heap; the destructor restores the previous one.
-    FaultAllocator();
+    // Installs itself as the library's heap; the destructor restores the previous one. Without
+    // `withRealloc` its table has no resize function, so the helpers allocate, copy and free.
+    explicit FaultAllocator(bool withRealloc = true);
     ~FaultAllocator();
     FaultAllocator(const FaultAllocator &) = delete;
     FaultAllocator &operator=(const FaultAllocator &) = delete;
@@ -34,11 +36,13 @@ public:
     size_t LiveBlocks() const;
     // Frees that stated a size other than the allocated one, or freed an unknown block.
     int64_t BadFrees() const { return badFrees_; }
+    int64_t Trims() const { return trims_; }  // calls of the heap's trim function
 
 private:
     static void *Alloc(void *self, size_t size);
     static void *Realloc(void *self, void *block, size_t oldSize, size_t newSize);
     static void Free(void *self, void *block, size_t size);
+    static void Trim(void *self);
     bool ShouldFail();
 
     StdAllocator previous_{};
@@ -49,6 +53,7 @@ private:
     int64_t failAt_ = 0;
     FailMode mode_ = FailMode::Once;
     int64_t badFrees_ = 0;
+    int64_t trims_ = 0;
 };
 
 }  // namespace vxtest
