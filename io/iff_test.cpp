@@ -25,7 +25,6 @@ constexpr uint32_t kTest = VX_ID('T', 'E', 'S', 'T');
 Bytes B(const std::string &s) { return Bytes(s.begin(), s.end()); }
 uint32_t Id(const char *s) { return VX_ID(s[0], s[1], s[2], s[3]); }
 
-// ---- A chunk tree and its independent byte image ---------------------------------------
 
 struct Chunk {
     uint32_t id = 0;
@@ -132,7 +131,6 @@ Bytes Written(F build)
     return out;
 }
 
-// ---- Writer ----------------------------------------------------------------------------
 
 TEST(IFFWriter, ImageOfPaddedChunksSubChunksItemsAndStringsIsExact)
 {
@@ -177,7 +175,6 @@ TEST(IFFWriter, RefusesWhatTheLayoutCannotExpress)
     });
 }
 
-// ---- Round trips -----------------------------------------------------------------------
 
 // A reader over `bytes` in memory, or over `stream`, expecting a form of `formType`.
 struct Opened {
@@ -217,7 +214,6 @@ TEST(IFFRoundTrip, RandomTreesMatchTheirImageAndReadBackOverMemoryAndFiles)
     }
 }
 
-// ---- Reader ----------------------------------------------------------------------------
 
 // A "TEST" form of level-1 chunks, each given as its ID and data.
 Bytes FormWith(std::initializer_list<std::pair<const char *, std::string>> chunks)
@@ -321,13 +317,10 @@ TEST(IFFReader, HandlersTakeTheirChunksAndReleaseOldResults)
 
 TEST(IFFReader, OnlyTheExpectedFormIsRead)
 {
-    const Bytes good = FormWith({{"DATA", "\x01"}});
-    Bytes notForm = good;
-    notForm[0] = 'C';
+    const Bytes good = FormWith({{"DATA", "\x01"}}), notForm = B("C" + std::string(good.begin() + 1, good.end()));
     const uint32_t stop[] = {Id("DATA"), 0};
     // {image, expected form type (0 accepts any), first stop}: the others are format errors
-    const struct { Bytes image; uint32_t type, found; } cases[] = {
-        {notForm, kTest, 0}, {good, Id("OTHR"), 0}, {good, 0, stop[0]}, {Bytes{}, kTest, 0}};
+    const struct { Bytes image; uint32_t type, found; } cases[] = {{notForm, kTest, 0}, {good, Id("OTHR"), 0}, {good, 0, stop[0]}, {{}, kTest, 0}};
     for (const auto &c : cases) {
         Opened f(c.image, c.type);
         EXPECT_EQ(IFFRParse(f.reader, stop), c.found);
@@ -335,7 +328,6 @@ TEST(IFFReader, OnlyTheExpectedFormIsRead)
     }
 }
 
-// ---- Robustness ------------------------------------------------------------------------
 
 // Reads the open chunk: its sub-chunks when its ID is a container, else its data; closes it.
 void WalkChunk(VxIFFReader *r, uint32_t id, const std::vector<uint32_t> &containers)
@@ -401,7 +393,6 @@ TEST(IFFRobustness, TruncationsAndCorruptionsFailCleanly)
     EXPECT_EQ(heap.LiveBytes(), 0u);
 }
 
-// ---- Out of memory ---------------------------------------------------------------------
 
 TEST(IFFOom, CreatorsAndHandlerRegistrationReleaseEverything)
 {

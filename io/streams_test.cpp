@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <random>
@@ -23,8 +24,7 @@ Bytes Pattern(size_t n, uint32_t seed)
 {
     std::mt19937 rng(seed);
     Bytes b(n);
-    for (auto &x : b)
-        x = static_cast<uint8_t>(rng());
+    std::generate(b.begin(), b.end(), [&] { return static_cast<uint8_t>(rng()); });
     return b;
 }
 
@@ -89,17 +89,15 @@ TEST_P(ReadStreams, RandomOperationsMatchAModel)
         std::mt19937 rng(seed);
         const Bytes bytes = Pattern(300000 + seed * 7, seed);
         VxReadStrm *s = Open(bytes);
-        ASSERT_NE(s, nullptr);
         const auto fns = std::vector{s->readBytes, s->readShorts, s->readShortsRaw, s->readLongs, s->readLongsRaw};
         size_t pos = 0;
         while (pos < bytes.size()) {
             const int op = static_cast<int>(rng() % 7);
             const auto n = static_cast<int32_t>(rng() % 4 == 0 ? rng() % 150000 : rng() % 40);
             const size_t left = bytes.size() - pos;
+            uint8_t b = 0;
             if (op == 6) {
-                uint8_t b = 0;
-                ASSERT_EQ(s->peekByte(s, &b), 0);
-                ASSERT_EQ(b, bytes[pos]);
+                ASSERT_EQ(Trace({s->peekByte(s, &b), b}), (Trace{0, bytes[pos]}));
             } else if (op == 5) {
                 if (static_cast<size_t>(n) > left) {
                     EXPECT_EQ(s->skip(s, n), -VX_ERR_IO);
@@ -216,7 +214,6 @@ TEST_P(WriteStreams, RandomWritesAndSeeksMatchAModel)
     for (uint32_t seed = 1; seed <= 5; ++seed) {
         std::mt19937 rng(seed);
         VxWriteStrm *s = Open();
-        ASSERT_NE(s, nullptr);
         const auto fns = std::vector{s->writeBytes, s->writeShorts, s->writeShortsRaw, s->writeLongs, s->writeLongsRaw};
         Bytes model, src = Pattern(150000, seed + 100);
         size_t pos = 0;
