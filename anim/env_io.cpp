@@ -108,6 +108,7 @@ void SaveFilter(VxSaveState *st, VxEnvFilter *f)
 
 // What a load collects before it replaces the envelope's contents.
 struct Loaded {
+    VxEnvelope *env;  // the envelope the keys are for
     VxList keys;
     VxList filters;
     int32_t keyCount;
@@ -153,6 +154,7 @@ VxEnvKey *KeyForTick(Loaded &l, int32_t tick)
         return head;
     auto *k = static_cast<VxEnvKey *>(StdAlloc(sizeof(VxEnvKey)));
     k->tick = tick;
+    k->env = l.env;
     ++l.keyCount;
     if (!l.unsorted && head && tick < head->tick) {
         AddHead(&l.keys, &k->node);
@@ -365,6 +367,7 @@ int EnvLoad(VxEnvelope *env, VxLoadState *st)
     if (st->error || !st->findBlock(st, kEnvlDesc))
         return 0;
     Loaded l{};
+    l.env = env;
     NewList(&l.keys);
     NewList(&l.filters);
     l.pre = l.post = ENV_BEHAVIOR_CONSTANT;

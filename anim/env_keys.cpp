@@ -163,6 +163,7 @@ VxEnvKey *EnvAddKey(VxEnvelope *env, double t, double value)
         return nullptr;
     key->tick = tick;
     key->value = value;
+    key->env = env;
     KeysChanged(env);
     LinkSorted(env, key);
     ++env->keyCount;
@@ -248,7 +249,7 @@ void EnvKeySetParam(VxEnvKey *key, int32_t index, double value)
 {
     if (index >= 0 && index < 5) {
         key->p[index] = value;
-        g_paramEdits.fetch_add(1, std::memory_order_relaxed);
+        KeysChanged(key->env);
     }
 }
 

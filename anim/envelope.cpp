@@ -52,7 +52,7 @@ void FreeKeyList(VxList *keys)
         FreeHeap(n, sizeof(VxEnvKey));
 }
 
-void CopyKeyList(VxList *out, const VxEnvelope *from, int32_t *countOut)
+void CopyKeyList(VxList *out, const VxEnvelope *from, VxEnvelope *owner, int32_t *countOut)
 {
     NewList(out);
     CkptArm(FreeKeyListArm, reinterpret_cast<uintptr_t>(out), 0);
@@ -60,6 +60,7 @@ void CopyKeyList(VxList *out, const VxEnvelope *from, int32_t *countOut)
     for (VxEnvKey *k = FirstKey(from); k; k = NextKey(k)) {
         auto *copy = static_cast<VxEnvKey *>(StdAlloc(sizeof(VxEnvKey)));
         *copy = *k;
+        copy->env = owner;
         AddTail(out, &copy->node);
         ++count;
     }
@@ -128,7 +129,7 @@ VxEnvelope *EnvCopy(VxEnvelope *env)
         CkptRecover(VX_ERR_NOMEM);
     CkptArm([](uintptr_t e, uintptr_t) { EnvDestroy(reinterpret_cast<VxEnvelope *>(e)); },
             reinterpret_cast<uintptr_t>(copy), 0);
-    CopyKeyList(&copy->keys, env, &copy->keyCount);
+    CopyKeyList(&copy->keys, env, copy, &copy->keyCount);
     copy->pre = env->pre;
     copy->post = env->post;
     CkptEnd();
@@ -140,7 +141,7 @@ int EnvCopyKeys(VxEnvelope *to, const VxEnvelope *from)
     CKPT_BEGIN_OR_RETURN(0);
     VxList copied;
     int32_t count = 0;
-    CopyKeyList(&copied, from, &count);
+    CopyKeyList(&copied, from, to, &count);
     CkptEnd();
     FreeKeyList(&to->keys);
     NewList(&to->keys);

@@ -3,7 +3,6 @@
 
 #include <vxtools3/envelope.h>
 
-#include <atomic>
 #include <cmath>
 #include <climits>
 #include <cstdint>
@@ -19,6 +18,7 @@ struct VxEnvKey {
     int32_t shape;
     uint32_t mask;
     double p[5];
+    VxEnvelope *env;  // the envelope whose key list holds the key
 };
 
 struct VxEnvelope {
@@ -41,13 +41,9 @@ struct VxEnvelope {
     double lastValue;
     double second;
     char nameBuffer[kNameMax + 1];
-    // The start key of the segment evaluated last: playback resumes its walk there. Cleared
-    // whenever a key leaves the list; moved keys stay members, so it stays usable.
-    VxEnvKey *hint;
-    // Counts the edits of the keys; the evaluation tables below are current while they were
-    // built at the same count (and the same count of parameter edits, see g_paramEdits).
-    uint64_t edits;
+    // Evaluation tables (env_tables.cpp): built on demand, stale after any change to the keys.
     struct VxEnvTables *tables;
+    bool tablesCurrent;
 };
 
 namespace vx::env {
@@ -89,19 +85,10 @@ inline VxEnvKey *PrevKey(const VxEnvKey *k)
     return n && n->pred ? reinterpret_cast<VxEnvKey *>(n) : nullptr;
 }
 
-// Counts EnvKeySetParam calls of every envelope (a key does not know its envelope).
-extern std::atomic<uint64_t> g_paramEdits;
+// Marks the evaluation tables stale after any change to the keys: their number, order,
+// ticks, values, shapes or parameters.
+inline void KeysChanged(VxEnvelope *env) { env->tablesCurrent = false; }
 
-// Marks the evaluation tables and the playback start key stale after any change to the keys:
-// their number, order, ticks, values, shapes or parameters.
-inline void KeysChanged(VxEnvelope *env)
-{
-    ++env->edits;
-    env->hint = nullptr;
-}
-
-// Frees the evaluation tables of an envelope (on destruction).
-void FreeTables(VxEnvelope *env);
 // The value of an empty envelope and the last value of a new one: 1.0 for the scale channels.
 inline double EmptyValue(int32_t type) { return type >= ENV_TYPE_SCALE_FIRST && type <= ENV_TYPE_SCALE_LAST ? 1.0 : 0.0; }
 
@@ -113,14 +100,72 @@ void Notify(VxEnvelope *env, int32_t event, uint32_t mask, uintptr_t argument);
 double OutTangent(VxEnvKey *key);
 double InTangent(VxEnvKey *key);
 
-// The curve value at t without storing it.
-double CurveValue(VxEnvelope *env, double t);
-
 // Frees every key of a detached list.
 void FreeKeyList(VxList *keys);
 
-// A copy of the keys of `from` in `out` (NewList'ed by the callee); raises on exhaustion
-// after freeing what it copied.
-void CopyKeyList(VxList *out, const VxEnvelope *from, int32_t *countOut);
+// A copy of the keys of `from`, owned by `owner`, in `out` (NewList'ed by the callee); raises
+// on exhaustion after freeing what it copied.
+void CopyKeyList(VxList *out, const VxEnvelope *from, VxEnvelope *owner, int32_t *countOut);
+
+// ---- The curve of one segment, shared by the key walk and the tables ----------------------
+
+constexpr double kThird = 0.3333333333333333;
+
+// u of time t in the segment from the tick `start` over `ticks` ticks.
+inline double SegmentU(double t, int32_t start, int64_t ticks)
+{
+    return (t + static_cast<double>(start) * -kTickSeconds) / (static_cast<double>(ticks) * kTickSeconds);
+}
+
+inline double LinearCurve(double offset, double start, double end, double u) { return offset + start + (end - start) * u; }
+
+inline double HermiteCurve(double offset, double start, double end, double out, double in, double u)
+{
+    const double u2 = u * u;
+    const double u3 = u2 * u;
+    const double h1 = 2.0 * u3 - 3.0 * u2 + 1.0;
+    const double h2 = 3.0 * u2 - 2.0 * u3;
+    const double h3 = u3 - 2.0 * u2 + u;
+    const double h4 = u3 - u2;
+    return start * h1 + end * h2 + out * h3 + in * h4 + offset;
+}
+
+// The one-dimensional Bezier over the control values start, a, b, end.
+inline double BezierCurve(double offset, double start, double a, double b, double end, double u)
+{
+    const double u2 = u * u;
+    const double u3 = u2 * u;
+    const double w0 = 1.0 - 3.0 * u + 3.0 * u2 - u3;
+    const double w1 = 3.0 * u - 6.0 * u2 + 3.0 * u3;
+    const double w2 = 3.0 * u2 - 3.0 * u3;
+    return start * w0 + a * w1 + b * w2 + end * u3 + offset;
+}
+
+// A cubic with control values c0 ... c3, in power form: c0 + a s + b s^2 + d s^3.
+struct PowerCubic {
+    double c0, a, b, d;
+    static PowerCubic Of(double p0, double p1, double p2, double p3)
+    {
+        const double a = (p1 - p0) * 3.0;
+        const double b = (p2 - p1) * 3.0 - a;
+        return {p0, a, b, p3 - p0 - a - b};
+    }
+    double At(double s) const { return c0 + a * s + b * (s * s) + d * (s * s * s); }
+};
+
+// The time and value curves of the 2-D Bezier segment from S to E.
+PowerCubic Bezier2X(const VxEnvKey *s, const VxEnvKey *e);
+PowerCubic Bezier2Y(const VxEnvKey *s, const VxEnvKey *e);
+// The parameter where x(s) = t by bisection of [0, 1], stopped within 0.0001 seconds or after
+// 17 probes.
+double Bezier2Solve(const PowerCubic &x, double t);
+
+// ---- Evaluation tables (env_tables.cpp) ----------------------------------------------------
+
+// The curve at t plus `offset` from the tables, rebuilt first when stale, for a tick n
+// strictly between the first and last key's. False when n is not, or when the tables cannot
+// be had for want of memory (the caller then walks the keys).
+bool TablesValue(VxEnvelope *env, double t, int32_t n, double offset, double &value);
+void FreeTables(VxEnvelope *env);
 
 }  // namespace vx::env

@@ -196,7 +196,13 @@ VX_API double EnvKeyValue(const VxEnvKey *key);
 VX_API double EnvKeyTime(const VxEnvKey *key);
 VX_API int32_t EnvKeyType(const VxEnvKey *key);
 /* Changes the key's shape; converting to or from ENV_SHAPE_BEZIER2 sets the parameters so
- * that the curve keeps its tangents. Increments the change stamp; ENV_NOTIFY_KEY_CHANGED. */
+ * that the curve keeps its tangents. Increments the change stamp; ENV_NOTIFY_KEY_CHANGED.
+ * Converting to 2-D Bezier: the handle times are tick differences times 1/3600 times
+ * -0.33333 (incoming) and 0.33333 (outgoing), and the handle values the key's in and out
+ * tangents times them. At a first or last key the handle value comes instead from the slope to
+ * its one neighbour, whose tick difference is divided by 3600: the conversion is described with
+ * that division written out, unlike every other tick-to-seconds conversion, which multiplies
+ * by 1/3600, and the written division is kept (the two can differ in the last bit). */
 VX_API void EnvKeySetType(VxEnvelope *env, VxEnvKey *key, int32_t shape);
 /* Parameter p[index] for index 0 ... 4; 0.0 for any other index. */
 VX_API double EnvKeyGetParam(const VxEnvKey *key, int32_t index);
@@ -217,7 +223,20 @@ VX_API int EnvScaleKeys(VxEnvelope *env, VxEnvKey *first, VxEnvKey *last, double
 
 /* ---- Evaluation ----------------------------------------------------------------------- */
 
-/* The curve value at `t` (stored as the last value), then passed through the modifiers. */
+/* The curve value at `t` (stored as the last value), then passed through the modifiers.
+ * Repeat, Oscillate and Offset repeat move t into the key range one cycle at a time, each
+ * cycle adding (or subtracting) the range in seconds with its own rounding; a time any
+ * number of cycles away costs about as much as one nearby. Every curve value inside the key
+ * range has the offset added (0.0 outside those behaviours): a -0.0 curve value gives +0.0.
+ * Two readings of cases the curve's description leaves open:
+ * - The Linear behaviour's probe two ticks inside the first or last key is evaluated like any
+ *   other time: when a key lies on the probe's tick (the neighbour is at most two ticks away)
+ *   the probe gives that key's value. Its rule: a time on a key's tick gives that key's value.
+ * - Before the first key, the probe of a Hermite-family segment that starts at a 2-D Bezier key
+ *   is read from the 2-D Bezier curve over the two keys: the end key's p0 and p1 serve as its
+ *   incoming handle whatever its shape, and no tangent rule runs, so the probe caches no
+ *   tangents. Its rule: that probe value comes from the 2-D Bezier curve built as for a 2-D
+ *   Bezier segment, not from the Hermite value. */
 VX_API double EnvEvaluate(VxEnvelope *env, double t);
 /* The curve value at `t`, stored as the last value; modifiers are not applied. */
 VX_API double EnvKeyEvaluate(VxEnvelope *env, double t);

@@ -1,0 +1,222 @@
+// Evaluation tables: building them, filling a segment, and the 2-D Bezier parameter.
+#include "anim/env_tables.h"
+
+#include <vxtools3/memory.h>
+
+#include <algorithm>
+
+namespace vx::env {
+namespace {
+
+// ---- 2-D Bezier: the bisection's end point without bisecting --------------------------------
+//
+// The bisection probes the points j / 2^17 (0 < j < 2^17) and ends on a point k / 2^18. When
+// x(s), as computed, rises from each probe to the next, its choices at all probes follow from
+// its choices at the two probes that bracket the end point: so a guessed end point that passes
+// the checks at those two probes (and at itself) is the bisection's, to the bit.
+constexpr double kProbeScale = 131072.0;  // 2^17: probes per unit of the parameter
+constexpr int64_t kLastProbe = 131071;
+constexpr double kEndUnit = 0x1p-18;  // the end points are multiples of it
+constexpr double kReach = 0.0001;     // the bisection stops within this many seconds of t
+constexpr double kUlp = 0x1p-53;
+
+// True when x(s) as PowerCubic::At computes it cannot fall between neighbouring probes: its
+// least slope on [0, 1] (the least at the ends and at its turning point, less their rounding)
+// outruns twice the rounding error of its values (below 16 units in the last place of the sum
+// of the coefficients' magnitudes) across 2^-17.
+bool IncreasingAtProbes(const PowerCubic &x)
+{
+    const double error = 16.0 * kUlp * (std::fabs(x.c0) + std::fabs(x.a) + std::fabs(x.b) + std::fabs(x.d));
+    const double slopeError = 16.0 * kUlp * (std::fabs(x.a) + 2.0 * std::fabs(x.b) + 3.0 * std::fabs(x.d));
+    auto slope = [&x](double s) { return x.a + 2.0 * x.b * s + 3.0 * x.d * (s * s); };
+    double least = std::fmin(slope(0.0), slope(1.0));
+    if (x.d != 0.0) {
+        const double turn = -x.b / (3.0 * x.d);
+        if (turn > 0.0 && turn < 1.0)
+            least = std::fmin(least, slope(turn));
+    }
+    return least - slopeError > 4.0 * error * kProbeScale;
+}
+
+// Where the bisection of an increasing x(s) ends for time t, from a guess: `scaled` is the
+// guessed parameter s * 2^17 + 1 and `reach` is 0.0001 * ds/dx * 2^17, the parameters within
+// 0.0001 seconds of t in units of the probes. False when the guess is not confirmed.
+bool ConfirmEnd(const PowerCubic &x, double t, double scaled, double reach, double &mid)
+{
+    // The probes within reach lie in [floor(lo) + 1, floor(hi)] for lo and hi one lower, so
+    // truncation stands in for the floor. A rounding that moves the candidate only costs a
+    // failed check below.
+    const double lo = scaled - reach, hi = scaled + reach;
+    if (!(lo > 0.0 && hi > lo && hi < kProbeScale + 2.0))
+        return false;
+    const int64_t jLo = std::max<int64_t>(static_cast<int64_t>(lo), 1);
+    const int64_t jHi = std::min<int64_t>(static_cast<int64_t>(hi) - 1, kLastProbe);
+    int64_t k;  // the end point in units of 2^-18
+    if (jLo <= jHi) {
+        // The probe in [jLo, jHi] with the most trailing zero bits is reached first; the
+        // bisection stops there when it is within reach of t.
+        const int top = 63 - __builtin_clzll(static_cast<uint64_t>((jLo - 1) ^ jHi));
+        k = 2 * (jHi & ~((int64_t{1} << top) - 1));
+        if (!(std::fabs(t - x.At(static_cast<double>(k) * kEndUnit)) < kReach))
+            return false;
+    } else {
+        // No probe within reach: the bisection runs out between the two that bracket s.
+        k = 2 * std::clamp<int64_t>(static_cast<int64_t>(scaled), 1, kLastProbe + 1) - 1;
+    }
+    // The probes k -+ lowest bracket k when the bisection reaches it: t must lie more than the
+    // reach above the one and below the other. (At 0 or 1 they are no probes; the checks pass
+    // there for a t inside the segment.)
+    const int64_t lowest = k & -k;
+    if (!(t - x.At(static_cast<double>(k - lowest) * kEndUnit) >= kReach))
+        return false;
+    if (!(t - x.At(static_cast<double>(k + lowest) * kEndUnit) <= -kReach))
+        return false;
+    mid = static_cast<double>(k) * kEndUnit;
+    return true;
+}
+
+// The bisection's end point for an increasing x: guessed on the straight line through the
+// curve's ends, refined by two Newton steps, confirmed; else the bisection itself.
+double Bezier2Parameter(const Segment &seg, double t)
+{
+    const PowerCubic &x = seg.x;
+    if (seg.increasing) {
+        double s = (t - x.c0) * seg.invRange;
+        const double r = 1.0 / (x.a + 2.0 * x.b * s + 3.0 * x.d * (s * s));
+        s -= (x.At(s) - t) * r;
+        s -= (x.At(s) - t) * r;
+        double mid;
+        if (ConfirmEnd(x, t, s * kProbeScale + 1.0, kReach * r * kProbeScale, mid))
+            return mid;
+    }
+    return Bezier2Solve(x, t);
+}
+
+}  // namespace
+
+void FillSegment(VxEnvTables *tables, int32_t i)
+{
+    Segment &seg = tables->segments[i];
+    VxEnvKey *s = tables->keys[i];
+    VxEnvKey *e = tables->keys[i + 1];
+    const int64_t dt = int64_t{e->tick} - s->tick;
+    seg.base = static_cast<double>(s->tick) * -kTickSeconds;
+    seg.span = static_cast<double>(dt) * kTickSeconds;
+    if (e->shape == ENV_SHAPE_STEPPED || (e->shape == ENV_SHAPE_LINEAR && dt <= 1)) {
+        seg.c[0] = s->value;
+        seg.kind = kHold;
+        return;
+    }
+    switch (e->shape) {
+    case ENV_SHAPE_LINEAR:
+        seg.c[0] = s->value;
+        seg.c[1] = e->value;
+        seg.kind = kLinear;
+        break;
+    case ENV_SHAPE_BEZIER: {
+        const double out = OutTangent(s), in = InTangent(e);
+        seg.c[0] = s->value;
+        seg.c[1] = s->value + out * kThird;
+        seg.c[2] = e->value + in * -kThird;
+        seg.c[3] = e->value;
+        seg.kind = kBezier;
+        break;
+    }
+    case ENV_SHAPE_BEZIER2:
+        seg.x = Bezier2X(s, e);
+        seg.invRange = 1.0 / (seg.x.a + seg.x.b + seg.x.d);
+        seg.increasing = IncreasingAtProbes(seg.x);
+        seg.y = Bezier2Y(s, e);
+        seg.kind = s->shape == ENV_SHAPE_BEZIER2 ? kBezier2 : kBezier2KeysY;
+        break;
+    default:
+        seg.c[0] = s->value;
+        seg.c[1] = e->value;
+        seg.c[2] = OutTangent(s);
+        seg.c[3] = InTangent(e);
+        seg.kind = kHermite;
+        break;
+    }
+}
+
+double Bezier2Value(const VxEnvTables *tables, int32_t i, double t, double offset)
+{
+    const Segment &seg = tables->segments[i];
+    const PowerCubic y = seg.kind == kBezier2 ? seg.y : Bezier2Y(tables->keys[i], tables->keys[i + 1]);
+    return y.At(Bezier2Parameter(seg, t)) + offset;
+}
+
+namespace {
+
+// Current tables for an envelope of two keys or more; NULL when memory runs out.
+VxEnvTables *Rebuild(VxEnvelope *env)
+{
+    int32_t count = 0;
+    for (VxEnvKey *k = FirstKey(env); k; k = NextKey(k))
+        ++count;
+    if (count < 2)
+        return nullptr;
+    VxEnvTables *tables = env->tables;
+    if (tables && tables->capacity < count)
+        FreeTables(env), tables = nullptr;
+    if (!tables) {
+        const auto n = static_cast<size_t>(count);
+        const size_t bytes = sizeof(VxEnvTables) + n * (sizeof(Segment) + sizeof(VxEnvKey *) + sizeof(int32_t));
+        tables = static_cast<VxEnvTables *>(StdTryAlloc(bytes));
+        if (!tables)
+            return nullptr;
+        tables->bytes = bytes;
+        tables->capacity = count;
+        tables->segments = reinterpret_cast<Segment *>(tables + 1);
+        tables->keys = reinterpret_cast<VxEnvKey **>(tables->segments + count);
+        tables->ticks = reinterpret_cast<int32_t *>(tables->keys + count);
+        env->tables = tables;
+    }
+    tables->count = count;
+    tables->last = 0;
+    int32_t i = 0;
+    for (VxEnvKey *k = FirstKey(env); k; k = NextKey(k), ++i) {
+        tables->keys[i] = k;
+        tables->ticks[i] = k->tick;
+        tables->segments[i].kind = kUnfilled;
+    }
+    env->tablesCurrent = true;
+    return tables;
+}
+
+}  // namespace
+
+bool TablesValue(VxEnvelope *env, double t, int32_t n, double offset, double &value)
+{
+    VxEnvTables *tables = env->tablesCurrent ? env->tables : Rebuild(env);
+    if (!tables)
+        return false;
+    const int32_t lastKey = tables->count - 1;
+    int32_t at;  // the key whose value it is, if any
+    if (n <= tables->ticks[0]) {
+        at = 0;
+    } else if (n >= tables->ticks[lastKey]) {
+        at = lastKey;
+    } else {
+        const int32_t i = FindSegment(tables, n);
+        if (n != tables->ticks[i]) {
+            if (tables->segments[i].kind == kUnfilled)
+                FillSegment(tables, i);
+            value = FilledValue(tables, i, t, offset);
+            return true;
+        }
+        at = i;
+    }
+    value = offset + tables->keys[at]->value;
+    return true;
+}
+
+void FreeTables(VxEnvelope *env)
+{
+    if (env->tables)
+        FreeHeap(env->tables, env->tables->bytes);
+    env->tables = nullptr;
+    env->tablesCurrent = false;
+}
+
+}  // namespace vx::env
