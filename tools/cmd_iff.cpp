@@ -680,23 +680,3 @@ int IffMain(int argc, char **argv)
 }
 
 }  // namespace vxtool
-
-extern "C" int vx_iff_dump(FILE *out, const void *data, size_t size)
-{
-    if (size > INT32_MAX) {
-        std::fprintf(out, "larger than a memory stream holds\n");
-        return 0;
-    }
-    VxReadStrm *s = MemStrmReadCreate(data, static_cast<int32_t>(size), 0);
-    if (!s) {
-        std::fprintf(out, "out of memory\n");
-        return 0;
-    }
-    vxtool::Reader reader(s);
-    vxtool::DumpVisitor dump(out, false, true);
-    const std::string problem = vxtool::Walker(reader, dump).Walk();
-    StrmReadDestroy(s);
-    if (!problem.empty())
-        std::fprintf(out, "%s\n", problem.c_str());
-    return problem.empty();
-}

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
@@ -161,7 +162,20 @@ int Scan(const Options &o)
 struct ListState {
     const Options *options;
     int printed;
+    std::vector<std::array<std::string, 4>> rows;  // the text form, printed in columns at the end
 };
+
+// Prints the rows under a header, each column as wide as its widest cell.
+void PrintColumns(const std::vector<std::array<std::string, 4>> &rows)
+{
+    std::array<size_t, 4> width{};
+    for (const auto &row : rows)
+        for (size_t c = 0; c < row.size(); ++c)
+            width[c] = std::max(width[c], row[c].size());
+    for (const auto &row : rows)
+        std::printf("%-*s  %-*s  %-*s  %s\n", static_cast<int>(width[0]), row[0].c_str(), static_cast<int>(width[1]),
+                    row[1].c_str(), static_cast<int>(width[2]), row[2].c_str(), row[3].c_str());
+}
 
 void ListServer(void *data, const char *className, int32_t index)
 {
@@ -176,7 +190,7 @@ void ListServer(void *data, const char *className, int32_t index)
                     state->printed ? "," : "", JsonString(className).c_str(), JsonString(name).c_str(),
                     JsonString(userName).c_str(), JsonString(module).c_str());
     } else {
-        std::printf("%s\t%s\t%s\t%s\n", className, name, userName, module);
+        state->rows.push_back({className, name, userName ? userName : "", module});
     }
     ++state->printed;
 }
@@ -199,7 +213,7 @@ int List(const Options &o)
         HostShutdown();
         return kFailed;
     }
-    ListState state{&o, 0};
+    ListState state{&o, 0, {{"CLASS", "SERVER", "USER NAME", "MODULE"}}};
     if (o.json)
         std::printf("[");
     // Every class, declared or not: the classes of module servers often have no version.
@@ -208,6 +222,8 @@ int List(const Options &o)
             ListServer(&state, HostClassName(c), i);
     if (o.json)
         std::printf("%s]\n", state.printed ? "\n" : "");
+    else
+        PrintColumns(state.rows);
     HostShutdown();
     return kOk;
 }

@@ -83,7 +83,7 @@ int RunVxtool(int (*command)(int argc, char **argv), std::vector<std::string> ar
 }
 
 int ListPlugins(FILE *, const char *dir) { return RunVxtool(PluginsMain, {"plugins", "list", "--db", dir}); }
-int DumpScene(FILE *, const char *dir) { return RunVxtool(IffMain, {"iff", "dump", std::string(dir) + "/scene.iff"}); }
+int DumpScene(FILE *, const char *dir) { return RunVxtool(IffMain, {"iff", "dump", "--sub-chunks", std::string(dir) + "/scene.iff"}); }
 int PlotEnvelopes(FILE *, const char *dir)
 {
     return RunVxtool(EnvMain, {"env", "plot", std::string(dir) + "/envelopes.txt", "-o", std::string(dir) + "/envelopes.svg"});

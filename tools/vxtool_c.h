@@ -11,10 +11,6 @@
 extern "C" {
 #endif
 
-/* Prints the chunk tree of the IFF data at `data` as `vxtool iff dump` does; 1 when it is a
- * well-formed FORM, else 0 after a line saying what is wrong and where. */
-int vx_iff_dump(FILE *out, const void *data, size_t size);
-
 /* Draws `count` envelopes into the SVG picture `path` as `vxtool env plot` does: a panel each,
  * over the key range and one more cycle either side, keys marked. 1 when written, else 0. */
 int vx_env_plot(const char *path, VxEnvelope *const *envs, int count);

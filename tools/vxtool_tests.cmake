@@ -239,7 +239,7 @@ add_test(NAME vxtool.plugins_scan_list_activate COMMAND sh -c
    '$<TARGET_FILE:vxtool>' plugins activate MeshEditTool Example_Box --version 1 --db '${vx_plugins_db}' && \
    '$<TARGET_FILE:vxtool>' plugins activate Tool Nope --db '${vx_plugins_db}' 2>&1; test $? -eq 1")
 set_tests_properties(vxtool.plugins_scan_list_activate PROPERTIES PASS_REGULAR_EXPRESSION
-  "7 servers from 4 modules.*MeshEditTool\tExample_Box\tBox\t[^\n]*example_shapes\\.so\n.*\"name\": \"Example_Wrapped\".*activated MeshEditTool:Example_Box: result 0, first local word 1\nvxtool plugins: no server Tool:Nope")
+  "7 servers from 4 modules.*CLASS         SERVER       USER NAME  MODULE\nMeshEditTool  Example_Box  Box        [^\n]*example_shapes\\.so\n.*\"name\": \"Example_Wrapped\".*activated MeshEditTool:Example_Box: result 0, first local word 1\nvxtool plugins: no server Tool:Nope")
 vx_cli_test(plugins_missing_directory 3 "absent: no such directory" plugins scan ${vx_plugins_dir}/absent)
 vx_cli_test(plugins_missing_database 3 "no plug-in database at [^\n]*absent\\.cfg" plugins list --db ${vx_plugins_dir}/absent.cfg)
 vx_cli_test(plugins_bad_command_line 2 "unknown subcommand 'frobnicate'" plugins frobnicate)
