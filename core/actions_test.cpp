@@ -51,7 +51,7 @@ protected:
 
 using Events = std::vector<std::string>;
 
-TEST_F(Actions, ListsAndCharacterTags)
+TEST_F(Actions, ListsTablesAndCharacterTags)
 {
     const ActionDef list[] = {{3, Act, nullptr}, {4, Act, &kRefusing}, {11, Act, nullptr}, {3, Fail, nullptr},
                               {6, nullptr, &kRefusing}, {0, nullptr, nullptr}};
@@ -72,6 +72,26 @@ TEST_F(Actions, ListsAndCharacterTags)
     EXPECT_EQ(g_events, (Events{"act 4 11", "act 2 3"}));
     const CharTag blocked[] = {{'x', 0}, {'x', 3}, {0, 0}};
     EXPECT_EQ(CharTagDispatch(blocked, list, 'x', 4), ACTION_NO_TAG);
+
+    // Tables: definitions keyed by code, the first one added for a code holding.
+    g_events.clear();
+    const ActionDef first[] = {{1, Act, nullptr}, {2, Act, nullptr}, {0, nullptr, nullptr}};
+    const ActionDef second[] = {{2, Fail, nullptr}, {3, Act, nullptr}, {0, nullptr, nullptr}};
+    ActionTable *table = ActionTableCreate(77);
+    EXPECT_EQ(ActionTableDispatch(table, 1), ACTION_UNDEFINED);
+    EXPECT_EQ(ActionTableAddList(table, first), 1);
+    EXPECT_EQ(ActionTableAddList(table, second), 1);
+    EXPECT_EQ(ActionTableDispatch(table, 0), ACTION_NO_CODE);
+    EXPECT_EQ(ActionTableDispatch(table, 2), ACTION_DONE);
+    EXPECT_EQ(ActionTableDispatch(table, 3), ACTION_DONE);
+    EXPECT_EQ(g_events, (Events{"act 77 2", "act 77 3"})) << "the earlier definition of 2 holds";
+    EXPECT_EQ(ActionTableRemList(table, second), 1) << "only code 3 was second's";
+    EXPECT_EQ(ActionTableDispatch(table, 3), ACTION_UNDEFINED);
+    EXPECT_EQ(ActionTableDispatch(table, 2), ACTION_DONE);
+    EXPECT_EQ(ActionTableRemList(table, first), 2);
+    EXPECT_EQ(ActionTableDispatch(table, 1), ACTION_UNDEFINED);
+    ActionTableDestroy(table);
+    ActionTableDestroy(nullptr);
 }
 
 // Dispatches inside a block of the caller's own: the result, or -1 when the failure reached
@@ -122,28 +142,6 @@ TEST_F(Actions, HooksAndFailuresByDispatchLevel)
         EXPECT_EQ(CkptLatchCode(), c.latched);
     }
     EXPECT_EQ(g_recoveredHooks, &kAllHooks);
-}
-
-TEST_F(Actions, TablesKeyDefinitionsByCode)
-{
-    const ActionDef first[] = {{1, Act, nullptr}, {2, Act, nullptr}, {0, nullptr, nullptr}};
-    const ActionDef second[] = {{2, Fail, nullptr}, {3, Act, nullptr}, {0, nullptr, nullptr}};
-    ActionTable *table = ActionTableCreate(77);
-    ASSERT_NE(table, nullptr);
-    EXPECT_EQ(ActionTableDispatch(table, 1), ACTION_UNDEFINED);
-    EXPECT_EQ(ActionTableAddList(table, first), 1);
-    EXPECT_EQ(ActionTableAddList(table, second), 1);
-    EXPECT_EQ(ActionTableDispatch(table, 0), ACTION_NO_CODE);
-    EXPECT_EQ(ActionTableDispatch(table, 2), ACTION_DONE);
-    EXPECT_EQ(ActionTableDispatch(table, 3), ACTION_DONE);
-    EXPECT_EQ(g_events, (Events{"act 77 2", "act 77 3"})) << "the earlier definition of 2 holds";
-    EXPECT_EQ(ActionTableRemList(table, second), 1) << "only code 3 was second's";
-    EXPECT_EQ(ActionTableDispatch(table, 3), ACTION_UNDEFINED);
-    EXPECT_EQ(ActionTableDispatch(table, 2), ACTION_DONE);
-    EXPECT_EQ(ActionTableRemList(table, first), 2);
-    EXPECT_EQ(ActionTableDispatch(table, 1), ACTION_UNDEFINED);
-    ActionTableDestroy(table);
-    ActionTableDestroy(nullptr);
 }
 
 TEST(ActionsOom, CreateAndAddList)

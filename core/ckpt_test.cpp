@@ -22,11 +22,7 @@ void Record(uintptr_t id, uintptr_t)
 
 class CkptTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        vx::ckpt::ResetForTest();
-        g_ran.clear();
-    }
+    void SetUp() override { vx::ckpt::ResetForTest(); g_ran.clear(); }
     void TearDown() override { EXPECT_EQ(CkptLevel(), -1) << "a test left a block open"; }
 };
 
@@ -90,10 +86,6 @@ TEST_F(CkptTest, ArmEndAndCodesCount)
 {
     EXPECT_EQ(CkptArm(Record, 1, 0), -1) << "arming outside a block returns the level";
     EXPECT_EQ(vx::ckpt::ArmedIndex(), -1) << "and arms nothing";
-    CkptEnd();
-    CkptEnd();
-    EXPECT_EQ(CkptLevel(), -1);
-    EXPECT_EQ(vx::ckpt::ExtraEnds(), 2);
     EXPECT_EQ(CkptPropogate(), 0);
     EXPECT_EQ(CkptRecover(42), 0);
     int code = -1;
@@ -125,7 +117,8 @@ TEST_F(CkptTest, RebalanceReportsAndRepairs)
     CkptRebalance(CollectReport);
     EXPECT_TRUE(g_reports.empty()) << "balanced: nothing to report";
     CkptEnd();
-    CkptEnd();
+    CkptEnd();  // with no block open: counted, the level stays -1
+    EXPECT_EQ(vx::ckpt::ExtraEnds(), 2);
     Fill(3);
     CkptRebalance(CollectReport);
     const std::vector<std::string> expected = {"Too many CkptEnd calls!|Checkpoint level decreased by 2.\n",

@@ -19,7 +19,6 @@ TEST(KTable, FindsEntriesByKey)
     for (int i = 0; i < 300; ++i)
         ASSERT_EQ(KTableAdd(table, static_cast<uintptr_t>(i * 7 + 1), &entries[i]), 1);
     EXPECT_EQ(KTableAdd(table, 8, table), 0) << "a present key keeps its entry";
-    EXPECT_EQ(KTableFind(table, 9), nullptr);
     for (int i = 0; i < 300; i += 2)
         ASSERT_EQ(KTableRem(table, static_cast<uintptr_t>(i * 7 + 1)), &entries[i]);
     EXPECT_EQ(KTableRem(table, 1), nullptr);
@@ -32,27 +31,14 @@ TEST(KTable, FindsEntriesByKey)
     LMapDestroy(nullptr);
 }
 
-// ---- Out of memory ------------------------------------------------------------------------
 
-struct Door {
-    size_t wordsPerKey;
-    BTree *(*create)();
-    int (*add)(BTree *, uintptr_t);
-};
+struct Door { size_t wordsPerKey; BTree *(*create)(); int (*add)(BTree *, uintptr_t); };
 
 const Door kDoors[] = {
     {1, [] { return LTabCreate(1); }, [](BTree *t, uintptr_t k) { return LTabAdd(t, k); }},
     {2, [] { return LMapCreate(2); }, [](BTree *t, uintptr_t k) { return LMapSet(t, k, ~k); }},
     {2, [] { return KTableCreate(); }, [](BTree *t, uintptr_t k) { return KTableAdd(t, k, reinterpret_cast<void *>(~k)); }},
 };
-
-int Height(const BTree *tree)
-{
-    int height = 0;
-    for (const BTNode *node = BTRoot(tree); node; node = node->children[0])
-        ++height;
-    return height;
-}
 
 // Each creator, and each way of adding a word at every place in tables of up to 150 keys,
 // swept wherever the addition allocates (a zone's chunks full somewhere on the split path): a
@@ -95,9 +81,10 @@ TEST(LookupOom, CreateAndAdd)
                     continue;
                 SCOPED_TRACE(::testing::Message() << "held=" << held << " add=" << add);
                 c.setup();
-                const int heightBefore = Height(tree);
+                const BTNode *root = BTRoot(tree);
+                const bool inner = root && root->children[0];
                 c.run();
-                rootSplitsAboveLeaves += heightBefore >= 2 && Height(tree) > heightBefore;
+                rootSplitsAboveLeaves += inner && BTRoot(tree) != root;
                 c.teardown();
                 vxtest::OomSweepAll(c);
                 ++swept;

@@ -14,22 +14,18 @@ namespace {
 
 uintptr_t Value(void *p) { return reinterpret_cast<uintptr_t>(p); }
 
-using Pairs = std::vector<std::pair<uintptr_t, uintptr_t>>;
-
-struct Trace {
-    Pairs comparisons;  // (item, pivot)
-};
+using Pairs = std::vector<std::pair<uintptr_t, uintptr_t>>;  // the comparisons made: (item, pivot)
 
 int TracingCompare3(void *item, void *pivot, void *user)
 {
-    static_cast<Trace *>(user)->comparisons.emplace_back(Value(item), Value(pivot));
+    static_cast<Pairs *>(user)->emplace_back(Value(item), Value(pivot));
     return (Value(item) > Value(pivot)) - (Value(item) < Value(pivot));
 }
 
 int Compare2(void *a, void *b) { return (Value(a) > Value(b)) - (Value(a) < Value(b)); }
 
 // Runs SortInitR/SortStep to completion; returns the number of SortStep calls.
-int StepToEnd(std::vector<void *> &items, Trace &trace)
+int StepToEnd(std::vector<void *> &items, Pairs &trace)
 {
     SortInitR(items.data(), static_cast<int32_t>(items.size()), TracingCompare3, &trace);
     int calls = 1;
@@ -51,21 +47,21 @@ std::vector<void *> Words(std::initializer_list<uintptr_t> values)
 TEST(StepSort, OrderOfWorkForFixedInputs)
 {
     std::vector<void *> three = Words({3, 1, 2});
-    Trace trace;
+    Pairs trace;
     EXPECT_EQ(StepToEnd(three, trace), 10);
     EXPECT_EQ(three, Words({1, 2, 3}));
-    EXPECT_EQ(trace.comparisons, (Pairs{{3, 1}, {2, 1}, {3, 1}, {1, 1}, {3, 2}, {3, 2}, {2, 2}}));
+    EXPECT_EQ(trace, (Pairs{{3, 1}, {2, 1}, {3, 1}, {1, 1}, {3, 2}, {3, 2}, {2, 2}}));
 
     std::vector<void *> two = Words({1, 2});
-    trace.comparisons.clear();
+    trace.clear();
     EXPECT_EQ(StepToEnd(two, trace), 5) << "one step reaches the end of the array uncompared";
     EXPECT_EQ(two, Words({1, 2}));
-    EXPECT_EQ(trace.comparisons, (Pairs{{1, 2}, {1, 2}}));
+    EXPECT_EQ(trace, (Pairs{{1, 2}, {1, 2}}));
 
     for (std::vector<void *> fewer : {Words({}), Words({5})}) {
-        trace.comparisons.clear();
+        trace.clear();
         EXPECT_EQ(StepToEnd(fewer, trace), 1) << "nothing to do for " << fewer.size() << " items";
-        EXPECT_TRUE(trace.comparisons.empty());
+        EXPECT_TRUE(trace.empty());
     }
 }
 
@@ -87,18 +83,18 @@ TEST(StepSort, MatchesStdSortAndOrdSortOnAllShapes)
             std::sort(expected.begin(), expected.end());
 
             std::vector<void *> stepped = input;
-            Trace steppedTrace;
+            Pairs steppedTrace;
             StepToEnd(stepped, steppedTrace);
             EXPECT_EQ(stepped, expected);
             EXPECT_LE(vx::sort::StepSortMaxStackUse(), std::bit_width(n)) << "range stack bound";
 
             std::vector<void *> looped = input;
-            Trace loopedTrace;
+            Pairs loopedTrace;
             vx::sort::Engine engine(looped.data(), static_cast<int64_t>(n),
                                     [&](void *a, void *b) { return TracingCompare3(a, b, &loopedTrace); });
             engine.Run();
             EXPECT_EQ(looped, expected);
-            EXPECT_EQ(loopedTrace.comparisons, steppedTrace.comparisons) << "same work in the same order";
+            EXPECT_EQ(loopedTrace, steppedTrace) << "same work in the same order";
 
             VxOrd ord{input.data(), static_cast<int32_t>(n), static_cast<int32_t>(n)};
             OrdSort(&ord, Compare2);
