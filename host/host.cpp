@@ -858,12 +858,19 @@ VX_API void HostMissingFunc(HostMissingFunc_t *func, void *data)
 
 VX_API void HostAutoFlush(int32_t threshold) { g_host.flushThreshold = threshold; }
 
+// Passes over the modules until one unloads nothing: unloading a module can release the last
+// use of another (a wrapping loader's module is listed before the modules it loaded).
 VX_API void HostFlush(void)
 {
-    for (VxNode *node = g_host.modules.head; node && node->succ; node = node->succ) {
-        auto *module = reinterpret_cast<HostModule *>(node);
-        if (ModuleLoaded(module) && module->useCount == 0)
-            UnloadModule(module);
+    for (bool unloaded = true; unloaded;) {
+        unloaded = false;
+        for (VxNode *node = g_host.modules.head; node && node->succ; node = node->succ) {
+            auto *module = reinterpret_cast<HostModule *>(node);
+            if (ModuleLoaded(module) && module->useCount == 0) {
+                UnloadModule(module);
+                unloaded = true;
+            }
+        }
     }
 }
 
