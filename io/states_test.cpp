@@ -31,7 +31,6 @@ struct Block { const VxBlockDesc *desc = nullptr; std::vector<Values> values; st
 const VxBlockDesc kDescs[] = {{VX_ID('E', 'N', 'V', 'L'), "Envelope"}, {VX_ID('K', 'E', 'Y', ' '), "Key"},
                               {VX_ID('S', 'P', 'A', 'N'), "Span"}, {VX_ID('P', 'R', 'E', ' '), nullptr},
                               {VX_ID('C', 'H', 'A', 'N'), "Channel_2.x-y"}, {0xFF000001u, "Odd"}, {0, nullptr}};
-constexpr int kDescCount = 6;
 
 // +inf, a NaN with a payload, -0, subnormals, short decimals, any finite value.
 uint32_t RandomFloatBits(std::mt19937 &rng)
@@ -73,7 +72,7 @@ Values RandomValues(std::mt19937 &rng)
 
 Block RandomBlock(std::mt19937 &rng, int depth)
 {
-    Block b{&kDescs[rng() % kDescCount], {}, {}};
+    Block b{&kDescs[rng() % (std::size(kDescs) - 1)], {}, {}};
     for (auto values = rng() % 4; values > 0; --values)
         b.values.push_back(RandomValues(rng));
     for (auto kids = depth < 4 && rng() % 2 ? rng() % 4 : 0; kids > 0; --kids)
@@ -158,20 +157,17 @@ std::string Saved(uint32_t formType, F save)
     VxWriteStrm *w = MemStrmWriteCreate();
     VxIFFWriter *iw = formType ? IFFWCreate(w) : nullptr;
     VxSaveState s;
-    if (iw) {
-        IFFWChunkOpen(iw, VX_ID('F', 'O', 'R', 'M'), formType);
-        IFFInitSaveState(&s, iw);
-        EXPECT_EQ(iw->level[0].flags & VX_IFF_STATE_BASE, VX_IFF_STATE_BASE);
-    } else {
+    if (iw)
+        IFFWChunkOpen(iw, VX_ID('F', 'O', 'R', 'M'), formType), IFFInitSaveState(&s, iw);
+    else
         StrmInitSaveState(&s, w);
-    }
+    EXPECT_TRUE(!iw || (iw->level[0].flags & VX_IFF_STATE_BASE));
     save(&s);
     EXPECT_EQ(s.endBlock(&s), VX_ERR_FORMAT) << "no block open; a binary state never closes the FORM";
     if (iw)
         IFFWChunkClose(iw);
     std::string bytes = w->impl ? std::string(static_cast<const char *>(w->impl), static_cast<size_t>(w->length)) : "";
-    IFFWDestroy(iw);
-    StrmWriteDestroy(w);
+    IFFWDestroy(iw), StrmWriteDestroy(w);
     return bytes;
 }
 
@@ -210,9 +206,7 @@ void RandomTreesRoundTrip(uint32_t formType)
     for (uint32_t seed = 1; seed <= 200 && !::testing::Test::HasFailure(); ++seed) {
         SCOPED_TRACE(::testing::Message() << "seed " << seed);
         std::mt19937 rng(seed);
-        Block root;
-        for (int i = 0; i < 3; ++i)
-            root.kids.push_back(RandomBlock(rng, 1));
+        const Block root{nullptr, {}, {RandomBlock(rng, 1), RandomBlock(rng, 1), RandomBlock(rng, 1)}};
         Loaded load(SaveTree(root.kids, formType), formType != 0, formType);
         Load(&load.state, root);
     }
@@ -284,9 +278,7 @@ TEST(TextStates, MalformedTextFailsWithAMessageAndItsLine)
 {
     // keyRead: what a Key block is read as: l longs, f floats, i IDs, n nothing (enter it)
     struct Case { std::string text; const char *message; int line; char keyRead = 'l'; };
-    std::string deep;
-    while (deep.size() < 17 * 6)
-        deep += "Key {\n";
+    const std::string deep = [] { std::string d; while (d.size() < 17 * 6) d += "Key {\n"; return d; }();  // 17 levels
     const Case cases[] = {
         {"Entry {\n  Class \"open\n}\n", "unterminated string", 2},
         {"Class \"a\\qb\"\n", "unknown escape in string", 1},
@@ -373,16 +365,11 @@ TEST(BinaryStates, IndexAndStringsHaveTheirFileForm)
 {
     static const VxBlockDesc envl{VX_ID('E', 'N', 'V', 'L'), "Envelope"};
     const std::string bytes = Saved(VX_ID('T', 'E', 'S', 'T'), [](VxSaveState *s) {
-        s->beginBlock(s, &envl);
-        s->writeIndex(s, 0xFEFF);
-        s->writeIndex(s, 0xFF00);
-        s->writeString(s, "ab");
+        s->beginBlock(s, &envl), s->writeIndex(s, 0xFEFF), s->writeIndex(s, 0xFF00), s->writeString(s, "ab");
         EXPECT_EQ(s->writeIndex(s, 0x1000000), VX_ERR_FORMAT);
-        s->error = 0;
-        s->endBlock(s);
+        s->error = 0, s->endBlock(s);
     });
-    const std::string expect = "ENVL\0\0\0\x0A\xFE\xFF\xFF\x00\xFF\x00" "ab\0\0"s;
-    EXPECT_EQ(bytes.substr(12), expect);
+    EXPECT_EQ(bytes.substr(12), "ENVL\0\0\0\x0A\xFE\xFF\xFF\x00\xFF\x00" "ab\0\0"s);
     Loaded load(bytes, true, VX_ID('T', 'E', 'S', 'T')), wrong(bytes, true, VX_ID('O', 'T', 'H', 'R'));
     VxLoadState *l = &load.state;
     uint32_t index[2];
