@@ -52,9 +52,8 @@ protected:
     VxReadStrm *Open(const Bytes &bytes)
     {
         data_ = bytes;
-        const auto size = static_cast<int32_t>(data_.size());
         if (GetParam() != Kind::File)
-            return MemStrmReadCreate(data_.data(), size, GetParam() == Kind::MemoryCopy);
+            return MemStrmReadCreate(data_.data(), static_cast<int32_t>(data_.size()), GetParam() == Kind::MemoryCopy);
         vxtest::WriteBytes(dir_.File("in"), data_);
         return FileStrmReadOpen(dir_.File("in").c_str(), nullptr);
     }
@@ -133,10 +132,7 @@ TEST(MemReadStream, ReadsTheCallersBytesInPlaceUnlessCopied)
     EXPECT_EQ(MemStrmReadCreate(data, -1, 0), nullptr);
 }
 
-struct MonitorLog {
-    int32_t total = -1, steps = 0, abortAtStep = 0, done = 0;  // abortAtStep 0: never
-    int64_t stepped = 0;
-};
+struct MonitorLog { int32_t total = -1, steps = 0, abortAtStep = 0, done = 0; int64_t stepped = 0; };  // abortAtStep 0: never
 
 TEST(FileReadStream, MonitorSeesSizeStepsAndDoneAndCanAbort)
 {
@@ -162,12 +158,11 @@ TEST(FileReadStream, MonitorSeesSizeStepsAndDoneAndCanAbort)
 
 TEST(FileStreams, OpenFailuresReturnNull)
 {
-    vxtest::TempDir dir;
-    EXPECT_EQ(FileStrmReadOpen(dir.File("missing").c_str(), nullptr), nullptr);
-    EXPECT_EQ(FileStrmReadOpen(dir.Path().c_str(), nullptr), nullptr);  // a directory
-    EXPECT_EQ(FileStrmReadOpen(nullptr, nullptr), nullptr);
-    EXPECT_EQ(FileStrmWriteOpen(dir.File("no/such/dir").c_str()), nullptr);
-    EXPECT_EQ(FileStrmWriteText(dir.Path().c_str()), nullptr);
+    vxtest::TempDir dir;  // a missing file, a directory, no name; a missing directory, a directory
+    const std::vector<const void *> opened = {
+        FileStrmReadOpen(dir.File("missing").c_str(), nullptr), FileStrmReadOpen(dir.Path().c_str(), nullptr),
+        FileStrmReadOpen(nullptr, nullptr), FileStrmWriteOpen(dir.File("no/such/dir").c_str()), FileStrmWriteText(dir.Path().c_str())};
+    EXPECT_EQ(opened, std::vector<const void *>(5, nullptr));
 }
 
 TEST(FileWriteStream, ADeviceThatIsFullFailsTheStreamAndItsDestroy)
@@ -178,9 +173,7 @@ TEST(FileWriteStream, ADeviceThatIsFullFailsTheStreamAndItsDestroy)
     const Bytes big = Pattern(200000, 1);
     EXPECT_EQ(s->writeBytes(s, big.data(), 100), 0);  // buffered: no failure yet
     EXPECT_EQ(s->writeBytes(s, big.data(), static_cast<int32_t>(big.size())), VX_ERR_IO);
-    EXPECT_EQ(s->error, VX_ERR_IO);
-    EXPECT_EQ(s->writeBytes(s, big.data(), 1), VX_ERR_IO);
-    EXPECT_EQ(StrmWriteDestroy(s), VX_ERR_IO);
+    EXPECT_EQ(Trace({s->error, s->writeBytes(s, big.data(), 1), StrmWriteDestroy(s)}), (Trace{VX_ERR_IO, VX_ERR_IO, VX_ERR_IO}));
     VxWriteStrm *small = FileStrmWriteOpen("/dev/full");
     small->writeBytes(small, big.data(), 10);
     EXPECT_EQ(StrmWriteDestroy(small), VX_ERR_IO) << "the last buffered bytes could not be written";
@@ -304,9 +297,8 @@ TEST(StreamsOom, CreationReleasesEverythingWhenMemoryRunsOut)
         [&] { return (w = FileStrmWriteOpen(outPath.c_str())) != nullptr; },
         [&] { return (w = FileStrmWriteText(outPath.c_str())) != nullptr; },
     };
-    auto nothing = [] {};
     for (const auto &create : creators)
-        vxtest::OomSweepAll({nothing, create, nothing, [&] { StrmReadDestroy(r), StrmWriteDestroy(w), r = nullptr, w = nullptr; }});
+        vxtest::OomSweepAll({[] {}, create, [] {}, [&] { StrmReadDestroy(r), StrmWriteDestroy(w), r = nullptr, w = nullptr; }});
 }
 
 // Growth of a memory write stream catches an exhausted heap itself: the failing write reports
