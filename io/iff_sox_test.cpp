@@ -36,13 +36,8 @@ Bytes Extended(double value)
     return x;
 }
 
-struct Aiff {
-    int16_t channels = 0;
-    uint32_t frames = 0;
-    int16_t sampleSize = 0;
-    Bytes rate = Bytes(10);
-    Bytes samples;  // big-endian sample data
-};
+// COMM: channels, frames, bits per sample, the rate as an 80-bit value; SSND: big-endian samples.
+struct Aiff { int16_t channels = 0, sampleSize = 0; uint32_t frames = 0; Bytes rate = Bytes(10), samples; };
 
 // Reads an AIFF file through the IFF reader: COMM through a property handler, SSND as a stop
 // chunk.
@@ -53,21 +48,17 @@ bool ReadAiff(const std::string &path, Aiff *out)
     IFFRFormType(r, kAiff);
     IFFRSetProp(r, kComm, [](VxIFFReader *rr, void *user, uint32_t) -> void * {
         auto *a = static_cast<Aiff *>(user);
-        IFFReadShorts(rr, &a->channels, 1);
-        IFFReadLongs(rr, &a->frames, 1);
-        IFFReadShorts(rr, &a->sampleSize, 1);
-        IFFReadBytes(rr, a->rate.data(), 10);
-        return a;
+        IFFReadShorts(rr, &a->channels, 1), IFFReadLongs(rr, &a->frames, 1), IFFReadShorts(rr, &a->sampleSize, 1);
+        return IFFReadBytes(rr, a->rate.data(), 10), a;
     }, nullptr, out);
     const uint32_t stop[] = {kSsnd, 0};
     bool found = IFFRParse(r, stop) == kSsnd;
     if (found) {
         uint32_t offsetAndBlock[2];
         IFFReadLongs(r, offsetAndBlock, 2);
-        Bytes skip(offsetAndBlock[0]);
-        IFFReadBytes(r, skip.data(), static_cast<int32_t>(skip.size()));
         out->samples.resize(static_cast<size_t>(IFFRChunkLength(r)));
         IFFReadBytes(r, out->samples.data(), static_cast<int32_t>(out->samples.size()));
+        out->samples.erase(out->samples.begin(), out->samples.begin() + offsetAndBlock[0]);  // the data starts past the offset
     }
     found = found && IFFRGetProp(r, kComm) == out && r->error == 0;
     IFFRDestroy(r);
@@ -121,15 +112,10 @@ TEST_F(IFFWithSox, SoxReadsTheAiffFileWeWrite)
     VxIFFWriter *w = IFFWCreate(s);
     IFFWChunkOpen(w, VX_ID('F', 'O', 'R', 'M'), kAiff);
     IFFWChunkOpen(w, kComm, 0);
-    IFFWriteShorts(w, &channels, 1);
-    IFFWriteLongs(w, &frames, 1);
-    IFFWriteShorts(w, &sampleSize, 1);
-    IFFWriteBytes(w, rate.data(), 10);
-    IFFWChunkClose(w);
-    IFFWChunkOpen(w, kSsnd, 0);
-    IFFWriteLongs(w, offsetAndBlock, 2);
-    IFFWriteShorts(w, samples.data(), static_cast<int32_t>(samples.size()));
-    IFFWChunkClose(w);
+    IFFWriteShorts(w, &channels, 1), IFFWriteLongs(w, &frames, 1), IFFWriteShorts(w, &sampleSize, 1);
+    IFFWriteBytes(w, rate.data(), 10), IFFWChunkClose(w);
+    IFFWChunkOpen(w, kSsnd, 0), IFFWriteLongs(w, offsetAndBlock, 2);
+    IFFWriteShorts(w, samples.data(), static_cast<int32_t>(samples.size())), IFFWChunkClose(w);
     EXPECT_EQ(IFFWChunkClose(w), 0);
     IFFWDestroy(w);
     ASSERT_EQ(StrmWriteDestroy(s), 0);
