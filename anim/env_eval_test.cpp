@@ -268,6 +268,10 @@ VxEnvelope *RandomKeys(std::mt19937 &rng, int count)
         const uint32_t kind = rng() % 16;
         t += kind == 0 ? kTick : kind == 1 ? uni(0, 2000) : uni(0.01, 1.5);
     }
+    // Some envelopes all 2-D Bezier with the handles a conversion gives, at thirds of their
+    // segments: nearly straight time curves.
+    for (VxEnvKey *k = rng() % 3 ? nullptr : EnvKeyFirst(env); k; k = EnvKeyNext(env, k))
+        EnvKeySetType(env, k, ENV_SHAPE_TCB), EnvKeySetType(env, k, ENV_SHAPE_BEZIER2);
     return env;
 }
 

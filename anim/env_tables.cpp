@@ -75,17 +75,20 @@ bool ConfirmEnd(const PowerCubic &x, double t, double scaled, double reach, doub
     return true;
 }
 
-// The bisection's end point for an increasing x: guessed on the straight line through the
-// curve's ends, refined by two Newton steps, confirmed; else the bisection itself.
+// The bisection's end point for an increasing x, from a guess confirmed; else the bisection
+// itself. A nearly straight time curve (handles near a third of the segment, as a conversion to
+// 2-D Bezier leaves them) is guessed on the straight line through its ends; others from there
+// by two Newton steps.
 double Bezier2Parameter(const Segment &seg, double t)
 {
     const PowerCubic &x = seg.x;
+    double mid, s = (t - x.c0) * seg.invRange;
+    if (seg.straight && ConfirmEnd(x, t, s * kProbeScale + 1.0, kReach * seg.invRange * kProbeScale, mid))
+        return mid;
     if (seg.increasing) {
-        double s = (t - x.c0) * seg.invRange;
         const double r = 1.0 / (x.a + 2.0 * x.b * s + 3.0 * x.d * (s * s));
         s -= (x.At(s) - t) * r;
         s -= (x.At(s) - t) * r;
-        double mid;
         if (ConfirmEnd(x, t, s * kProbeScale + 1.0, kReach * r * kProbeScale, mid))
             return mid;
     }
@@ -126,6 +129,7 @@ void FillSegment(VxEnvTables *tables, int32_t i)
         seg.x = Bezier2X(s, e);
         seg.invRange = 1.0 / (seg.x.a + seg.x.b + seg.x.d);
         seg.increasing = IncreasingAtProbes(seg.x);
+        seg.straight = seg.increasing && std::fabs(seg.x.b) + std::fabs(seg.x.d) <= 1e-3 * std::fabs(seg.x.a);
         seg.y = Bezier2Y(s, e);
         seg.kind = s->shape == ENV_SHAPE_BEZIER2 ? kBezier2 : kBezier2KeysY;
         break;

@@ -24,6 +24,7 @@ enum SegmentKind : int32_t {
 struct Segment {
     SegmentKind kind;
     bool increasing;  // 2-D Bezier: x(s) as computed rises from each bisection probe to the next
+    bool straight;    // 2-D Bezier: and its time curve is all but a straight line
     double base;      // -(start time), so that u = (t + base) / span
     double span;      // the segment's length in seconds
     double c[4];
