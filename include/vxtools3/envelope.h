@@ -225,8 +225,8 @@ VX_API int EnvScaleKeys(VxEnvelope *env, VxEnvKey *first, VxEnvKey *last, double
 
 /* The curve value at `t` (stored as the last value), then passed through the modifiers.
  * Repeat, Oscillate and Offset repeat move t into the key range one cycle at a time, each
- * cycle adding (or subtracting) the range in seconds with its own rounding; a time any
- * number of cycles away costs about as much as one nearby. Every curve value inside the key
+ * cycle adding (or subtracting) the range in seconds with its own rounding; the cost grows
+ * with the binades the time crosses, not with the cycles. Every curve value inside the key
  * range has the offset added (0.0 outside those behaviours): a -0.0 curve value gives +0.0.
  * Two readings of cases the curve's description leaves open:
  * - The Linear behaviour's probe two ticks inside the first or last key is evaluated like any
