@@ -23,7 +23,6 @@ inline std::vector<uint8_t> Bytes(const VxImage *image)
     return std::vector<uint8_t>(p, p + vx::image::BufferBytes(image));
 }
 
-// The pixel buffer of a float image as its floats.
 inline std::vector<float> Floats(const VxImage *image)
 {
     std::vector<float> v(vx::image::BufferBytes(image) / 4);
@@ -31,21 +30,23 @@ inline std::vector<float> Floats(const VxImage *image)
     return v;
 }
 
+template <class... Images>
+void Destroy(Images *...images)
+{
+    (ImageDestroy(images), ...);
+}
+
 // Fills the pixel buffer with random bytes; float channels get values in 0..1.
 inline void FillRandom(VxImage *image, uint32_t seed)
 {
     std::mt19937 rng(seed);
-    const size_t n = vx::image::BufferBytes(image);
-    uint8_t *p = image->priv->pixels;
     const bool isFloat = image->type == 3 || image->type == 4 || image->type == 6;
     std::uniform_real_distribution<float> unit(0.0f, 1.0f);
-    for (size_t i = 0; i < n; i += isFloat ? 4 : 1) {
-        if (!isFloat) {
-            p[i] = static_cast<uint8_t>(rng());
-            continue;
-        }
-        const float f = unit(rng);
-        std::memcpy(p + i, &f, 4);
+    for (size_t i = 0; i < vx::image::BufferBytes(image); i += isFloat ? 4 : 1) {
+        if (const float f = isFloat ? unit(rng) : 0.0f; isFloat)
+            std::memcpy(image->priv->pixels + i, &f, 4);
+        else
+            image->priv->pixels[i] = static_cast<uint8_t>(rng());
     }
 }
 
@@ -53,6 +54,13 @@ inline VxImage *RandomImage(int32_t type, int32_t w, int32_t h, uint32_t seed)
 {
     VxImage *image = ImageCreate(type, w, h);
     FillRandom(image, seed);
+    return image;
+}
+
+inline VxImage *FloatImage(int32_t type, int32_t w, int32_t h, const std::vector<float> &values)
+{
+    VxImage *image = ImageCreate(type, w, h);
+    std::memcpy(image->priv->pixels, values.data(), values.size() * 4);
     return image;
 }
 
@@ -85,18 +93,12 @@ void SweepOperation(const std::function<VxImage *()> &makeSource, const std::fun
     VxImage *src = nullptr;
     R *result = nullptr;
     std::vector<uint8_t> before;
-    vxtest::OomSweepAll({[&] {
-                             src = makeSource();
-                             before = Bytes(src);
-                             result = nullptr;
-                         },
+    vxtest::OomSweepAll({[&] { src = makeSource(), before = Bytes(src), result = nullptr; },
                          [&] { return (result = op(src)) != nullptr; },
                          [&] { EXPECT_EQ(Bytes(src), before) << "the source changed"; },
                          [&] {
-                             if (result) {
-                                 check(result);
-                                 destroy(result);
-                             }
+                             if (result)
+                                 check(result), destroy(result);
                              ImageDestroy(src);
                          }});
 }
@@ -109,8 +111,7 @@ inline void SweepImageOperation(const std::function<VxImage *()> &makeSource,
     VxImage *clean = op(s);
     ASSERT_NE(clean, nullptr);
     const std::vector<uint8_t> expected = Bytes(clean);
-    ImageDestroy(clean);
-    ImageDestroy(s);
+    Destroy(clean, s);
     SweepOperation<VxImage>(makeSource, op, ImageDestroy,
                             [&](VxImage *r) { EXPECT_EQ(Bytes(r), expected) << "the swept run differs"; });
 }
