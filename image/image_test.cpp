@@ -15,6 +15,15 @@
 namespace {
 
 using imagetest::Bytes;
+using imagetest::Destroy;
+
+template <size_t N>
+std::array<uint8_t, N> First(const uint8_t *p)
+{
+    std::array<uint8_t, N> a;
+    std::memcpy(a.data(), p, N);
+    return a;
+}
 
 TEST(Image, CreateSizesTypesAttributesAndTheUnknownType)
 {
@@ -27,58 +36,42 @@ TEST(Image, CreateSizesTypesAttributesAndTheUnknownType)
         EXPECT_EQ(Bytes(image), std::vector<uint8_t>(15 * sizes[type], 0)) << "zero-filled";
         ImageDestroy(image);
     }
-    {
-        VxImage *image = ImageCreate(VX_PIXEL_RGBA, 1, 1);
-        uint32_t words[10];
-        for (int32_t code = 0; code < 10; ++code)
-            ASSERT_EQ(image->getAttribute(image, code, &words[code]), 1);
-        for (int code = 0; code < 6; ++code)
-            EXPECT_EQ(std::bit_cast<float>(words[code]), 1.0f);
-        EXPECT_EQ((std::array<uint32_t, 4>{words[6], words[7], words[8], words[9]}),
-                  (std::array<uint32_t, 4>{0, 2540, 0, 1}));
-        uint32_t value = 77;
-        EXPECT_EQ(image->getAttribute(image, 10, &value), 0);
-        EXPECT_EQ(image->getAttribute(image, -1, &value), 0) << "negative codes compare unsigned";
-        EXPECT_EQ(image->setAttribute(image, 9, nullptr), 0);
-        EXPECT_EQ(image->setAttribute(image, 9, &value), 1);
-        EXPECT_EQ(image->getAttribute(image, 9, &words[9]), 1);
-        EXPECT_EQ(words[9], 77u);
-        ImageDestroy(image);
-    }
+    VxImage *image = ImageCreate(VX_PIXEL_RGBA, 1, 1);
+    uint32_t words[10], value = 77;
+    for (int32_t code = 0; code < 10; ++code)
+        ASSERT_EQ(image->getAttribute(image, code, &words[code]), 1);
+    for (int code = 0; code < 6; ++code)
+        EXPECT_EQ(std::bit_cast<float>(words[code]), 1.0f);
+    EXPECT_EQ((std::array<uint32_t, 4>{words[6], words[7], words[8], words[9]}), (std::array<uint32_t, 4>{0, 2540, 0, 1}));
+    EXPECT_EQ(image->getAttribute(image, 10, &value), 0);
+    EXPECT_EQ(image->getAttribute(image, -1, &value), 0) << "negative codes compare unsigned";
+    EXPECT_EQ(image->setAttribute(image, 9, nullptr), 0);
+    EXPECT_EQ(image->setAttribute(image, 9, &value), 1);
+    EXPECT_EQ(image->getAttribute(image, 9, &words[9]), 1);
+    EXPECT_EQ(words[9], 77u);
+    ImageDestroy(image);
     ImageDestroy(nullptr);
     EXPECT_EQ(ImageCreate(7, 4, 4), nullptr);
     EXPECT_EQ(CkptLatchCode(), 995);
     EXPECT_EQ(ImageCreate(0, 0, 4), nullptr);
     EXPECT_EQ(CkptLatchCode(), 995);
-    volatile bool unwound = false;
-    if (CkptBegin()) {
-        unwound = true;
-    } else {
-        ImageCreate(-1, 4, 4);
-        CkptEnd();
-    }
-    EXPECT_TRUE(unwound) << "an unknown type unwinds to the open block";
+    EXPECT_TRUE(vxtest::UnwoundFrom([] { ImageCreate(-1, 4, 4); })) << "an unknown type unwinds to the open block";
     EXPECT_EQ(CkptLatchCode(), 995);
     EXPECT_EQ(heap.LiveBytes(), 0u);
     EXPECT_EQ(heap.BadFrees(), 0);
     VxImage *colour = ImageColorCreate(2, 2), *grey = ImageGreyCreate(2, 2);
-    EXPECT_EQ(colour->type, VX_PIXEL_RGB);
-    EXPECT_EQ(grey->type, VX_PIXEL_GREY);
-    ImageDestroy(colour);
-    ImageDestroy(grey);
+    EXPECT_EQ(colour->type * 10 + grey->type, VX_PIXEL_RGB * 10 + VX_PIXEL_GREY);
+    Destroy(colour, grey);
 }
 
 TEST(Image, PixelAndLineAccessRefusesOutsidePoints)
 {
     VxImage *image = ImageCreate(VX_PIXEL_RGB, 4, 3);
     uint8_t out[3] = {9, 9, 9}, in[3] = {1, 2, 3};
-    EXPECT_EQ(image->getPixel(image, 0, 4, 0, out), 0);
-    EXPECT_EQ(image->getPixel(image, 0, 0, -1, out), 0);
-    EXPECT_EQ(image->getPixel(image, 0, 0, 0, nullptr), 0);
-    EXPECT_EQ(image->getPixel(nullptr, 0, 0, 0, out), 0);
-    EXPECT_EQ((std::array<uint8_t, 3>{out[0], out[1], out[2]}), (std::array<uint8_t, 3>{9, 9, 9})) << "nothing written";
-    EXPECT_EQ(image->setPixel(image, 0, -1, 0, in), 0);
-    EXPECT_EQ(image->setPixel(image, 0, 0, 3, in), 0);
+    EXPECT_EQ(image->getPixel(image, 0, 4, 0, out) + image->getPixel(image, 0, 0, -1, out), 0);
+    EXPECT_EQ(image->getPixel(image, 0, 0, 0, nullptr) + image->getPixel(nullptr, 0, 0, 0, out), 0);
+    EXPECT_EQ(First<3>(out), (std::array<uint8_t, 3>{9, 9, 9})) << "nothing written";
+    EXPECT_EQ(image->setPixel(image, 0, -1, 0, in) + image->setPixel(image, 0, 0, 3, in), 0);
     EXPECT_EQ(Bytes(image), std::vector<uint8_t>(36, 0));
     EXPECT_EQ(image->setPixel(image, 0, 3, 2, in), 1);
     EXPECT_EQ(Bytes(image)[33], 1) << "row y starts at y width bpp";
@@ -96,8 +89,6 @@ TEST(Image, PixelAndLineAccessRefusesOutsidePoints)
     ImageDestroy(image);
 }
 
-// ---- conversions ----
-
 uint8_t Convert1(const void *in, int32_t inType, int32_t outType, const uint8_t *inverse = nullptr,
                  const uint8_t *palette = nullptr)
 {
@@ -113,10 +104,9 @@ TEST(ImageConvert, FormulasAreExact)
         const auto bits = static_cast<uint32_t>(rng());
         const uint8_t rgb[3] = {static_cast<uint8_t>(bits), static_cast<uint8_t>(bits >> 8), static_cast<uint8_t>(bits >> 16)};
         ASSERT_EQ(Convert1(rgb, 0, 1), (rgb[0] * 19595u + rgb[1] * 38470u + rgb[2] * 7471u) >> 16);
-        float grey;
+        float grey, f[4];
         ASSERT_EQ(ImageConvertPixel(&grey, 3, nullptr, rgb, 0, nullptr), 1);
         ASSERT_EQ(grey, rgb[0] * 0.001172549f + rgb[1] * 0.002301961f + rgb[2] * 0.000447059f);
-        float f[4];
         ASSERT_EQ(ImageConvertPixel(f, 6, nullptr, rgb, 0, nullptr), 1);
         ASSERT_EQ(f[1], static_cast<float>(rgb[1]) / 255.0f);
         ASSERT_EQ(f[3], 1.0f);
@@ -125,8 +115,7 @@ TEST(ImageConvert, FormulasAreExact)
         for (int32_t to : {0, 5}) {
             uint8_t out[4] = {0, 0, 0, static_cast<uint8_t>(to == 0 ? 255 : 0)};
             ASSERT_EQ(ImageConvertPixel(out, to, nullptr, rgb, 1, nullptr), 1);
-            ASSERT_EQ((std::array<uint8_t, 4>{out[0], out[1], out[2], out[3]}),
-                      (std::array<uint8_t, 4>{rgb[0], rgb[0], rgb[0], 255})) << "grey to colour " << to;
+            ASSERT_EQ(First<4>(out), (std::array<uint8_t, 4>{rgb[0], rgb[0], rgb[0], 255})) << "grey to colour " << to;
         }
     }
     // Float to byte: clamp to 0..1, times 255, truncated toward zero.
@@ -134,11 +123,10 @@ TEST(ImageConvert, FormulasAreExact)
     const uint8_t expected[] = {0, 0, 127, 254, 255, 255, 0};
     for (size_t i = 0; i < std::size(samples); ++i) {
         const float rgba[4] = {samples[i], samples[i], samples[i], samples[i]};
-        ASSERT_EQ(Convert1(rgba, 6, 0), expected[i]) << samples[i];
-        ASSERT_EQ(Convert1(&samples[i], 3, 1), expected[i]) << samples[i];
         uint8_t out[4];
         ASSERT_EQ(ImageConvertPixel(out, 5, nullptr, rgba, 6, nullptr), 1);
-        ASSERT_EQ(out[3], expected[i]) << "alpha is clamped alike";
+        ASSERT_EQ(First<4>(out), (std::array<uint8_t, 4>{expected[i], expected[i], expected[i], expected[i]}));
+        ASSERT_EQ(Convert1(&samples[i], 3, 1), expected[i]) << samples[i];
     }
     const float white[3] = {1.0f, 1.0f, 1.0f};
     uint8_t out[16];
@@ -154,12 +142,8 @@ TEST(ImageConvert, FormulasAreExact)
 std::vector<uint8_t> CubePalette()
 {
     std::vector<uint8_t> p(768);
-    for (int i = 0; i < 256; ++i) {
-        const int c = i % 64;
-        p[3 * i] = static_cast<uint8_t>(85 * (c >> 4));
-        p[3 * i + 1] = static_cast<uint8_t>(85 * ((c >> 2) & 3));
-        p[3 * i + 2] = static_cast<uint8_t>(85 * (c & 3));
-    }
+    for (int i = 0; i < 768; ++i)
+        p[i] = static_cast<uint8_t>(85 * (((i / 3) % 64) >> (2 * (2 - i % 3)) & 3));
     return p;
 }
 
@@ -183,8 +167,6 @@ TEST(ImageConvert, InverseTableHoldsNearestEntryOfEveryKey)
     EXPECT_EQ(Convert1(nearWhite, 0, 2, table.data()), 63) << "only the top bits of the 5-6-5 key count";
 }
 
-// ---- palettes ----
-
 TEST(ImagePalette, ReadWriteRangesAndTheAgreeFlag)
 {
     vxtest::FaultAllocator heap;
@@ -196,20 +178,17 @@ TEST(ImagePalette, ReadWriteRangesAndTheAgreeFlag)
     EXPECT_EQ(image->getPalette(image, 0, 0, 0, nullptr), 256) << "count 0 asks for the size";
     std::memset(buffer, 1, sizeof buffer);
     EXPECT_EQ(image->getPalette(image, 0, 248, 10, buffer), 256);
-    EXPECT_EQ((std::vector<uint8_t>(buffer, buffer + 27)),
-              (std::vector<uint8_t>{248, 248, 248, 249, 249, 249, 200, 200, 200, 200, 200, 200, 200, 200,
-                                    200, 200, 200, 200, 200, 200, 200, 200, 200, 200, 1, 1, 1}))
+    std::vector<uint8_t> expected(27, 200);
+    std::fill_n(expected.begin(), 3, 248), std::fill_n(expected.begin() + 3, 3, 249), std::fill_n(expected.end() - 3, 3, 1);
+    EXPECT_EQ(std::vector<uint8_t>(buffer, buffer + 27), expected)
         << "grey ramp below the written range, only 6 entries written and read";
     const uint8_t last[3] = {7, 8, 9};
     EXPECT_EQ(image->setPalette(image, 0, 255, 1, last), 1) << "entry 255 exists";
     EXPECT_EQ(image->getPalette(image, 0, 255, 5, buffer), 256);
-    EXPECT_EQ((std::array<uint8_t, 4>{buffer[0], buffer[1], buffer[2], buffer[3]}), (std::array<uint8_t, 4>{7, 8, 9, 249}));
-    EXPECT_EQ(image->getPalette(image, 2, 0, 1, buffer), 0);
-    EXPECT_EQ(image->getPalette(image, 0, 256, 1, buffer), 0);
-    EXPECT_EQ(image->getPalette(image, 0, -1, 1, buffer), 0);
-    EXPECT_EQ(image->setPalette(image, 0, 0, 0, buffer), 0);
+    EXPECT_EQ(First<4>(buffer), (std::array<uint8_t, 4>{7, 8, 9, 249}));
+    EXPECT_EQ(image->getPalette(image, 2, 0, 1, buffer) + image->getPalette(image, 0, 256, 1, buffer), 0);
+    EXPECT_EQ(image->getPalette(image, 0, -1, 1, buffer) + image->setPalette(image, 0, 0, 0, buffer), 0);
     EXPECT_EQ(image->priv->palettesAgree, 1) << "palette 1 is missing";
-
     std::vector<uint8_t> colours(30);
     for (size_t i = 0; i < colours.size(); ++i)
         colours[i] = static_cast<uint8_t>(i * 5);
@@ -223,8 +202,7 @@ TEST(ImagePalette, ReadWriteRangesAndTheAgreeFlag)
         EXPECT_EQ(other->setPalette(other, s.which, s.first, s.first == 9 ? 1 : 10, colours.data()), 1);
         EXPECT_EQ(other->priv->palettesAgree, s.agree) << s.which << " " << s.first << " " << s.flip;
     }
-    ImageDestroy(other);
-    ImageDestroy(image);
+    Destroy(other, image);
     EXPECT_EQ(heap.LiveBytes(), 0u);
     EXPECT_EQ(heap.BadFrees(), 0);
 }
@@ -235,9 +213,8 @@ TEST(ImagePalette, IndexCreateFillsTheGreyRamp)
         VxImage *image = ImageIndexCreate(3, 3, n);
         uint8_t p[768];
         ASSERT_EQ(image->getPalette(image, 0, 0, 256, p), n);
-        for (int k = 0; k < n; ++k)
-            ASSERT_EQ((std::array<int, 3>{p[3 * k], p[3 * k + 1], p[3 * k + 2]}),
-                      (std::array<int, 3>{256 * k / n, 256 * k / n, 256 * k / n}));
+        for (int k = 0; k < 3 * n; ++k)
+            ASSERT_EQ(p[k], 256 * (k / 3) / n) << k;
         ImageDestroy(image);
     }
 }
@@ -246,31 +223,25 @@ TEST(ImagePalette, IndicesTranslateWhenThePalettesDisagree)
 {
     VxImage *image = ImageIndexCreate(2, 1, 256);  // palette 0: entry k = grey k
     std::vector<uint8_t> reversed(768);
-    for (int k = 0; k < 256; ++k)
-        std::memset(&reversed[3 * k], 255 - k, 3);
-    const uint8_t stored[2] = {16, 200};
+    for (int k = 0; k < 768; ++k)
+        reversed[k] = static_cast<uint8_t>(255 - k / 3);
+    const uint8_t stored[2] = {16, 200}, callerIndex = 231 /* grey 24 in palette 1 */, colour[3] = {100, 100, 100};
     ASSERT_EQ(image->setLine(image, 2, 0, stored), 1) << "copied while the palettes agree";
     ASSERT_EQ(image->setPalette(image, 1, 0, 256, reversed.data()), 1);
     ASSERT_EQ(image->priv->palettesAgree, 0);
-    uint8_t index = 0;
+    uint8_t index = 0, rgb[3];
     ASSERT_EQ(image->getPixel(image, 2, 0, 0, &index), 1);
     EXPECT_EQ(index, 239) << "grey 16 in the caller's reversed palette";
-    uint8_t rgb[3];
     ASSERT_EQ(image->getPixel(image, 0, 1, 0, rgb), 1);
     EXPECT_EQ(rgb[0], 200) << "RGB reads use the stored palette";
-    const uint8_t callerIndex = 231;  // grey 24 in palette 1
     ASSERT_EQ(image->setPixel(image, 2, 1, 0, &callerIndex), 1);
     EXPECT_EQ(Bytes(image)[1], 24);
-    const uint8_t colour[3] = {100, 100, 100};
     ASSERT_EQ(image->setPixel(image, 0, 0, 0, colour), 1);
     EXPECT_EQ(Bytes(image)[0], 100) << "through the inverse table of palette 0";
     VxImage *rgbImage = ImageCreate(VX_PIXEL_RGB, 1, 1);
     EXPECT_EQ(rgbImage->getPixel(rgbImage, 2, 0, 0, &index), 0) << "no palette to index into";
-    ImageDestroy(rgbImage);
-    ImageDestroy(image);
+    Destroy(rgbImage, image);
 }
-
-// ---- duplication ----
 
 // The whole-buffer conversion loops against the per-pixel path; float sources hold values
 // beyond 0..1 and NaNs as well.
@@ -308,49 +279,43 @@ TEST(ImageDuplicate, EveryTypePairConvertsPixelByPixel)
     for (int i = 0; i < 12; ++i)
         EXPECT_EQ(c[i], inverse[vx::image::InverseKey(s[3 * i], s[3 * i + 1], s[3 * i + 2])]) << "the given palette";
     EXPECT_EQ(copy->priv->palette[0].inverse, nullptr) << "the temporary table was not kept";
-    ImageDestroy(copy);
     EXPECT_EQ(ImageDuplicate(rgb, 9, nullptr), nullptr);
-    ImageDestroy(rgb);
+    Destroy(copy, rgb);
 }
 
 TEST(ImageDuplicate, AreaCopiesTheRectangle)
 {
     VxImage *src = imagetest::RandomImage(VX_PIXEL_RGBA_FLOAT, 7, 5, 4);
-    VxImage *area = ImageDuplicateArea(src, 2, 1, 4, 3);
+    VxImage *area = ImageDuplicateArea(src, 2, 1, 4, 3), *whole = ImageDuplicateArea(src, 0, 0, 7, 5);
     ASSERT_NE(area, nullptr);
-    for (int y = 0; y < 3; ++y)
-        for (int x = 0; x < 4; ++x)
-            ASSERT_EQ(imagetest::Rgba(area, x, y), imagetest::Rgba(src, x + 2, y + 1));
-    ImageDestroy(area);
+    for (int i = 0; i < 12; ++i)
+        ASSERT_EQ(imagetest::Rgba(area, i % 4, i / 4), imagetest::Rgba(src, i % 4 + 2, i / 4 + 1));
+    EXPECT_EQ(Bytes(whole), Bytes(src));
     EXPECT_EQ(ImageDuplicateArea(src, 4, 0, 4, 1), nullptr) << "beyond the right edge";
     EXPECT_EQ(ImageDuplicateArea(src, 0, -1, 1, 1), nullptr);
     EXPECT_EQ(ImageDuplicateArea(src, 0, 0, 0, 1), nullptr);
-    area = ImageDuplicateArea(src, 0, 0, 7, 5);
-    EXPECT_EQ(Bytes(area), Bytes(src));
-    ImageDestroy(area);
-    ImageDestroy(src);
+    Destroy(area, whole, src);
 }
-
-// ---- out of memory ----
 
 TEST(ImageOom, CreateDuplicateAndPaletteWrites)
 {
     static const std::vector<uint8_t> palette = CubePalette();
-    imagetest::SweepImageOperation([] { return ImageCreate(VX_PIXEL_RGB, 2, 2); },
-                                   [](VxImage *) { return ImageCreate(VX_PIXEL_RGBA_FLOAT, 9, 7); });
-    imagetest::SweepImageOperation([] { return ImageCreate(VX_PIXEL_RGB, 2, 2); },
-                                   [](VxImage *) { return ImageIndexCreate(3, 3, 17); });
-    imagetest::SweepImageOperation(
-        [] {
-            VxImage *image = imagetest::RandomImage(VX_PIXEL_RGB, 5, 5, 1);
-            image->setPalette(image, 1, 0, 64, palette.data());
-            return image;
-        },
-        [](VxImage *src) { return ImageDuplicate(src, VX_PIXEL_INDEX, nullptr); });
-    imagetest::SweepImageOperation([] { return imagetest::RandomImage(VX_PIXEL_RGB, 5, 5, 1); },
-                                   [](VxImage *src) { return ImageDuplicate(src, VX_PIXEL_INDEX, palette.data()); });
-    imagetest::SweepImageOperation([] { return ImageIndexCreate(6, 4, 3); },
-                                   [](VxImage *src) { return ImageDuplicateArea(src, 1, 1, 3, 2); });
+    using Make = std::function<VxImage *()>;
+    using Op = std::function<VxImage *(VxImage *)>;
+    const Make rgb = [] { return imagetest::RandomImage(VX_PIXEL_RGB, 5, 5, 1); };
+    const std::pair<Make, Op> cases[] = {
+        {rgb, [](VxImage *) { return ImageCreate(VX_PIXEL_RGBA_FLOAT, 9, 7); }},
+        {rgb, [](VxImage *) { return ImageIndexCreate(3, 3, 17); }},
+        {[] {
+             VxImage *image = imagetest::RandomImage(VX_PIXEL_RGB, 5, 5, 1);
+             image->setPalette(image, 1, 0, 64, palette.data());
+             return image;
+         },
+         [](VxImage *src) { return ImageDuplicate(src, VX_PIXEL_INDEX, nullptr); }},
+        {rgb, [](VxImage *src) { return ImageDuplicate(src, VX_PIXEL_INDEX, palette.data()); }},
+        {[] { return ImageIndexCreate(6, 4, 3); }, [](VxImage *src) { return ImageDuplicateArea(src, 1, 1, 3, 2); }}};
+    for (const auto &[make, op] : cases)
+        imagetest::SweepImageOperation(make, op);
     // A palette write, and the inverse table that a colour write into an index image builds.
     VxImage *image = nullptr;
     vxtest::OomSweepAll({[&] { image = ImageCreate(VX_PIXEL_INDEX, 1, 1); },
