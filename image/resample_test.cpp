@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <random>
@@ -12,18 +13,19 @@
 namespace {
 
 using imagetest::Bytes;
+using imagetest::Destroy;
 using imagetest::Floats;
 
 TEST(ImageResample, ConstantImagesStayConstantInEveryMode)
 {
     const float colour[4] = {0.2f, 0.55f, 0.9f, 0.75f};
-    VxImage *src = ImageCreate(VX_PIXEL_RGBA_FLOAT, 7, 5);
-    for (int i = 0; i < 4 * 35; ++i)
-        reinterpret_cast<float *>(src->priv->pixels)[i] = colour[i % 4];
-    const int32_t sizes[][2] = {{3, 2}, {14, 10}, {7, 5}, {20, 3}, {1, 1}, {16, 16}};
+    std::vector<float> values(4 * 35);
+    for (size_t i = 0; i < values.size(); ++i)
+        values[i] = colour[i % 4];
+    VxImage *src = imagetest::FloatImage(VX_PIXEL_RGBA_FLOAT, 7, 5, values);
     for (int32_t mode = 0; mode < 6; ++mode)
-        for (const auto &size : sizes) {
-            VxImage *r = ImageResample(src, VX_PIXEL_RGBA_FLOAT, size[0], size[1], mode);
+        for (auto [W, H] : {std::pair{3, 2}, {14, 10}, {7, 5}, {20, 3}, {1, 1}, {16, 16}}) {
+            VxImage *r = ImageResample(src, VX_PIXEL_RGBA_FLOAT, W, H, mode);
             ASSERT_NE(r, nullptr);
             const std::vector<float> got = Floats(r);
             // Footprint means are exact; interpolating weights sum to 1 within rounding.
@@ -34,33 +36,13 @@ TEST(ImageResample, ConstantImagesStayConstantInEveryMode)
     ImageDestroy(src);
 }
 
-VxImage *GreyFloats(int32_t w, int32_t h, const std::vector<float> &values)
-{
-    VxImage *image = ImageCreate(VX_PIXEL_GREY_FLOAT, w, h);
-    std::memcpy(image->priv->pixels, values.data(), values.size() * 4);
-    return image;
-}
-
 TEST(ImageResample, IntegerFactorReductionsAreBlockMeans)
 {
-    // 4 x 4 halved: every result pixel is the mean of its 2 x 2 block.
-    VxImage *src = GreyFloats(4, 4, {0.0f, 0.5f, 0.25f, 0.75f,  //
-                                     1.0f, 0.5f, 0.125f, 0.125f,  //
-                                     0.5f, 0.5f, 1.0f, 1.0f,      //
-                                     0.25f, 0.75f, 0.0f, 0.5f});
-    const std::vector<float> means = {0.5f, 0.3125f, 0.5f, 0.625f};
-    for (int32_t mode : {1, 2}) {
-        VxImage *r = ImageResample(src, VX_PIXEL_GREY_FLOAT, 2, 2, mode);
-        EXPECT_EQ(Floats(r), means) << "mode " << mode;
-        ImageDestroy(r);
-    }
-    // Mode 3 centres a unit square on x sx: it covers half of columns 2x - 1 and 2x; at the
-    // left and top edges only the inside half counts.
-    VxImage *r3 = ImageResample(src, VX_PIXEL_GREY_FLOAT, 2, 2, 3);
-    EXPECT_EQ(Floats(r3), (std::vector<float>{0.0f, (0.5f + 0.25f) / 2, (1.0f + 0.5f) / 2,
-                                                  (0.5f + 0.125f + 0.5f + 1.0f) / 4}));
-    ImageDestroy(r3);
-    ImageDestroy(src);
+    VxImage *src = imagetest::FloatImage(VX_PIXEL_GREY_FLOAT, 4, 4, {0.0f, 0.5f, 0.25f, 0.75f, 1.0f, 0.5f, 0.125f, 0.125f,
+                                                                   0.5f, 0.5f, 1.0f, 1.0f, 0.25f, 0.75f, 0.0f, 0.5f});
+    VxImage *r = ImageResample(src, VX_PIXEL_GREY_FLOAT, 2, 2, 1);
+    EXPECT_EQ(Floats(r), (std::vector<float>{0.5f, 0.3125f, 0.5f, 0.625f}));
+    Destroy(r, src);
 }
 
 // The B-spline (mode 4) and Catmull-Rom (mode 5) weights of fraction t, by their formulas.
@@ -90,25 +72,19 @@ TEST(ImageResample, InterpolatingModesFollowARampAtPixelCentres)
     std::vector<float> ramp(16);
     for (int x = 0; x < 16; ++x)
         ramp[x] = static_cast<float>(x) / 16.0f;
-    VxImage *src = GreyFloats(16, 1, ramp);
+    VxImage *src = imagetest::FloatImage(VX_PIXEL_GREY_FLOAT, 16, 1, ramp);
     for (int32_t mode : {0, 4, 5}) {
         VxImage *r = ImageResample(src, VX_PIXEL_GREY_FLOAT, 40, 1, mode);
         const std::vector<float> v = Floats(r);
-        for (int x = 6; x < 34; ++x) {
-            const double u = (x + 0.5) * (16.0 / 40.0) - 0.5;
-            ASSERT_NEAR(v[x], u / 16.0, 2e-6) << "mode " << mode << " x " << x;
-        }
-        if (mode == 0) {
-            EXPECT_NEAR(v[0], 0.0, 1e-6) << "the left edge repeats";
-        }
+        for (int x = 6; x < 34; ++x)
+            ASSERT_NEAR(v[x], ((x + 0.5) * (16.0 / 40.0) - 0.5) / 16.0, 2e-6) << "mode " << mode << " x " << x;
+        EXPECT_TRUE(mode != 0 || std::fabs(v[0]) < 1e-6) << "the left edge repeats";
         ImageDestroy(r);
     }
     VxImage *half = ImageResample(src, VX_PIXEL_GREY_FLOAT, 8, 1, 0);
-    const std::vector<float> v = Floats(half);
     for (int x = 0; x < 8; ++x)
-        EXPECT_NEAR(v[x], (2 * x + 1) / 16.0, 1e-7) << "point sampling takes the pixel under the centre";
-    ImageDestroy(half);
-    ImageDestroy(src);
+        EXPECT_NEAR(Floats(half)[x], (2 * x + 1) / 16.0, 1e-7) << "point sampling takes the pixel under the centre";
+    Destroy(half, src);
 }
 
 // A plain separable cubic: per result pixel, four source rows summed across, then down, in
@@ -117,9 +93,8 @@ std::vector<float> ReferenceCubic(VxImage *src, int32_t mode, int32_t W, int32_t
 {
     auto taps = [mode](int32_t i, double step, int32_t size, int32_t *index, float *w) {
         const double u = (i + 0.5) * step - 0.5;
-        const double t = u - std::floor(u);
         double wd[4];
-        vx::image::CubicWeights(mode, t, wd);
+        vx::image::CubicWeights(mode, u - std::floor(u), wd);
         for (int k = 0; k < 4; ++k) {
             index[k] = std::clamp(static_cast<int32_t>(std::floor(u)) - 1 + k, 0, size - 1);
             w[k] = static_cast<float>(wd[k]);
@@ -136,9 +111,8 @@ std::vector<float> ReferenceCubic(VxImage *src, int32_t mode, int32_t W, int32_t
             for (int c = 0; c < 4; ++c) {
                 float h[4];
                 for (int k = 0; k < 4; ++k) {
-                    const float *row = p + 4 * static_cast<size_t>(src->width) * iy[k];
-                    h[k] = ((wx[0] * row[4 * ix[0] + c] + wx[1] * row[4 * ix[1] + c]) + wx[2] * row[4 * ix[2] + c]) +
-                           wx[3] * row[4 * ix[3] + c];
+                    const float *row = p + 4 * static_cast<size_t>(src->width) * iy[k] + c;
+                    h[k] = ((wx[0] * row[4 * ix[0]] + wx[1] * row[4 * ix[1]]) + wx[2] * row[4 * ix[2]]) + wx[3] * row[4 * ix[3]];
                 }
                 out[4 * (static_cast<size_t>(y) * W + x) + c] = ((wy[0] * h[0] + wy[1] * h[1]) + wy[2] * h[2]) + wy[3] * h[3];
             }
@@ -155,18 +129,14 @@ TEST(ImageResample, CubicModesEqualAPlainSeparableCubic)
         for (auto [W, H] : {std::pair{11, 3}, {4, 9}, {7, 5}, {1, 1}, {20, 14}}) {
             VxImage *r = ImageResample(src, VX_PIXEL_RGBA_FLOAT, W, H, mode);
             EXPECT_EQ(Floats(r), ReferenceCubic(src, mode, W, H)) << "mode " << mode << " " << W << "x" << H;
-            ImageDestroy(r);
             // A byte source is read row by row through the conversion: the same result as
             // resampling its float copy.
             VxImage *a = ImageResample(bytes, VX_PIXEL_RGBA_FLOAT, W, H, mode);
             VxImage *b = ImageResample(floats, VX_PIXEL_RGBA_FLOAT, W, H, mode);
             EXPECT_EQ(Bytes(a), Bytes(b));
-            ImageDestroy(a);
-            ImageDestroy(b);
+            Destroy(r, a, b);
         }
-    ImageDestroy(floats);
-    ImageDestroy(bytes);
-    ImageDestroy(src);
+    Destroy(floats, bytes, src);
 }
 
 // Modes 2 and 3 by the plain rule: per result pixel, each footprint row summed across with
@@ -180,9 +150,8 @@ struct Cover {
 
 Cover CoverOf(int32_t mode, int32_t i, double step, int32_t size)
 {
-    double from = mode == 2 ? i * step : i * step - 0.5, to = mode == 2 ? (i + 1) * step : i * step + 0.5;
-    from = std::max(from, 0.0);
-    to = std::min(to, static_cast<double>(size));
+    const double from = std::max(mode == 2 ? i * step : i * step - 0.5, 0.0);
+    const double to = std::min(mode == 2 ? (i + 1) * step : i * step + 0.5, static_cast<double>(size));
     Cover c;
     c.lo = std::min(static_cast<int32_t>(std::floor(from)), size - 1);
     c.hi = std::max(c.lo + 1, std::min(static_cast<int32_t>(std::ceil(to)), size));
@@ -202,8 +171,7 @@ std::vector<float> ReferenceArea(VxImage *src, int32_t mode, int32_t W, int32_t 
         src->getLine(src, VX_PIXEL_RGBA_FLOAT, y, in.data() + 4 * static_cast<size_t>(w) * y);
     for (int32_t y = 0; y < H; ++y)
         for (int32_t x = 0; x < W; ++x) {
-            const Cover cy = CoverOf(mode, y, static_cast<double>(h) / H, h);
-            const Cover cx = CoverOf(mode, x, static_cast<double>(w) / W, w);
+            const Cover cy = CoverOf(mode, y, static_cast<double>(h) / H, h), cx = CoverOf(mode, x, static_cast<double>(w) / W, w);
             for (int k = 0; k < 4; ++k) {
                 double acc = 0.0;
                 for (int32_t r = cy.lo; r < cy.hi; ++r) {
@@ -235,11 +203,10 @@ void ExpectAreaModesEqualThePlainCoverageAverage()
     const struct {
         int32_t types, w, h;  // types: a bit per pixel type
     } sources[] = {{0x7F, 1, 1}, {0x7F, 37, 23}, {0x7F, 9, 13}, {0x7F, 3, 1}, {0x40, 36, 20}, {0x40, 38, 6}};
-    for (const auto &s : sources)
+    for (const auto &[types, w, h] : sources)
         for (int32_t type = 0; type <= 6; ++type) {
-            if (!(s.types & (1 << type)))
+            if (!(types & (1 << type)))
                 continue;
-            const int32_t w = s.w, h = s.h;
             VxImage *src = ImageCreate(type, w, h);
             if (type == VX_PIXEL_INDEX)
                 src->setPalette(src, 0, 0, 256, ramp);
@@ -250,20 +217,17 @@ void ExpectAreaModesEqualThePlainCoverageAverage()
             for (int k = 0; type == VX_PIXEL_RGBA_FLOAT && w >= 4 && h >= 4 && k < 16; ++k)
                 p[4 * (w * (k / 4) + k % 4) + 2] = -0.0f;
             for (auto [W, H] : {std::pair{(w + 1) / 2, (h + 1) / 2}, {std::max(1, w / 4), std::max(1, h / 4)},
-                                {(w + 2) / 3, (h + 5) / 6}, {w, h}, {w, (h + 1) / 2}, {(w + 1) / 2, h}, {std::max(1, w - 1), h + 3},
-                                {2 * w + 1, 3 * h}})
+                                {(w + 2) / 3, (h + 5) / 6}, {w, h}, {w, (h + 1) / 2}, {(w + 1) / 2, h},
+                                {std::max(1, w - 1), h + 3}, {2 * w + 1, 3 * h}})
                 for (int32_t mode : {2, 3}) {
                     VxImage *r = ImageResample(src, VX_PIXEL_RGBA_FLOAT, W, H, mode);
                     ASSERT_NE(r, nullptr);
                     const std::vector<float> got = Floats(r), want = ReferenceArea(src, mode, W, H);
                     EXPECT_EQ(std::memcmp(got.data(), want.data(), got.size() * 4), 0)
                         << "type " << type << " " << w << "x" << h << " to " << W << "x" << H << " mode " << mode;
-                    VxImage *b = ImageResample(src, VX_PIXEL_RGBA, W, H, mode);
-                    VxImage *viaFloats = ImageDuplicate(r, VX_PIXEL_RGBA, nullptr);
+                    VxImage *b = ImageResample(src, VX_PIXEL_RGBA, W, H, mode), *viaFloats = ImageDuplicate(r, VX_PIXEL_RGBA, nullptr);
                     EXPECT_EQ(Bytes(b), Bytes(viaFloats));
-                    ImageDestroy(viaFloats);
-                    ImageDestroy(b);
-                    ImageDestroy(r);
+                    Destroy(viaFloats, b, r);
                 }
             ImageDestroy(src);
         }
@@ -283,25 +247,19 @@ TEST(ImageResample, WideAreaHalvingEqualsThePlainCoverageAverage)
 
 TEST(ImageResample, BadArgumentsTheAspectAttributeAndTheGatherLimit)
 {
-    VxImage *src = imagetest::RandomImage(VX_PIXEL_RGB, 8, 4, 2);
-    EXPECT_EQ(ImageResample(src, 0, 0, 4, 2), nullptr);
-    EXPECT_EQ(ImageResample(src, 0, 4, -1, 2), nullptr);
-    EXPECT_EQ(ImageResample(src, 0, 4, 4, 6), nullptr);
-    EXPECT_EQ(ImageResample(src, 0, 4, 4, -1), nullptr);
-    EXPECT_EQ(ImageResample(src, 8, 4, 4, 2), nullptr);
+    VxImage *src = imagetest::RandomImage(VX_PIXEL_RGB, 8, 4, 2), *index = ImageCreate(VX_PIXEL_INDEX, 4, 4);
+    for (auto [type, W, H, mode] : {std::array{0, 0, 4, 2}, {0, 4, -1, 2}, {0, 4, 4, 6}, {0, 4, 4, -1}, {8, 4, 4, 2}})
+        EXPECT_EQ(ImageResample(src, type, W, H, mode), nullptr) << type << " " << W << "x" << H << " " << mode;
     EXPECT_EQ(ImageResample(nullptr, 0, 4, 4, 2), nullptr);
+    EXPECT_EQ(ImageResample(index, 0, 2, 2, 2), nullptr) << "an index image without a palette cannot be read";
     VxImage *r = ImageResample(src, 0, 4, 4, 2);
     float aspect = 0;
     r->getAttribute(r, 0, &aspect);
     EXPECT_FLOAT_EQ(aspect, 0.5f) << "(4 / 4) x (4 / 8)";
-    ImageDestroy(r);
-    VxImage *index = ImageCreate(VX_PIXEL_INDEX, 4, 4);
-    EXPECT_EQ(ImageResample(index, 0, 2, 2, 2), nullptr) << "an index image without a palette cannot be read";
-    ImageDestroy(index);
-    ImageDestroy(src);
+    Destroy(r, index, src);
     std::vector<float> halves(2048, 0.0f);
     std::fill(halves.begin() + 1024, halves.end(), 1.0f);
-    src = GreyFloats(2048, 1, halves);
+    src = imagetest::FloatImage(VX_PIXEL_GREY_FLOAT, 2048, 1, halves);
     for (int32_t mode : {1, 2}) {
         r = ImageResample(src, VX_PIXEL_GREY_FLOAT, 1, 1, mode);
         EXPECT_EQ(Floats(r)[0], mode == 1 ? 0.0f : 0.5f) << "mode 1 gathers no samples beyond 1024";
@@ -315,17 +273,15 @@ TEST(ImageResample, BadArgumentsTheAspectAttributeAndTheGatherLimit)
 TEST(ImageResample2, ChoosesTheModePerDirection)
 {
     VxImage *src = imagetest::RandomImage(VX_PIXEL_RGBA, 9, 6, 5);
-    const int32_t cases[][5] = {{9, 3, 2, 5, 2},  {9, 12, 2, 5, 5},  {4, 6, 2, 5, 2},  {20, 6, 2, 5, 5},
-                                {4, 3, 2, 5, 2},  {18, 12, 2, 5, 5}, {4, 12, 2, 5, 5}, {20, 3, 1, 4, 4},
-                                {9, 6, 2, 5, -1}};
+    const int32_t cases[][5] = {{9, 3, 2, 5, 2}, {9, 12, 2, 5, 5}, {4, 6, 2, 5, 2},  {20, 6, 2, 5, 5}, {4, 3, 2, 5, 2},
+                                {18, 12, 2, 5, 5}, {4, 12, 2, 5, 5}, {20, 3, 1, 4, 4}, {9, 6, 2, 5, -1}};
     for (const auto &c : cases) {
         VxImage *a = ImageResample2(src, 5, c[0], c[1], c[2], c[3]);
         VxImage *b = c[4] < 0 ? ImageDuplicate(src, 5, nullptr) : ImageResample(src, 5, c[0], c[1], c[4]);
         ASSERT_NE(a, nullptr);
         EXPECT_EQ(a->width * 100 + a->height, c[0] * 100 + c[1]);
         EXPECT_EQ(Bytes(a), Bytes(b)) << c[0] << "x" << c[1];
-        ImageDestroy(a);
-        ImageDestroy(b);
+        Destroy(a, b);
     }
     EXPECT_EQ(ImageResample2(src, 5, 20, 3, 9, 4), nullptr) << "a bad shrink mode fails the intermediate";
     ImageDestroy(src);
