@@ -9,10 +9,12 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 
 namespace {
 
 using imagetest::Bytes;
+using imagetest::Destroy;
 using imagetest::Floats;
 
 // Straightforward convolution: clamped coordinates, matrix row by row, float sums.
@@ -21,19 +23,14 @@ std::vector<float> ReferenceConvolve(VxImage *src, const std::vector<float> &m, 
     const int w = src->width, h = src->height;
     const std::vector<float> in = Floats(src);
     std::vector<float> out(in.size());
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x)
-            for (int c = 0; c < 4; ++c) {
-                float sum = 0.0f;
-                for (int r = 0; r < rows; ++r)
-                    for (int k = 0; k < cols; ++k) {
-                        const int sx = std::clamp(x - cols / 2 + k, 0, w - 1), sy = std::clamp(y - rows / 2 + r, 0, h - 1);
-                        sum += m[r * cols + k] * in[4 * (sy * w + sx) + c];
-                    }
-                if (offset)
-                    sum += offset[c];
-                out[4 * (y * w + x) + c] = std::min(std::max(sum, 0.0f), 1.0f);
-            }
+    for (int i = 0; i < 4 * w * h; ++i) {
+        const int x = i / 4 % w, y = i / 4 / w, c = i % 4;
+        float sum = 0.0f;
+        for (int r = 0; r < rows; ++r)
+            for (int k = 0; k < cols; ++k)
+                sum += m[r * cols + k] * in[4 * (std::clamp(y - rows / 2 + r, 0, h - 1) * w + std::clamp(x - cols / 2 + k, 0, w - 1)) + c];
+        out[i] = std::min(std::max(offset ? sum + offset[c] : sum, 0.0f), 1.0f);
+    }
     return out;
 }
 
@@ -45,10 +42,8 @@ TEST(ImageConvolve, MatchesAPlainConvolutionWithRepeatedEdges)
     std::mt19937 rng(5);
     std::uniform_real_distribution<float> weight(-0.4f, 0.7f);
     const float offset[4] = {0.1f, -0.2f, 0.0f, 0.3f};
-    const int shapes[][2] = {{1, 1}, {4, 2}, {1, 6}, {7, 3}, {3, 3}, {5, 5}, {7, 7}};
     for (int32_t w : {1, 2, 3, 4, 7, 9, 13, 150})
-        for (const auto &shape : shapes) {
-            const int cols = shape[0], rows = shape[1];
+        for (auto [cols, rows] : {std::pair{1, 1}, {4, 2}, {1, 6}, {7, 3}, {3, 3}, {5, 5}, {7, 7}}) {
             VxImage *src = imagetest::RandomImage(VX_PIXEL_RGBA_FLOAT, w, 4 + w % 4, static_cast<uint32_t>(w * 10 + cols));
             std::vector<float> m(static_cast<size_t>(cols * rows));
             for (float &v : m)
@@ -64,15 +59,13 @@ TEST(ImageConvolve, MatchesAPlainConvolutionWithRepeatedEdges)
     VxImage *src = imagetest::RandomImage(VX_PIXEL_RGBA_FLOAT, 9, 7, 11);
     const float identity[9] = {0, 0, 0, 0, 1, 0, 0, 0, 0};
     VxImage *same = ImageConvolve(src, VX_PIXEL_RGBA_FLOAT, identity, 3, 3, nullptr);
-    EXPECT_EQ(Bytes(same), Bytes(src));
-    ImageDestroy(same);
     VxImage *grey = ImageConvolve(src, VX_PIXEL_GREY, identity, 3, 3, nullptr);
+    EXPECT_EQ(Bytes(same), Bytes(src));
     EXPECT_EQ(grey->type, VX_PIXEL_GREY) << "the result has the requested type";
-    ImageDestroy(grey);
     EXPECT_EQ(ImageConvolve(src, 6, nullptr, 3, 3, nullptr), nullptr);
     EXPECT_EQ(ImageConvolve(src, 6, identity, 0, 3, nullptr), nullptr);
     EXPECT_EQ(ImageConvolve(src, 17, identity, 3, 3, nullptr), nullptr);
-    ImageDestroy(src);
+    Destroy(same, grey, src);
 }
 
 TEST(GaussianMatrix, ShapeCentreAndNormalisation)
@@ -82,20 +75,12 @@ TEST(GaussianMatrix, ShapeCentreAndNormalisation)
     for (int i = 0; i < 24; ++i)
         EXPECT_EQ(m[i], i == 3 * 4 + 2 ? 1.0f : 0.0f) << "a single 1 at (columns / 2, rows / 2)";
     fillGaussianMatrix(0, 0, m, 3, 5);
-    for (int i = 0; i < 15; ++i)
-        EXPECT_EQ(m[i], 0.0f) << "odd sizes have no element at 0, 0";
+    EXPECT_EQ(std::count(m, m + 15, 0.0f), 15) << "odd sizes have no element at 0, 0";
     fillGaussianMatrix(2.0, 0, m, 4, 4);
-    for (int j = 0; j < 4; ++j)
-        for (int i = 0; i < 4; ++i)
-            if (j != 2) {
-                EXPECT_EQ(m[j * 4 + i], 0.0f) << "only the row y = 0";
-            }
+    EXPECT_EQ(std::count(m, m + 8, 0.0f) + std::count(m + 12, m + 16, 0.0f), 12) << "only the row y = 0";
     EXPECT_FLOAT_EQ(m[8] / m[10], std::exp(-4.0f / 2.0f));
     fillGaussianMatrix(1.5, 3.0, m, 5, 5);
-    double sum = 0;
-    for (int i = 0; i < 25; ++i)
-        sum += m[i];
-    EXPECT_NEAR(sum, 1.0, 1e-6);
+    EXPECT_NEAR(std::accumulate(m, m + 25, 0.0), 1.0, 1e-6);
     // x = i - 2.5, y = j - 2.5: the peak is shared by the four elements around (2.5, 2.5).
     EXPECT_FLOAT_EQ(m[2 * 5 + 2], m[3 * 5 + 3]);
     EXPECT_NEAR(m[2 * 5 + 2] / m[2 * 5 + 1], std::exp((2.25 - 0.25) / 1.5), 1e-5) << "x = -0.5 against x = -1.5";
@@ -176,22 +161,19 @@ std::vector<uint8_t> ReferenceBlur(VxImage *src, int n, double sh, double sv, ui
 void ExpectBlursEqualThePlainRules()
 {
     const double sigmas[][2] = {{0.0, 0.0}, {0.5, 1.3}, {2.0, 2.0}, {7.5, -3.0}, {40.0, 0.2}};
-    const int32_t sizes[][2] = {{11, 7}, {1, 1}, {2, 13}, {23, 3}, {70, 40}};
     int compared = 0;
     for (int32_t type : {VX_PIXEL_GREY, VX_PIXEL_RGB, VX_PIXEL_RGBA})
-        for (const auto &size : sizes) {
-            VxImage *src = imagetest::RandomImage(type, size[0], size[1], static_cast<uint32_t>(type * 100 + size[0]));
-            const bool large = size[0] * size[1] > 1000;
+        for (auto [w, h] : {std::pair{11, 7}, {1, 1}, {2, 13}, {23, 3}, {70, 40}}) {
+            VxImage *src = imagetest::RandomImage(type, w, h, static_cast<uint32_t>(type * 100 + w));
             for (int32_t taps = 1; taps <= 9; ++taps)
-                for (const auto &sigma : sigmas)
+                for (const auto &[sh, sv] : sigmas)
                     for (uint32_t mask = 0; mask < (type == VX_PIXEL_GREY ? 2u : 16u); ++mask) {
-                        if (large && mask != 1 && mask != 15)  // the mask only picks channels afterwards
+                        if (w * h > 1000 && mask != 1 && mask != 15)  // the mask only picks channels afterwards
                             continue;
-                        VxImage *r = ImageBlur(src, taps, sigma[0], sigma[1], mask);
+                        VxImage *r = ImageBlur(src, taps, sh, sv, mask);
                         ASSERT_NE(r, nullptr);
-                        ASSERT_EQ(Bytes(r), ReferenceBlur(src, taps, sigma[0], sigma[1], mask))
-                            << "type " << type << " size " << size[0] << "x" << size[1] << " taps " << taps
-                            << " sigma " << sigma[0] << "," << sigma[1] << " mask " << mask;
+                        ASSERT_EQ(Bytes(r), ReferenceBlur(src, taps, sh, sv, mask)) << "type " << type << " size " << w
+                            << "x" << h << " taps " << taps << " sigma " << sh << "," << sv << " mask " << mask;
                         ImageDestroy(r);
                         ++compared;
                     }
@@ -214,22 +196,19 @@ TEST(ImageBlur, WideBlurEqualsThePlainRulesByteForByte)
 
 TEST(ImageBlur, OtherTypesConvolveWithTheGaussianMatrix)
 {
-    VxImage *src = imagetest::RandomImage(VX_PIXEL_RGB_FLOAT, 8, 6, 3);
+    VxImage *src = imagetest::RandomImage(VX_PIXEL_RGB_FLOAT, 8, 6, 3), *bytes = imagetest::RandomImage(VX_PIXEL_RGB, 4, 4, 3);
     for (int32_t taps : {1, 2, 4}) {
-        VxImage *blurred = ImageBlur(src, taps, 1.5, 0.7, 0);
         const int m = 2 * taps - 1;
         std::vector<float> matrix(static_cast<size_t>(m * m));
         fillGaussianMatrix(1.5, 0.7, matrix.data(), m, m);
+        VxImage *blurred = ImageBlur(src, taps, 1.5, 0.7, 0);
         VxImage *convolved = ImageConvolve(src, VX_PIXEL_RGB_FLOAT, matrix.data(), m, m, nullptr);
         EXPECT_EQ(Bytes(blurred), Bytes(convolved)) << taps;
-        ImageDestroy(blurred);
-        ImageDestroy(convolved);
+        Destroy(blurred, convolved);
     }
-    ImageDestroy(src);
-    VxImage *bytes = imagetest::RandomImage(VX_PIXEL_RGB, 4, 4, 3);
     EXPECT_EQ(ImageBlur(bytes, 10, 1, 1, 7), nullptr) << "the byte path has at most 9 taps";
     EXPECT_EQ(ImageBlur(bytes, 0, 1, 1, 7), nullptr);
-    ImageDestroy(bytes);
+    Destroy(src, bytes);
 }
 
 TEST(ImageConvolveOom, ConvolutionAndBothBlurPaths)
@@ -241,43 +220,27 @@ TEST(ImageConvolveOom, ConvolutionAndBothBlurPaths)
                                    [](VxImage *s) { return ImageBlur(s, 3, 1.0, 2.0, 0); });
 }
 
-VxImage *BlurMaybeInsideBlock(VxImage *src, bool outer, bool *unwound)
-{
-    VxImage *volatile result = nullptr;
-    if (outer && CkptBegin()) {
-        *unwound = true;
-        return nullptr;
-    }
-    result = ImageBlur(src, 5, 2.0, 2.0, 7);
-    if (outer)
-        CkptEnd();
-    return result;
-}
-
 // The separable path creates the result first; when only its work buffer cannot be had the
 // result comes back with its pixels unwritten, also inside an outer block.
 TEST(ImageConvolveOom, SeparableBlurReturnsAnUnwrittenResultWithoutItsWorkBuffer)
 {
-    VxImage *src = imagetest::RandomImage(VX_PIXEL_RGB, 9, 5, 4);
-    VxImage *clean = ImageBlur(src, 5, 2.0, 2.0, 7);
+    VxImage *src = imagetest::RandomImage(VX_PIXEL_RGB, 9, 5, 4), *clean = ImageBlur(src, 5, 2.0, 2.0, 7);
     const std::vector<uint8_t> expected = Bytes(clean), unwritten(expected.size(), 0);
-    ImageDestroy(clean);
-    ImageDestroy(src);
+    Destroy(clean, src);
     vxtest::FaultAllocator heap;
     src = imagetest::RandomImage(VX_PIXEL_RGB, 9, 5, 4);
     const size_t sourceBytes = heap.LiveBytes();
     for (bool outer : {false, true})
         for (int k = 1; k <= 5; ++k) {  // the result's record, private block and pixels; work; none
             heap.FailAt(k, vxtest::FailMode::Once);
-            bool unwound = false;
-            VxImage *result = BlurMaybeInsideBlock(src, outer, &unwound);
+            VxImage *result = nullptr;
+            const bool unwound = outer ? vxtest::UnwoundFrom([&] { result = ImageBlur(src, 5, 2.0, 2.0, 7); })
+                                       : (result = ImageBlur(src, 5, 2.0, 2.0, 7), false);
             CkptLatchCode();
             heap.Disarm();
             EXPECT_EQ(unwound, outer && k <= 3) << "k=" << k;
-            EXPECT_EQ(result != nullptr, k > 3) << "k=" << k;
-            if (result) {
-                EXPECT_EQ(Bytes(result), k == 4 ? unwritten : expected) << "k=" << k;
-            }
+            ASSERT_EQ(result != nullptr, k > 3) << "k=" << k;
+            EXPECT_TRUE(!result || Bytes(result) == (k == 4 ? unwritten : expected)) << "k=" << k;
             ImageDestroy(result);
             EXPECT_EQ(heap.LiveBytes(), sourceBytes) << "k=" << k;
         }
