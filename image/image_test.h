@@ -6,6 +6,7 @@
 
 #include "image/image_internal.h"
 #include "image/wide.h"
+#include "testkit/fault_alloc.h"
 #include "testkit/oom_sweep.h"
 
 #include <gtest/gtest.h>
@@ -29,6 +30,11 @@ inline std::vector<float> Floats(const VxImage *image)
     std::memcpy(v.data(), image->priv->pixels, v.size() * 4);
     return v;
 }
+
+// A counting heap that, when it goes, expects every block freed exactly once.
+struct CheckedHeap : vxtest::FaultAllocator {
+    ~CheckedHeap() { EXPECT_TRUE(LiveBytes() == 0 && BadFrees() == 0) << LiveBytes() << " bytes live, bad frees " << BadFrees(); }
+};
 
 template <class... Images>
 void Destroy(Images *...images)
@@ -77,11 +83,20 @@ struct PlainPaths {
     ~PlainPaths() { vx::image::SetWidePaths(true); }
 };
 
-// Ends a test of the wide loops as skipped, saying why, where the processor cannot run them
-// (they are on by default where it can).
-#define SKIP_WITHOUT_WIDE_PATHS(what)                                                                      \
-    if (!vx::image::WidePathsAvailable())                                                                  \
-    GTEST_SKIP() << "no AVX-512 VBMI on this machine: " what " cannot run"
+// Two tests of one comparison: `plain` with the wide loops off, `wide` with them on (their
+// default where the processor has them), skipped with the reason where it has not.
+#define PLAIN_AND_WIDE_TESTS(suite, plain, wide, what, check)                                              \
+    TEST(suite, plain)                                                                                     \
+    {                                                                                                      \
+        imagetest::PlainPaths off;                                                                         \
+        check;                                                                                             \
+    }                                                                                                      \
+    TEST(suite, wide)                                                                                      \
+    {                                                                                                      \
+        if (!vx::image::WidePathsAvailable())                                                              \
+            GTEST_SKIP() << "no AVX-512 VBMI on this machine: " what " cannot run";                        \
+        check;                                                                                             \
+    }
 
 // The out-of-memory sweep of an operation that makes a new R from a source image: every
 // failing run must return NULL (or unwind), leak nothing and leave the source untouched; the
