@@ -2,7 +2,6 @@
 
 #include "image/convert.h"
 #include "image/image_test.h"
-#include "testkit/fault_alloc.h"
 
 #include <gtest/gtest.h>
 
@@ -26,7 +25,7 @@ std::vector<std::pair<int, int>> LevelSizes(const VxMipmap *m)
 
 TEST(Mipmap, LevelSizesHalveRoundingUpAndLevelZeroIsACopyOrShared)
 {
-    vxtest::FaultAllocator heap;
+    imagetest::CheckedHeap heap;
     VxImage *src = imagetest::RandomImage(VX_PIXEL_RGB, 5, 3, 1);
     VxMipmap *m = MipmapCreate(src, VX_PIXEL_RGB);
     ASSERT_NE(m, nullptr);
@@ -36,12 +35,10 @@ TEST(Mipmap, LevelSizesHalveRoundingUpAndLevelZeroIsACopyOrShared)
     EXPECT_EQ(Bytes(m->levels[0]), Bytes(src)) << "level 0 is a copy";
     MipmapDestroy(m);
     m = MipmapCreateSmall(src, VX_PIXEL_RGBA, 1);
-    EXPECT_EQ(m->levels[0], src);
+    EXPECT_EQ(m->levels[0], src) << "shared";
     EXPECT_EQ(MipmapDestroy(m), 1);
     EXPECT_EQ(Bytes(src).size(), 45u) << "the shared source is alive";
     ImageDestroy(src);
-    EXPECT_EQ(heap.LiveBytes(), 0u);
-    EXPECT_EQ(heap.BadFrees(), 0);
     for (auto [w, h, levels] : {std::tuple{256, 256, 9}, {1, 1, 1}, {7, 1, 4}, {1, 1000, 11}, {2, 2, 2}}) {
         VxImage *image = ImageCreate(VX_PIXEL_GREY, w, h);
         VxMipmap *mm = MipmapCreate(image, VX_PIXEL_GREY);
@@ -54,9 +51,8 @@ TEST(Mipmap, LevelSizesHalveRoundingUpAndLevelZeroIsACopyOrShared)
     EXPECT_EQ(MipmapDestroy(nullptr), 0);
 }
 
-// A level by the plain rules: each of the level before's readable pixels among columns 2x,
-// 2x + 1 and rows 2y, 2y + 1 read as RGBA floats and summed in row order, the sum divided by
-// their count, converted to the level's type.
+// A level by the plain rules: the previous level's existing pixels of the 2 x 2 block as RGBA
+// floats summed in row order, divided by their count, converted to the level's type.
 std::vector<uint8_t> ReferenceLevel(VxImage *prev, const VxImage *level)
 {
     const size_t bpp = level->bytesPerPixel;
@@ -80,12 +76,11 @@ std::vector<uint8_t> ReferenceLevel(VxImage *prev, const VxImage *level)
     return out;
 }
 
-// RGBA byte rows go through the vectorised halving, their ends and odd edges pixel by pixel;
-// the wide two-row images meet each channel sum many times over, the 101 x 67 one odd edges
-// on several levels. The other types take the float rows.
-void ExpectLevelsEqualThePlainMeans(std::initializer_list<int32_t> types)
+// RGBA bytes take the vectorised halving (the 2048-wide rows meet each channel sum many times,
+// 101 x 67 odd edges on several levels); the other types take the float rows.
+void ExpectLevelsEqualThePlainMeans()
 {
-    for (int32_t type : types)
+    for (int32_t type : {VX_PIXEL_RGBA, VX_PIXEL_GREY, VX_PIXEL_RGB, VX_PIXEL_RGBA_FLOAT})
         for (const auto &[w, h, seed] : {std::tuple{37, 21, 1}, {3, 3, 2}, {16, 3, 2}, {2048, 2, 3}, {2049, 2, 4}, {101, 67, 6}}) {
             VxImage *src = imagetest::RandomImage(type, w, h, static_cast<uint32_t>(seed));
             VxMipmap *m = MipmapCreateSmall(src, type, 1);
@@ -98,17 +93,8 @@ void ExpectLevelsEqualThePlainMeans(std::initializer_list<int32_t> types)
         }
 }
 
-TEST(Mipmap, LevelsEqualThePlainMeans)
-{
-    imagetest::PlainPaths plain;
-    ExpectLevelsEqualThePlainMeans({VX_PIXEL_RGBA, VX_PIXEL_GREY, VX_PIXEL_RGB, VX_PIXEL_RGBA_FLOAT});
-}
-
-TEST(Mipmap, WideRgbaByteLevelsEqualThePlainMeans)
-{
-    SKIP_WITHOUT_WIDE_PATHS("the wide RGBA byte halving");
-    ExpectLevelsEqualThePlainMeans({VX_PIXEL_RGBA});
-}
+PLAIN_AND_WIDE_TESTS(Mipmap, LevelsEqualThePlainMeans, WideLevelsEqualThePlainMeans, "the wide RGBA byte halving",
+                     ExpectLevelsEqualThePlainMeans())
 
 TEST(Mipmap, IndexPyramidsNeedAPalette)
 {
@@ -129,16 +115,15 @@ TEST(Mipmap, IndexPyramidsNeedAPalette)
     Destroy(bare, ramp);
 }
 
-// Pixel centres sit at (x + 0.5) / width; between them the four nearest pixels are weighed
-// across, then down, in float; edges repeat; the result is converted at the end.
+// Centres at (x + 0.5) / width; the four nearest pixels weighed across, then down, in float;
+// edges repeat; the result is converted at the end.
 TEST(BiLinearPixel, EqualsThePlainFormula)
 {
     VxImage *src = imagetest::RandomImage(VX_PIXEL_RGBA_FLOAT, 7, 5, 9);
     const auto *p = reinterpret_cast<const float *>(src->priv->pixels);
     uint8_t byte = 0;
-    EXPECT_EQ(ImageBiLinearPixel(src, VX_PIXEL_GREY, std::nan(""), 0.25, &byte), 0);
-    EXPECT_EQ(ImageBiLinearPixel(src, VX_PIXEL_GREY, 0.5, 0.25, nullptr), 0);
-    EXPECT_EQ(ImageBiLinearPixel(nullptr, VX_PIXEL_GREY, 0.5, 0.25, &byte), 0);
+    EXPECT_EQ(ImageBiLinearPixel(src, 1, std::nan(""), 0.25, &byte) + ImageBiLinearPixel(src, 1, 0.5, 0.25, nullptr) +
+                  ImageBiLinearPixel(nullptr, 1, 0.5, 0.25, &byte), 0);
     std::mt19937 rng(3);
     std::uniform_real_distribution<double> coord(-0.1, 1.1);
     for (int i = 0; i < 500; ++i) {
@@ -162,8 +147,7 @@ TEST(BiLinearPixel, EqualsThePlainFormula)
     ImageDestroy(src);
 }
 
-// An 8 x 8 pyramid whose levels hold distinct values: the level that answers a lookup is
-// visible in its value.
+// An 8 x 8 pyramid whose levels hold distinct values: the answering level shows in the value.
 TEST(MipmapFilteredPixel, WrapsCoordinatesAndChoosesLevels)
 {
     VxImage *src = ImageCreate(VX_PIXEL_GREY_FLOAT, 8, 8);
@@ -188,13 +172,11 @@ TEST(MipmapFilteredPixel, WrapsCoordinatesAndChoosesLevels)
     EXPECT_EQ(lookup(0.3, 0.6, 0.5), level(2, 0.3, 0.6));
     EXPECT_EQ(lookup(0.3, 0.6, 100.0), level(3, 0.3, 0.6)) << "clamped to the last level";
     EXPECT_EQ(lookup(0.3, 0.6, 0.01), level(0, 0.3, 0.6)) << "r beyond level 0: level 0";
-    // r = 6: between level 0 (side 8) and level 1 (side 4), f = (8 - 6) / (8 - 4); r = 3:
-    // between level 1 (4) and level 2 (2), f = 0.5.
+    // r = 6 lies halfway between levels 0 (side 8) and 1 (side 4), r = 3 between levels 1 and 2.
     EXPECT_EQ(lookup(0.3, 0.6, 1.0 / 6.0), level(0, 0.3, 0.6) * 0.5f + level(1, 0.3, 0.6) * 0.5f);
     EXPECT_EQ(lookup(0.9, 0.1, 1.0 / 3.0), level(1, 0.9, 0.1) * 0.5f + level(2, 0.9, 0.1) * 0.5f);
     float out, direct;
-    EXPECT_EQ(MipmapFilteredPixel(m, VX_PIXEL_GREY_FLOAT, 0.5, 0.5, nullptr, 0, 0), 0);
-    EXPECT_EQ(MipmapFilteredPixel(nullptr, VX_PIXEL_GREY_FLOAT, 0.5, 0.5, &out, 0, 0), 0);
+    EXPECT_EQ(MipmapFilteredPixel(m, 4, 0.5, 0.5, nullptr, 0, 0) + MipmapFilteredPixel(nullptr, 4, 0.5, 0.5, &out, 0, 0), 0);
     EXPECT_EQ(MipmapFilteredPixel(m, VX_PIXEL_GREY_FLOAT, INFINITY, 0.5, &out, 0, 0), 0) << "cannot be wrapped";
     ImageBiLinearPixel(m->levels[0], VX_PIXEL_GREY_FLOAT, 0.5, 0.5, &direct);
     EXPECT_EQ(lookup(0.5, 0.5, 0, 1), direct) << "the flag selects bilinear sampling";
