@@ -37,10 +37,7 @@ struct CheckedHeap : vxtest::FaultAllocator {
 };
 
 template <class... Images>
-void Destroy(Images *...images)
-{
-    (ImageDestroy(images), ...);
-}
+void Destroy(Images *...images) { (ImageDestroy(images), ...); }
 
 // Fills the pixel buffer with random bytes; float channels get values in 0..1.
 inline void FillRandom(VxImage *image, uint32_t seed)
@@ -98,9 +95,8 @@ struct PlainPaths {
         check;                                                                                             \
     }
 
-// The out-of-memory sweep of an operation that makes a new R from a source image: every
-// failing run must return NULL (or unwind), leak nothing and leave the source untouched; the
-// successful run's result must pass `check`.
+// Sweeps an operation that makes a new R from a source: failing runs return NULL (or unwind),
+// leak nothing and leave the source untouched; the successful run's result must pass `check`.
 template <class R>
 void SweepOperation(const std::function<VxImage *()> &makeSource, const std::function<R *(VxImage *)> &op,
                     const std::function<void(R *)> &destroy, const std::function<void(R *)> &check)
@@ -122,8 +118,7 @@ void SweepOperation(const std::function<VxImage *()> &makeSource, const std::fun
 inline void SweepImageOperation(const std::function<VxImage *()> &makeSource,
                                 const std::function<VxImage *(VxImage *)> &op)
 {
-    VxImage *s = makeSource();
-    VxImage *clean = op(s);
+    VxImage *s = makeSource(), *clean = op(s);
     ASSERT_NE(clean, nullptr);
     const std::vector<uint8_t> expected = Bytes(clean);
     Destroy(clean, s);
