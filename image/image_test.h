@@ -67,26 +67,14 @@ inline VxImage *FloatImage(int32_t type, int32_t w, int32_t h, const std::vector
     return image;
 }
 
-inline std::vector<float> Rgba(VxImage *image, int32_t x, int32_t y)
-{
-    std::vector<float> v(4);
-    image->getPixel(image, VX_PIXEL_RGBA_FLOAT, x, y, v.data());
-    return v;
-}
-
-// Turns the wide (AVX-512 VBMI) loops off for the length of a test, and back on afterwards.
-struct PlainPaths {
-    PlainPaths() { vx::image::SetWidePaths(false); }
-    ~PlainPaths() { vx::image::SetWidePaths(true); }
-};
-
-// Two tests of one comparison: `plain` with the wide loops off, `wide` with them on (their
-// default where the processor has them), skipped with the reason where it has not.
+// Two tests of one comparison: `plain` with the wide (AVX-512 VBMI) loops off, `wide` with them
+// on (their default where the processor has them), skipped with the reason where it has not.
 #define PLAIN_AND_WIDE_TESTS(suite, plain, wide, what, check)                                              \
     TEST(suite, plain)                                                                                     \
     {                                                                                                      \
-        imagetest::PlainPaths off;                                                                         \
+        vx::image::SetWidePaths(false);                                                                    \
         check;                                                                                             \
+        vx::image::SetWidePaths(true);                                                                     \
     }                                                                                                      \
     TEST(suite, wide)                                                                                      \
     {                                                                                                      \
