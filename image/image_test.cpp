@@ -17,13 +17,7 @@ namespace {
 using imagetest::Bytes;
 using imagetest::Destroy;
 
-template <size_t N>
-std::array<uint8_t, N> First(const uint8_t *p)
-{
-    std::array<uint8_t, N> a;
-    std::memcpy(a.data(), p, N);
-    return a;
-}
+using Row = std::vector<uint8_t>;
 
 TEST(Image, CreateSizesTypesAttributesAndTheUnknownType)
 {
@@ -64,7 +58,7 @@ TEST(Image, PixelAndLineAccessRefusesOutsidePoints)
     uint8_t out[3] = {9, 9, 9}, in[3] = {1, 2, 3};
     EXPECT_EQ(image->getPixel(image, 0, 4, 0, out) + image->getPixel(image, 0, 0, -1, out), 0);
     EXPECT_EQ(image->getPixel(image, 0, 0, 0, nullptr) + image->getPixel(nullptr, 0, 0, 0, out), 0);
-    EXPECT_EQ(First<3>(out), (std::array<uint8_t, 3>{9, 9, 9})) << "nothing written";
+    EXPECT_EQ(Row(out, out + 3), Row(3, 9)) << "nothing written";
     EXPECT_EQ(image->setPixel(image, 0, -1, 0, in) + image->setPixel(image, 0, 0, 3, in), 0);
     EXPECT_EQ(Bytes(image), std::vector<uint8_t>(36, 0));
     EXPECT_EQ(image->setPixel(image, 0, 3, 2, in), 1);
@@ -106,7 +100,7 @@ TEST(ImageConvert, FormulasAreExact)
         for (int32_t to : {0, 5}) {
             uint8_t out[4] = {0, 0, 0, static_cast<uint8_t>(to == 0 ? 255 : 0)};
             ASSERT_EQ(ImageConvertPixel(out, to, nullptr, rgb, 1, nullptr), 1);
-            ASSERT_EQ(First<4>(out), (std::array<uint8_t, 4>{rgb[0], rgb[0], rgb[0], 255})) << "grey to colour " << to;
+            ASSERT_EQ(Row(out, out + 4), (Row{rgb[0], rgb[0], rgb[0], 255})) << "grey to colour " << to;
         }
     }
     // Float to byte: clamp to 0..1, times 255, truncated toward zero.
@@ -116,7 +110,7 @@ TEST(ImageConvert, FormulasAreExact)
         const float rgba[4] = {samples[i], samples[i], samples[i], samples[i]};
         uint8_t out[4];
         ASSERT_EQ(ImageConvertPixel(out, 5, nullptr, rgba, 6, nullptr), 1);
-        ASSERT_EQ(First<4>(out), (std::array<uint8_t, 4>{expected[i], expected[i], expected[i], expected[i]}));
+        ASSERT_EQ(Row(out, out + 4), Row(4, expected[i]));
         ASSERT_EQ(Convert1(&samples[i], 3, 1), expected[i]) << samples[i];
     }
     const float white[3] = {1.0f, 1.0f, 1.0f};
@@ -163,8 +157,7 @@ TEST(ImagePalette, ReadWriteRangesTheAgreeFlagAndTheGreyRamp)
     VxImage *image = ImageCreate(VX_PIXEL_INDEX, 2, 2);
     uint8_t buffer[768];
     EXPECT_EQ(image->getPalette(image, 0, 0, 0, nullptr), 0) << "no palette yet";
-    std::vector<uint8_t> ten(30, 200);
-    EXPECT_EQ(image->setPalette(image, 0, 250, 10, ten.data()), 1);
+    EXPECT_EQ(image->setPalette(image, 0, 250, 10, Row(30, 200).data()), 1);
     EXPECT_EQ(image->getPalette(image, 0, 0, 0, nullptr), 256) << "count 0 asks for the size";
     std::memset(buffer, 1, sizeof buffer);
     EXPECT_EQ(image->getPalette(image, 0, 248, 10, buffer), 256);
@@ -175,7 +168,7 @@ TEST(ImagePalette, ReadWriteRangesTheAgreeFlagAndTheGreyRamp)
     const uint8_t last[3] = {7, 8, 9};
     EXPECT_EQ(image->setPalette(image, 0, 255, 1, last), 1) << "entry 255 exists";
     EXPECT_EQ(image->getPalette(image, 0, 255, 5, buffer), 256);
-    EXPECT_EQ(First<4>(buffer), (std::array<uint8_t, 4>{7, 8, 9, 249}));
+    EXPECT_EQ(Row(buffer, buffer + 4), (Row{7, 8, 9, 249}));
     EXPECT_EQ(image->getPalette(image, 2, 0, 1, buffer) + image->getPalette(image, 0, 256, 1, buffer), 0);
     EXPECT_EQ(image->getPalette(image, 0, -1, 1, buffer) + image->setPalette(image, 0, 0, 0, buffer), 0);
     EXPECT_EQ(image->priv->palettesAgree, 1) << "palette 1 is missing";
@@ -235,8 +228,7 @@ TEST(ImageDuplicate, EveryTypePairConvertsPixelByPixel)
             std::memcpy(src->priv->pixels + i, &odd[i % 3], 4);
         for (int32_t to = 0; to < 7; ++to) {
             VxImage *copy = ImageDuplicate(src, to, nullptr);
-            ASSERT_NE(copy, nullptr);
-            ASSERT_EQ(copy->type, to);
+            ASSERT_EQ(copy ? copy->type : -1, to);
             std::vector<uint8_t> expected = from == to ? Bytes(src) : std::vector<uint8_t>(256 * copy->bytesPerPixel);
             for (int i = 0; i < 256 && from != to; ++i)
                 ASSERT_EQ(ImageConvertPixel(&expected[i * copy->bytesPerPixel], to, inverse.data(),
@@ -264,8 +256,8 @@ TEST(ImageDuplicate, AreaCopiesTheRectangle)
     VxImage *src = imagetest::RandomImage(VX_PIXEL_RGBA_FLOAT, 7, 5, 4);
     VxImage *area = ImageDuplicateArea(src, 2, 1, 4, 3), *whole = ImageDuplicateArea(src, 0, 0, 7, 5);
     ASSERT_NE(area, nullptr);
-    for (int i = 0; i < 12; ++i)
-        ASSERT_EQ(imagetest::Rgba(area, i % 4, i / 4), imagetest::Rgba(src, i % 4 + 2, i / 4 + 1));
+    for (int y = 0; y < 3; ++y)  // 16 bytes a pixel
+        ASSERT_EQ(std::memcmp(area->priv->pixels + 64 * y, src->priv->pixels + 16 * (7 * (y + 1) + 2), 64), 0) << y;
     EXPECT_EQ(Bytes(whole), Bytes(src));
     EXPECT_EQ(ImageDuplicateArea(src, 4, 0, 4, 1), nullptr) << "beyond the right edge";
     EXPECT_EQ(ImageDuplicateArea(src, 0, -1, 1, 1), nullptr);
