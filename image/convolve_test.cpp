@@ -44,8 +44,7 @@ TEST(ImageConvolve, MatchesAPlainConvolutionWithRepeatedEdges)
         for (auto [cols, rows] : {std::pair{1, 1}, {4, 2}, {1, 6}, {7, 3}, {3, 3}, {5, 5}, {7, 7}}) {
             VxImage *src = imagetest::RandomImage(VX_PIXEL_RGBA_FLOAT, w, 4 + w % 4, static_cast<uint32_t>(w * 10 + cols));
             std::vector<float> m(static_cast<size_t>(cols * rows));
-            for (float &v : m)
-                v = weight(rng);
+            std::generate(m.begin(), m.end(), [&] { return weight(rng); });
             for (const float *off : {static_cast<const float *>(nullptr), offset}) {
                 VxImage *r = ImageConvolve(src, VX_PIXEL_RGBA_FLOAT, m.data(), cols, rows, off);
                 ASSERT_NE(r, nullptr);
@@ -184,8 +183,7 @@ TEST(ImageBlur, OtherTypesConvolveWithTheGaussianMatrix)
         EXPECT_EQ(Bytes(blurred), Bytes(convolved)) << taps;
         Destroy(blurred, convolved);
     }
-    EXPECT_EQ(ImageBlur(bytes, 10, 1, 1, 7), nullptr) << "the byte path has at most 9 taps";
-    EXPECT_EQ(ImageBlur(bytes, 0, 1, 1, 7), nullptr);
+    EXPECT_TRUE(!ImageBlur(bytes, 10, 1, 1, 7) && !ImageBlur(bytes, 0, 1, 1, 7)) << "the byte path has 1 to 9 taps";
     Destroy(src, bytes);
 }
 
@@ -193,11 +191,10 @@ TEST(ImageBlur, OtherTypesConvolveWithTheGaussianMatrix)
 // result comes back with its pixels unwritten, also inside an outer block.
 TEST(ImageConvolveOom, SeparableBlurReturnsAnUnwrittenResultWithoutItsWorkBuffer)
 {
+    imagetest::CheckedHeap heap;
     VxImage *src = imagetest::RandomImage(VX_PIXEL_RGB, 9, 5, 4), *clean = ImageBlur(src, 5, 2.0, 2.0, 7);
     const std::vector<uint8_t> expected = Bytes(clean), unwritten(expected.size(), 0);
-    Destroy(clean, src);
-    imagetest::CheckedHeap heap;
-    src = imagetest::RandomImage(VX_PIXEL_RGB, 9, 5, 4);
+    ImageDestroy(clean);
     const size_t sourceBytes = heap.LiveBytes();
     for (bool outer : {false, true})
         for (int k = 1; k <= 5; ++k) {  // the result's record, private block and pixels; work; none
