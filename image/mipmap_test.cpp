@@ -13,7 +13,6 @@ namespace {
 
 using imagetest::Bytes;
 using imagetest::Destroy;
-using imagetest::Rgba;
 
 TEST(Mipmap, LevelSizesHalveRoundingUpAndLevelZeroIsACopyOrShared)
 {
@@ -35,8 +34,7 @@ TEST(Mipmap, LevelSizesHalveRoundingUpAndLevelZeroIsACopyOrShared)
     EXPECT_EQ(MipmapDestroy(m), 1);
     EXPECT_EQ(Bytes(src).size(), 45u) << "the shared source is alive";
     ImageDestroy(src);
-    EXPECT_EQ(MipmapCreate(nullptr, 0), nullptr);
-    EXPECT_EQ(MipmapDestroy(nullptr), 0);
+    EXPECT_TRUE(!MipmapCreate(nullptr, 0) && MipmapDestroy(nullptr) == 0);
 }
 
 // A level by the plain rules: the previous level's existing pixels of the 2 x 2 block as RGBA
@@ -47,14 +45,14 @@ std::vector<uint8_t> ReferenceLevel(VxImage *prev, const VxImage *level)
     std::vector<uint8_t> out(bpp * static_cast<size_t>(level->width) * static_cast<size_t>(level->height));
     for (int32_t y = 0; y < level->height; ++y)
         for (int32_t x = 0; x < level->width; ++x) {
-            float mean[4];
+            float mean[4], v[4];
             for (int c = 0; c < 4; ++c) {
                 float sum = 0.0f;
                 int n = 0;
                 for (int32_t d = 0; d < 4; ++d)
                     if (2 * x + d % 2 < prev->width && 2 * y + d / 2 < prev->height) {
-                        const float v = Rgba(prev, 2 * x + d % 2, 2 * y + d / 2)[c];
-                        sum = n++ == 0 ? v : sum + v;
+                        prev->getPixel(prev, VX_PIXEL_RGBA_FLOAT, 2 * x + d % 2, 2 * y + d / 2, v);
+                        sum = n++ == 0 ? v[c] : sum + v[c];
                     }
                 mean[c] = n == 4 ? sum * 0.25f : n == 2 ? sum * 0.5f : sum;
             }
@@ -97,8 +95,7 @@ TEST(Mipmap, IndexPyramidsNeedAPalette)
     std::vector<uint8_t> palette(768), inverse(65536);
     ramp->getPalette(ramp, 0, 0, 256, palette.data());
     ImageBuildInverseTable(palette.data(), inverse.data());
-    const uint8_t mid = static_cast<uint8_t>(0.5f * 255.0f);
-    EXPECT_EQ(Bytes(m->levels[2])[0], inverse[vx::image::InverseKey(mid, mid, mid)]) << "mid grey, nearest entry";
+    EXPECT_EQ(Bytes(m->levels[2])[0], inverse[vx::image::InverseKey(127, 127, 127)]) << "mid grey (0.5 x 255), nearest entry";
     MipmapDestroy(m);
     Destroy(bare, ramp);
 }
