@@ -1,49 +1,19 @@
-// Evaluation against an independent model of the curve formulas, the two values worked out bit
-// for bit, the cycle shift against a literal loop, and the tables against the key walk.
-#include <vxtools3/envelope.h>
-
+// Evaluation against a model of the curve formulas, two values bit for bit, the cycle shift
+// against a literal loop, and the tables against the key walk.
+#include "anim/env_test.h"
 #include "testkit/fault_alloc.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
-#include <cstring>
-#include <random>
-#include <vector>
+#include <numeric>
 
 namespace {
 
-constexpr double kTick = 1.0 / 3600.0;
+using namespace envtest;
 
-uint64_t Bits(double v)
-{
-    uint64_t b;
-    std::memcpy(&b, &v, sizeof b);
-    return b;
-}
-
-void SetBehaviours(VxEnvelope *env, int32_t pre, int32_t post)
-{
-    EnvSet(env, ENV_ATTR_PRE, &pre);
-    EnvSet(env, ENV_ATTR_POST, &post);
-}
-
-VxEnvKey *AddKey(VxEnvelope *env, double t, double value, int32_t shape)
-{
-    VxEnvKey *k = EnvAddKey(env, t, value);
-    EnvKeySetType(env, k, shape);
-    return k;
-}
-
-// ---- An independent model of the curve ----------------------------------------------------
-
-struct MKey {
-    int32_t tick;
-    double value;
-    int32_t shape;
-    double p[5];
-};
+// An independent model of the curve.
+struct MKey { int32_t tick; double value; int32_t shape; double p[5]; };
 
 struct Model {
     std::vector<MKey> k;
@@ -73,10 +43,9 @@ struct Model {
                             : T * (1 - C) * (1 + B) * dIn + T * (1 + C) * (1 - B) * dOut);
         }
     }
-    static double Cubic(double c0, double c1, double c2, double c3, double s)
+    static double Cubic(double c0, double c1, double c2, double c3, double s, double m = 0)
     {
-        const double m = 1 - s;
-        return c0 * m * m * m + 3 * c1 * s * m * m + 3 * c2 * s * s * m + c3 * s * s * s;
+        return m = 1 - s, c0 * m * m * m + 3 * c1 * s * m * m + 3 * c2 * s * s * m + c3 * s * s * s;
     }
     double Bez2(size_t si, double t) const
     {
@@ -98,9 +67,7 @@ struct Model {
     double Inside(double t, bool probeBefore) const
     {
         const int32_t n = Tick(t);
-        size_t e = 0;
-        while (e < k.size() && k[e].tick < n)
-            ++e;
+        const size_t e = std::find_if(k.begin(), k.end(), [&](const MKey &x) { return x.tick >= n; }) - k.begin();
         if (e == k.size() || k[e].tick == n || e == 0)
             return e == k.size() ? k.back().value : k[e].value;
         const MKey &S = k[e - 1], &E = k[e];
@@ -147,12 +114,11 @@ struct Model {
 TEST(EnvModel, RandomEnvelopesMatchTheModel)
 {
     std::mt19937 rng(2024);
-    auto uni = [&](double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(rng); };
+    auto uni = [&](double lo, double hi) { return Uni(rng, lo, hi); };
     for (int round = 0; round < 300; ++round) {
         VxEnvelope *env = EnvCreate(nullptr, 0, 1, nullptr);
         Model m;
-        m.pre = static_cast<int32_t>(rng() % 6);
-        m.post = static_cast<int32_t>(rng() % 6);
+        m.pre = static_cast<int32_t>(rng() % 6), m.post = static_cast<int32_t>(rng() % 6);
         SetBehaviours(env, m.pre, m.post);
         const int count = 1 + static_cast<int>(rng() % 7);
         for (int32_t i = 0, tick = static_cast<int32_t>(rng() % 4000) - 2000; i < count; ++i) {
@@ -225,36 +191,24 @@ TEST(EnvBits, CycleShiftMatchesTheLiteralLoop)
         AddKey(env, l * kTick, 1.0, ENV_SHAPE_LINEAR);
         SetBehaviours(env, ENV_BEHAVIOR_REPEAT, ENV_BEHAVIOR_REPEAT);
         const double tF = f * kTick, tL = l * kTick, range = tL - tF;
-        const double cycles = std::floor(std::exp(std::uniform_real_distribution<double>(0.0, std::log(1e6))(rng)));
-        const double within = std::uniform_real_distribution<double>(0.0, range)(rng);
+        const double cycles = std::floor(std::exp(Uni(rng, 0.0, std::log(1e6)))), within = Uni(rng, 0.0, range);
         const bool before = round & 1;
         const double asked = before ? tF - cycles * range - within : tL + cycles * range + within;
         double t = asked;
-        int32_t n = static_cast<int32_t>(std::floor(t * 3600.0 + 0.5));
-        if (before) {
-            for (n += rangeTicks; n < f; n += rangeTicks)
-                t += range;
-            t += range;
-        } else {
-            do {
-                t -= range;
-                n -= rangeTicks;
-            } while (n > l);
-        }
-        const int32_t at = static_cast<int32_t>(std::floor(t * 3600.0 + 0.5));
+        for (int32_t n = Model::Tick(t); before ? n < f : n > l; n += before ? rangeTicks : -rangeTicks)
+            t += before ? range : -range;
+        const int32_t at = Model::Tick(t);
         const double want = at == f ? 0.0 : at == l ? 1.0 : (t + f * -kTick) / (rangeTicks * kTick);
         ASSERT_EQ(Bits(EnvEvaluate(env, asked)), Bits(want)) << "round " << round << " t " << asked;
         EnvDestroy(env);
     }
 }
 
-// ---- The tables against the key walk ------------------------------------------------------
-
 // Random keys of every shape; 2-D Bezier handles from tight to far past their neighbours
 // (where the time curve turns back), segments of one tick to 2000 seconds.
 VxEnvelope *RandomKeys(std::mt19937 &rng, int count)
 {
-    auto uni = [&](double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(rng); };
+    auto uni = [&](double lo, double hi) { return Uni(rng, lo, hi); };
     VxEnvelope *env = EnvCreate(nullptr, 0, 0, nullptr);
     SetBehaviours(env, static_cast<int32_t>(rng() % 6), static_cast<int32_t>(rng() % 6));
     const bool eased = rng() & 1;
@@ -280,7 +234,7 @@ VxEnvelope *RandomKeys(std::mt19937 &rng, int count)
 // the last place: where the bisection stops turns on the last bits there.
 std::vector<double> TestTimes(VxEnvelope *env, std::mt19937 &rng)
 {
-    auto uni = [&](double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(rng); };
+    auto uni = [&](double lo, double hi) { return Uni(rng, lo, hi); };
     std::vector<const VxEnvKey *> keys;
     for (VxEnvKey *k = EnvKeyFirst(env); k; k = EnvKeyNext(env, k))
         keys.push_back(k);
@@ -331,8 +285,7 @@ TEST(EnvTables, MatchTheKeyWalkBitForBit)
         for (size_t i = 0; i < times.size(); ++i)
             ASSERT_EQ(Bits(EnvEvaluate(env, times[i])), want[i]) << "round " << round << " t " << times[i];
         std::vector<size_t> order(times.size());
-        for (size_t i = 0; i < order.size(); ++i)
-            order[i] = i;
+        std::iota(order.begin(), order.end(), size_t{0});
         std::sort(order.begin(), order.end(), [&](size_t a, size_t b) { return times[a] < times[b]; });
         for (size_t i : order)
             ASSERT_EQ(Bits(EnvEvaluate(env, times[i])), want[i]) << "playback, round " << round << " t " << times[i];
