@@ -1,42 +1,23 @@
-// Keys, notifications, copies, moves of key runs, shape conversions, modifiers, evaluation
-// after every kind of edit, and the out-of-memory sweeps of the allocating operations.
-#include <vxtools3/ckpt.h>
-#include <vxtools3/envelope.h>
-
+// Keys, notifications, copies, key runs, shape conversions, modifiers, evaluation after every
+// kind of edit, and the out-of-memory sweeps of the allocating operations.
+#include "anim/env_test.h"
 #include "testkit/fault_alloc.h"
 #include "testkit/oom_sweep.h"
 
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <cstring>
-#include <random>
 #include <string>
-#include <vector>
 
 namespace {
 
-constexpr double kTick = 1.0 / 3600.0;
+using namespace envtest;
 constexpr uintptr_t kServer = 0x5E;
 
-struct Heard {
-    int32_t event;
-    uintptr_t argument;
-    bool operator==(const Heard &) const = default;
-};
+using Heard = std::pair<int32_t, uintptr_t>;
 std::vector<Heard> g_heard;
 
 void Listen(uintptr_t, uintptr_t, int32_t event, uintptr_t argument) { g_heard.push_back({event, argument}); }
 uintptr_t A(const void *p) { return reinterpret_cast<uintptr_t>(p); }
-
-using KeyTicks = std::vector<std::pair<int32_t, double>>;
-KeyTicks KeyList(const VxEnvelope *env)
-{
-    KeyTicks out;
-    for (VxEnvKey *k = EnvKeyFirst(env); k; k = EnvKeyNext(env, k))
-        out.emplace_back(static_cast<int32_t>(std::lround(EnvKeyTime(k) * 3600.0)), EnvKeyValue(k));
-    return out;
-}
 
 // Notification codes per edit, the masks that select them, suspended tracking, and the
 // announcement of new envelopes on the global port.
@@ -150,10 +131,9 @@ TEST(EnvKeys, ShapeConversionsToAndFromBezier2)
     EnvKeySetParam(lone, 4, 8.0);
     EnvKeySetType(env, lone, ENV_SHAPE_BEZIER2);
     // in = 3600/10800 * 4, out = 7200/10800 * 8.
-    EXPECT_DOUBLE_EQ(EnvKeyGetParam(lone, 0), 1.0 * -0.33333);
-    EXPECT_DOUBLE_EQ(EnvKeyGetParam(lone, 1), 4.0 / 3 * (1.0 * -0.33333));
-    EXPECT_DOUBLE_EQ(EnvKeyGetParam(lone, 2), 2.0 * 0.33333);
-    EXPECT_DOUBLE_EQ(EnvKeyGetParam(lone, 3), 16.0 / 3 * (2.0 * 0.33333));
+    const double want[4] = {1.0 * -0.33333, 4.0 / 3 * (1.0 * -0.33333), 2.0 * 0.33333, 16.0 / 3 * (2.0 * 0.33333)};
+    for (int32_t i = 0; i < 4; ++i)
+        EXPECT_DOUBLE_EQ(EnvKeyGetParam(lone, i), want[i]) << i;
     // End keys take the slope of their only segment for the missing side.
     EnvKeySetType(env, first, ENV_SHAPE_BEZIER2);
     EXPECT_DOUBLE_EQ(EnvKeyGetParam(first, 3), 0.33333 * (5.0 - 2.0));
@@ -186,15 +166,14 @@ TEST(EnvLife, GroupsNamesCopiesAndModifiers)
     EXPECT_EQ(ListValidate(&group.envelopes), 2);
     EnvAddKey(a, 0.0, 3.0);
     EnvAddKey(a, 1.0, 3.0);
-    int32_t post = ENV_BEHAVIOR_OSCILLATE;
-    EnvSet(a, ENV_ATTR_POST, &post);
+    SetBehaviours(a, ENV_BEHAVIOR_CONSTANT, ENV_BEHAVIOR_OSCILLATE);
     VxEnvelope *copy = EnvCopy(a);
     EXPECT_EQ(EnvGetGroup(copy), &group);
     EXPECT_STREQ(EnvName(copy), "Scale.Y");
     EXPECT_EQ(EnvGet(copy, ENV_ATTR_POST), 3.0);
-    EXPECT_EQ(KeyList(copy), KeyList(a));
+    EXPECT_EQ(KeyDump(copy), KeyDump(a));
     EXPECT_EQ(EnvCopyKeys(b, a), 1);
-    EXPECT_EQ(KeyList(b), KeyList(a));
+    EXPECT_EQ(KeyDump(b), KeyDump(a));
     EXPECT_EQ(EnvGet(b, ENV_ATTR_POST), 1.0) << "behaviours stay";
     VxEnvFilter add{{}, "add", 0, AddOne, nullptr, nullptr, nullptr}, twice{{}, "twice", 0, Twice, nullptr, nullptr, nullptr};
     VxEnvFilter time{{}, "time", 0, PlusTime, nullptr, nullptr, nullptr};
@@ -208,13 +187,9 @@ TEST(EnvLife, GroupsNamesCopiesAndModifiers)
     twice.flags = ENV_FILTER_STOP;
     EXPECT_EQ(EnvEvaluate(a, 0.5), 4.0);
     EXPECT_EQ(EnvFilterIndex(a, &time), 2);
-    EXPECT_EQ(EnvFilterInstance(a, 3), nullptr);
-    EXPECT_STREQ(EnvFilterName(EnvFilterInstance(a, 1)), "twice");
     EXPECT_EQ(EnvRemoveFilter(a, &twice), 1);
     EXPECT_EQ(EnvRemoveFilter(a, &twice), 0);
     EXPECT_EQ(EnvEvaluate(a, 0.5), 4.5);
-    EnvRemoveFilter(a, &add);
-    EnvRemoveFilter(a, &time);
     EnvDestroy(rooted);
     while (group.envelopes.head->succ)
         EnvDestroy(reinterpret_cast<VxEnvelope *>(group.envelopes.head));
@@ -259,12 +234,9 @@ TEST(EnvEdits, EvaluationAfterEveryKindOfEditMatchesAFreshCopy)
         VxEnvelope *fresh = EnvCopy(env);
         for (int i = 0; i < 24; ++i) {
             const double at = i < 12 ? -3.0 + 12.0 * i / 11.0 : uni(-3.0, 9.0);
-            const double got = EnvEvaluate(env, at), want = EnvEvaluate(fresh, at);
-            ASSERT_EQ(std::memcmp(&got, &want, sizeof got), 0) << "step " << step << " t " << at;
+            ASSERT_EQ(Bits(EnvEvaluate(env, at)), Bits(EnvEvaluate(fresh, at))) << "step " << step << " t " << at;
         }
-        for (VxEnvKey *x = EnvKeyFirst(env), *y = EnvKeyFirst(fresh); x || y; x = EnvKeyNext(env, x), y = EnvKeyNext(fresh, y))
-            for (int32_t p = 0; x && y && p < 5; ++p)
-                ASSERT_EQ(EnvKeyGetParam(x, p), EnvKeyGetParam(y, p)) << "step " << step << " p" << p;
+        ASSERT_EQ(KeyDump(env), KeyDump(fresh)) << "step " << step;
         EnvDestroy(fresh);
     }
     EnvDestroy(env);
