@@ -116,7 +116,7 @@ TEST(EnvModel, RandomEnvelopesMatchTheModel)
     std::mt19937 rng(2024);
     auto uni = [&](double lo, double hi) { return Uni(rng, lo, hi); };
     for (int round = 0; round < 300; ++round) {
-        VxEnvelope *env = EnvCreate(nullptr, 0, 1, nullptr);
+        const Env env(1);
         Model m;
         m.pre = static_cast<int32_t>(rng() % 6), m.post = static_cast<int32_t>(rng() % 6);
         SetBehaviours(env, m.pre, m.post);
@@ -147,21 +147,17 @@ TEST(EnvModel, RandomEnvelopesMatchTheModel)
             ASSERT_NEAR(EnvEvaluate(env, t), want, 1e-7 * (1 + std::fabs(want)))
                 << "round " << round << " t " << t << " pre " << m.pre << " post " << m.post;
         }
-        EnvDestroy(env);
     }
     // Empty envelopes: 1.0 for the scale channels 7 to 9, else 0.0.
-    for (int32_t type = 0; type < 20; ++type) {
-        VxEnvelope *e = EnvCreate(nullptr, 0, type, nullptr);
-        EXPECT_EQ(EnvEvaluate(e, 3.0), type >= 7 && type <= 9 ? 1.0 : 0.0) << type;
-        EnvDestroy(e);
-    }
+    for (int32_t type = 0; type < 20; ++type)
+        EXPECT_EQ(EnvEvaluate(Env(type), 3.0), type >= 7 && type <= 9 ? 1.0 : 0.0) << type;
 }
 
 // Repeat adds the range to the time once per cycle, each addition rounded; a Linear segment
 // adds the offset to the start value first. And t * 3600 = 112.5: half ticks round up.
 TEST(EnvBits, CycleShiftLinearOffsetAndHalfTicks)
 {
-    VxEnvelope *env = EnvCreate(nullptr, 0, 0, nullptr);
+    const Env env;
     VxEnvKey *first = AddKey(env, 0.0, 0.0, ENV_SHAPE_LINEAR);
     VxEnvKey *last = AddKey(env, 0.7, 1.0, ENV_SHAPE_LINEAR);
     SetBehaviours(env, ENV_BEHAVIOR_CONSTANT, ENV_BEHAVIOR_REPEAT);
@@ -174,7 +170,6 @@ TEST(EnvBits, CycleShiftLinearOffsetAndHalfTicks)
     EnvKeySetTime(env, last, 1.0 / 32);
     EXPECT_EQ(EnvKeyTime(first), -112 * kTick);
     EXPECT_EQ(EnvKeyTime(last), 113 * kTick);
-    EnvDestroy(env);
 }
 
 // The time after whole cycles, shifted round by round as the behaviours describe it, against
@@ -186,7 +181,7 @@ TEST(EnvBits, CycleShiftMatchesTheLiteralLoop)
     for (int round = 0; round < 400; ++round) {
         const int32_t f = static_cast<int32_t>(rng() % 10000) - 5000, rangeTicks = 1 + static_cast<int32_t>(rng() % 2000);
         const int32_t l = f + rangeTicks;
-        VxEnvelope *env = EnvCreate(nullptr, 0, 0, nullptr);
+        const Env env;
         AddKey(env, f * kTick, 0.0, ENV_SHAPE_LINEAR);
         AddKey(env, l * kTick, 1.0, ENV_SHAPE_LINEAR);
         SetBehaviours(env, ENV_BEHAVIOR_REPEAT, ENV_BEHAVIOR_REPEAT);
@@ -200,7 +195,6 @@ TEST(EnvBits, CycleShiftMatchesTheLiteralLoop)
         const int32_t at = Model::Tick(t);
         const double want = at == f ? 0.0 : at == l ? 1.0 : (t + f * -kTick) / (rangeTicks * kTick);
         ASSERT_EQ(Bits(EnvEvaluate(env, asked)), Bits(want)) << "round " << round << " t " << asked;
-        EnvDestroy(env);
     }
 }
 
@@ -269,11 +263,11 @@ TEST(EnvTables, MatchTheKeyWalkBitForBit)
     const int sizes[] = {2, 3, 4, 5, 8, 15, 16, 17, 33, 64, 200, 1000, 2000};
     for (int round = 0; round < 78; ++round) {
         vxtest::FaultAllocator heap;
-        VxEnvelope *env = RandomKeys(rng, sizes[round % 13]);
+        const Env env(RandomKeys(rng, sizes[round % 13]));
         const std::vector<double> times = TestTimes(env, rng);
         for (double t : times)
             EnvEvaluate(env, t);
-        VxEnvelope *walked = EnvCopy(env);
+        const Env walked(EnvCopy(env));
         std::vector<uint64_t> want;
         const size_t live = heap.LiveBytes();
         heap.FailAt(1, vxtest::FailMode::FromThen);
@@ -289,8 +283,6 @@ TEST(EnvTables, MatchTheKeyWalkBitForBit)
         std::sort(order.begin(), order.end(), [&](size_t a, size_t b) { return times[a] < times[b]; });
         for (size_t i : order)
             ASSERT_EQ(Bits(EnvEvaluate(env, times[i])), want[i]) << "playback, round " << round << " t " << times[i];
-        EnvDestroy(walked);
-        EnvDestroy(env);
     }
 }
 

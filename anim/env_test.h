@@ -21,6 +21,16 @@ inline void SetBehaviours(VxEnvelope *env, int32_t pre, int32_t post)
     EnvSet(env, ENV_ATTR_POST, &post);
 }
 
+// An envelope destroyed at the end of its scope.
+struct Env {
+    VxEnvelope *p;
+    explicit Env(VxEnvelope *env) : p(env) {}
+    explicit Env(int32_t type = 0, const char *name = nullptr, VxEnvGroup *group = nullptr) : p(EnvCreate(group, 0, type, name)) {}
+    Env(const Env &) = delete;
+    ~Env() { EnvDestroy(p); }
+    operator VxEnvelope *() const { return p; }
+};
+
 inline VxEnvKey *AddKey(VxEnvelope *env, double t, double value, int32_t shape)
 {
     VxEnvKey *k = EnvAddKey(env, t, value);
