@@ -69,7 +69,7 @@ TEST(EnvNotify, CodesMasksAndSuspension)
 TEST(EnvKeys, MovesShiftsScalesAndAttributes)
 {
     vxtest::FaultAllocator heap;
-    VxEnvelope *env = EnvCreate(nullptr, 0, 12, nullptr);
+    const Env env(12);
     VxEnvKey *a = EnvAddKey(env, 0.0, 0.0), *b = EnvAddKey(env, 1.0, 1.0), *c = EnvAddKey(env, 2.0, 2.0);
     EXPECT_EQ(EnvKeySetTime(env, a, 1.5), 1);
     EXPECT_EQ(KeyList(env), (KeyTicks{{3600, 1}, {5400, 0}, {7200, 2}}));
@@ -111,14 +111,13 @@ TEST(EnvKeys, MovesShiftsScalesAndAttributes)
     EnvKeySetType(env, second, ENV_SHAPE_LINEAR);
     EXPECT_NEAR(EnvSpeed(env, 3.5), 3600.0 / 10802.0, 1e-9);
     EXPECT_EQ(EnvGet(env, ENV_ATTR_LAST_VALUE), 0.0);
-    EnvDestroy(env);
 }
 
 // Converting to 2-D Bezier keeps the tangents as handles at (a five-digit) third of the
 // neighbouring segments; converting back neutralises tension, continuity and bias.
 TEST(EnvKeys, ShapeConversionsToAndFromBezier2)
 {
-    VxEnvelope *env = EnvCreate(nullptr, 0, 0, nullptr);
+    const Env env;
     VxEnvKey *lone = EnvAddKey(env, 1.0, 5.0);
     for (int32_t i = 0; i < 5; ++i)
         EnvKeySetParam(lone, i, 1.0 + i);
@@ -144,7 +143,6 @@ TEST(EnvKeys, ShapeConversionsToAndFromBezier2)
     EXPECT_EQ(EnvKeyGetParam(last, 0), 0.0);
     EXPECT_EQ(EnvKeyGetParam(last, 2), 0.0);
     EXPECT_EQ(EnvKeyGetParam(last, 3), 7.0);
-    EnvDestroy(env);
 }
 
 void AddOne(VxEnvFilter *, VxEnvelope *, double, double *value) { *value += 1.0; }
@@ -208,7 +206,7 @@ TEST(EnvEdits, EvaluationAfterEveryKindOfEditMatchesAFreshCopy)
             k = EnvKeyNext(e, k);
         return k;
     };
-    VxEnvelope *env = EnvCreate(nullptr, 0, 0, nullptr), *other = EnvCreate(nullptr, 0, 0, nullptr);
+    const Env env, other;
     EnvAddKey(other, 0.0, 1.0);
     for (int step = 0; step < 3000; ++step) {
         VxEnvKey *k = nth(env), *k2 = nth(env);
@@ -231,16 +229,13 @@ TEST(EnvEdits, EvaluationAfterEveryKindOfEditMatchesAFreshCopy)
             EnvSet(env, rng() & 1 ? ENV_ATTR_PRE : ENV_ATTR_POST, &behaviour);
         }
         }
-        VxEnvelope *fresh = EnvCopy(env);
+        const Env fresh(EnvCopy(env));
         for (int i = 0; i < 24; ++i) {
             const double at = i < 12 ? -3.0 + 12.0 * i / 11.0 : uni(-3.0, 9.0);
             ASSERT_EQ(Bits(EnvEvaluate(env, at)), Bits(EnvEvaluate(fresh, at))) << "step " << step << " t " << at;
         }
         ASSERT_EQ(KeyDump(env), KeyDump(fresh)) << "step " << step;
-        EnvDestroy(fresh);
     }
-    EnvDestroy(env);
-    EnvDestroy(other);
 }
 
 TEST(EnvOom, CreateAddKeyCopyAndCopyKeys)
