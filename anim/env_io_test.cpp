@@ -60,12 +60,12 @@ struct Source {
 
 TEST(EnvSaved, ByteExactEnvlImageAndTextForm)
 {
-    VxEnvelope *env = EnvCreate(nullptr, 0x1A2, 1, "Pos");
+    Env env(EnvCreate(nullptr, 0x1A2, 1, "Pos")), env2(4);
     SetBehaviours(env, ENV_BEHAVIOR_REPEAT, ENV_BEHAVIOR_OSCILLATE);
     VxEnvKey *a = EnvAddKey(env, 0.5, 1.0);
     EnvKeySetParam(a, 0, 0.5);
     EnvKeySetParam(a, 2, -0.25);
-    EnvKeySetType(env, EnvAddKey(env, 1.0, 2.0), ENV_SHAPE_LINEAR);
+    AddKey(env, 1.0, 2.0, ENV_SHAPE_LINEAR);
     EnvSetSaveIndex(env, 7);
     const Bytes expected = {
         'F', 'O', 'R', 'M', 0, 0, 0, 0x6C, 'T', 'E', 'S', 'T',  // form of 4 + 8 + 96 bytes
@@ -85,15 +85,12 @@ TEST(EnvSaved, ByteExactEnvlImageAndTextForm)
         const Bytes saved = Save(env, false);
         EXPECT_EQ(Bytes(saved.begin() + 20, saved.begin() + 20 + static_cast<long>(form.size())), form);
     }
-    EnvDestroy(env);
     // The text form: the same blocks under keywords; a Bezier key is saved as HERM.
-    env = EnvCreate(nullptr, 0, 4, nullptr);
-    EnvKeySetType(env, EnvAddKey(env, 0.0, 1.5), ENV_SHAPE_STEPPED);
-    EnvKeySetType(env, EnvAddKey(env, 0.25, -2.0), ENV_SHAPE_BEZIER);
-    const Bytes text = Save(env, true);
+    AddKey(env2, 0.0, 1.5, ENV_SHAPE_STEPPED);
+    AddKey(env2, 0.25, -2.0, ENV_SHAPE_BEZIER);
+    const Bytes text = Save(env2, true);
     EXPECT_EQ(std::string(text.begin(), text.end()), "Envelope 0 {\n  Name \"Rotation.H\"\n  Type 0 4\n  Pre 1\n  Key 0 1.5\n"
                                                      "  Span 'STEP'\n  Key 0.25 -2\n  Span 'HERM' 0 0\n  Post 1\n}\n");
-    EnvDestroy(env);
 }
 
 // Random envelopes whose numbers survive single precision, with only what the spans save set.
@@ -106,9 +103,9 @@ VxEnvelope *RandomEnvelope(std::mt19937 &rng, int minKeys = 0)
     const int32_t shapes[] = {ENV_SHAPE_TCB, ENV_SHAPE_HERMITE, ENV_SHAPE_LINEAR, ENV_SHAPE_STEPPED, ENV_SHAPE_BEZIER2};
     int32_t tick = static_cast<int32_t>(rng() % 20000) - 10000;
     for (int i = 0, n = minKeys + static_cast<int>(rng() % 9); i < n; ++i, tick += 1 + static_cast<int32_t>(rng() % 5000)) {
-        VxEnvKey *k = EnvAddKey(env, tick / 3600.0, q(20));
+        const double value = q(20);
         const int32_t shape = shapes[rng() % 5];
-        EnvKeySetType(env, k, shape);
+        VxEnvKey *k = AddKey(env, tick / 3600.0, value, shape);
         const int first = shape == ENV_SHAPE_HERMITE ? 3 : 0;
         const int count = shape == ENV_SHAPE_TCB ? 3 : shape == ENV_SHAPE_HERMITE ? 2 : shape == ENV_SHAPE_BEZIER2 ? 4 : 0;
         for (int32_t p = 0; p < 5; ++p)
@@ -117,10 +114,7 @@ VxEnvelope *RandomEnvelope(std::mt19937 &rng, int minKeys = 0)
     return env;
 }
 
-struct Gain {
-    VxEnvFilter filter;
-    float gain;
-};
+struct Gain { VxEnvFilter filter; float gain; };
 void ApplyGain(VxEnvFilter *f, VxEnvelope *, double, double *value) { *value *= static_cast<Gain *>(f->data)->gain; }
 int32_t SaveGain(VxEnvFilter *f, VxSaveState *s) { return s->writeFloats(s, &static_cast<Gain *>(f->data)->gain, 1); }
 void DestroyGain(VxEnvFilter *f) { delete static_cast<Gain *>(f->data); }
@@ -146,7 +140,7 @@ TEST(EnvSaved, RandomEnvelopesRoundTripInBothForms)
     EnvSetFilterLoader(LoadGain, &calls);
     for (int round = 0; round < 150; ++round) {
         const bool text = round & 1;
-        VxEnvelope *env = RandomEnvelope(rng);
+        const Env env(RandomEnvelope(rng)), loaded(EnvCreate(nullptr, 0x33, 0, "other"));
         EnvSetSaveIndex(env, round);
         if (round % 6 < 2) {
             EnvAddFilter(env, MakeGain(3.0f, 0));
@@ -155,28 +149,23 @@ TEST(EnvSaved, RandomEnvelopesRoundTripInBothForms)
         }
         const Bytes first = Save(env, text);
         Source src(first, text);
-        VxEnvelope *loaded = EnvCreate(nullptr, 0x33, 0, "other");
         ASSERT_EQ(EnvLoad(loaded, &src.state), 1) << (src.state.message ? src.state.message : "");
         EXPECT_EQ(EnvLoad(loaded, &src.state), 0) << "one envelope only";
         EXPECT_EQ(src.state.error, 0);
         EXPECT_EQ(Save(loaded, text), first) << "round " << round;
         for (int i = -50; i <= 50; ++i)
             ASSERT_EQ(EnvEvaluate(env, i * 0.07), EnvEvaluate(loaded, i * 0.07)) << round;
-        EnvDestroy(env);
-        EnvDestroy(loaded);
     }
     EnvSetFilterLoader(nullptr, nullptr);
     EXPECT_EQ(calls, filtered);
     for (bool text : {false, true}) {
-        VxEnvelope *env = EnvCreate(nullptr, 0, 0, "gained"), *plain = EnvCreate(nullptr, 0, 0, nullptr);
+        const Env env, plain;
         EnvAddKey(env, 0.0, 2.0);
         EnvAddFilter(env, MakeGain(3.0f, 0));
         Source src(Save(env, text), text);
         ASSERT_EQ(EnvLoad(plain, &src.state), 1);
         EXPECT_EQ(EnvFilterInstance(plain, 0), nullptr);
         EXPECT_EQ(EnvEvaluate(plain, 1.0), 2.0);
-        EnvDestroy(env);
-        EnvDestroy(plain);
     }
 }
 
@@ -184,11 +173,6 @@ TEST(EnvSaved, RandomEnvelopesRoundTripInBothForms)
 // were looked up at its tick: a tick met again updates the value and what its span sets.
 TEST(EnvSaved, KeysLoadInAnyOrder)
 {
-    struct MKey {
-        double value = 0;
-        int32_t shape = 0;
-        double p[5] = {};
-    };
     const char *spans[] = {"'TCB ' 0.5 0.25 -1", "'HERM' 2 -3", "'LINE'", "'STEP'", "'BEZ2' -0.5 1 0.5 2", ""};
     const double given[6][5] = {{0.5, 0.25, -1, 0, 0}, {0, 0, 0, 2, -3}, {}, {}, {-0.5, 1, 0.5, 2, 0}, {}};
     const int32_t shape[6] = {ENV_SHAPE_TCB, ENV_SHAPE_HERMITE, ENV_SHAPE_LINEAR, ENV_SHAPE_STEPPED, ENV_SHAPE_BEZIER2, -1};
@@ -204,33 +188,28 @@ TEST(EnvSaved, KeysLoadInAnyOrder)
             for (size_t i = 0, n = ticks.size() / 4; i < n; ++i)
                 ticks.push_back(ticks[rng() % ticks.size()]);
         }
-        std::map<int, MKey> model;
+        // Each key as its tick, value, shape and parameters, as KeyDump gives them.
+        std::map<int, std::vector<double>> model;
         std::string text = "Envelope 0 {\n";
         for (int tick : ticks) {
-            MKey &m = model[tick];
-            m.value = static_cast<int>(rng() % 64) / 8.0;
+            std::vector<double> &m = model.try_emplace(tick, std::vector<double>{double(tick), 0, 0, 0, 0, 0, 0, 0}).first->second;
+            m[1] = static_cast<int>(rng() % 64) / 8.0;
             const auto span = rng() % 6;
-            text += "Key " + std::to_string(tick / 3600.0) + " " + std::to_string(m.value) + "\nSpan " + spans[span] + "\n";
-            m.shape = shape[span] >= 0 ? shape[span] : m.shape;
+            text += "Key " + std::to_string(tick / 3600.0) + " " + std::to_string(m[1]) + "\nSpan " + spans[span] + "\n";
+            m[2] = shape[span] >= 0 ? shape[span] : m[2];
             for (size_t i = span == 1 ? 3 : 0, n = span == 0 ? 3 : span == 1 ? 5 : span == 4 ? 4 : 0; i < n; ++i)
-                m.p[i] = given[span][i];
+                m[3 + i] = given[span][i];
         }
         const std::string whole = text + "}\n";
         Source src(Bytes(whole.begin(), whole.end()), true);
-        VxEnvelope *env = EnvCreate(nullptr, 0, 0, nullptr);
+        const Env env;
         ASSERT_EQ(EnvLoad(env, &src.state), 1);
-        ASSERT_EQ(EnvGet(env, ENV_ATTR_KEY_COUNT), static_cast<double>(model.size()));
-        VxEnvKey *k = EnvKeyFirst(env);
-        for (const auto &[tick, m] : model) {
-            EXPECT_EQ(EnvGetKey(env, tick / 3600.0), k) << round;
-            EXPECT_EQ(EnvKeyValue(k), m.value) << round;
-            EXPECT_EQ(EnvKeyType(k), m.shape) << round;
+        std::vector<std::vector<double>> want;
+        for (const auto &[tick, m] : model)
+            want.push_back(m);
+        EXPECT_EQ(KeyDump(env), want) << round;
+        for (VxEnvKey *k = EnvKeyFirst(env); k; k = EnvKeyNext(env, k))
             EXPECT_EQ(EnvKeyMask(k), 0u);
-            for (int32_t i = 0; i < 5; ++i)
-                EXPECT_EQ(EnvKeyGetParam(k, i), m.p[i]) << round << " p" << i;
-            k = EnvKeyNext(env, k);
-        }
-        EnvDestroy(env);
     }
 }
 
@@ -238,7 +217,7 @@ TEST(EnvSaved, KeysLoadInAnyOrder)
 TEST(EnvSaved, TruncationAndExhaustionLeaveTheEnvelope)
 {
     std::mt19937 rng(9);
-    VxEnvelope *model = RandomEnvelope(rng, 4);
+    const Env model(RandomEnvelope(rng, 4));
     for (bool text : {false, true}) {
         const Bytes whole = Save(model, text);
         Source *src = nullptr;
@@ -269,7 +248,6 @@ TEST(EnvSaved, TruncationAndExhaustionLeaveTheEnvelope)
         }
         vxtest::OomSweepAll({[&] { setup(whole.size()); }, [&] { return EnvLoad(target, &src->state) == 1; }, unchanged, teardown});
     }
-    EnvDestroy(model);
 }
 
 }  // namespace
