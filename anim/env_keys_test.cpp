@@ -83,8 +83,7 @@ TEST(EnvKeys, MovesShiftsScalesAndAttributes)
     EXPECT_EQ(EnvGet(env, ENV_ATTR_KEY_COUNT), 1.0);
     EXPECT_EQ(EnvKeySetMask(a, 0xF0), 0u);
     EXPECT_EQ(EnvKeySetMask(a, 1), 0xF0u);
-    EXPECT_EQ(EnvKeyGetParam(a, 5), 0.0);
-    EXPECT_EQ(EnvKeyGetParam(a, -1), 0.0);
+    EXPECT_EQ(std::pair(EnvKeyGetParam(a, 5), EnvKeyGetParam(a, -1)), std::pair(0.0, 0.0));
     for (int i = 0; i < 3; ++i)
         EnvAddKey(env, 3.0 + i, 10.0 + i);
     VxEnvKey *second = EnvKeyNext(env, a), *third = EnvKeyNext(env, second);
@@ -101,10 +100,8 @@ TEST(EnvKeys, MovesShiftsScalesAndAttributes)
     EXPECT_EQ(EnvScaleKeys(env, nullptr, nullptr, 0.0, 1e-6), 0) << "keys would share a tick";
     EXPECT_EQ(EnvScaleKeys(env, nullptr, nullptr, 0.0, -1.0), 0);
     EXPECT_EQ(EnvScaleKeys(env, a, a, 0.0, 10.0), 0) << "would pass the next key";
-    EXPECT_EQ(EnvGet(env, ENV_ATTR_TYPE), 12.0);
-    EXPECT_EQ(EnvGet(env, ENV_ATTR_FIRST_TIME), 2.0);
-    EXPECT_EQ(EnvGet(env, ENV_ATTR_LAST_TIME), 8.0);
-    EXPECT_EQ(EnvGet(env, 12), 0.0);
+    for (auto [attr, want] : {std::pair<int32_t, double>{ENV_ATTR_TYPE, 12.0}, {ENV_ATTR_FIRST_TIME, 2.0}, {ENV_ATTR_LAST_TIME, 8.0}, {12, 0.0}})
+        EXPECT_EQ(EnvGet(env, attr), want) << attr;
     EXPECT_EQ(EnvPrevKeyframe(env, 2.0), nullptr);
     EXPECT_EQ(EnvNextKeyframe(env, 2.0), second);
     // The speed is the slope across one tick either side, and leaves the last value.
@@ -156,7 +153,7 @@ TEST(EnvLife, GroupsNamesCopiesAndModifiers)
     VxEnvGroup group;
     EnvGroupInit(&group);
     VxEnvelope *a = EnvCreate(&group, 0x1234, 8, nullptr), *b = EnvCreate(&group, 0, 40, std::string(150, 'n').c_str());
-    VxEnvelope *rooted = EnvCreate(nullptr, 0, 40, nullptr);
+    const Env rooted(40);
     EXPECT_STREQ(EnvName(a), "Scale.Y");
     EXPECT_EQ(std::string(EnvName(b)), std::string(99, 'n'));
     EXPECT_STREQ(EnvName(rooted), "(envelope)");
@@ -188,18 +185,16 @@ TEST(EnvLife, GroupsNamesCopiesAndModifiers)
     EXPECT_EQ(EnvRemoveFilter(a, &twice), 1);
     EXPECT_EQ(EnvRemoveFilter(a, &twice), 0);
     EXPECT_EQ(EnvEvaluate(a, 0.5), 4.5);
-    EnvDestroy(rooted);
     while (group.envelopes.head->succ)
         EnvDestroy(reinterpret_cast<VxEnvelope *>(group.envelopes.head));
 }
 
-// Every kind of edit, at random, between evaluations: an edit that left the tables (or the
-// tangents evaluation caches) stale shows as a difference from a fresh copy, in the values or
-// in the parameters after evaluation. A second envelope's parameter edits must not matter.
+// Random edits of every kind: stale tables or cached tangents show as a difference from a fresh
+// copy. A second envelope's parameter edits must not matter.
 TEST(EnvEdits, EvaluationAfterEveryKindOfEditMatchesAFreshCopy)
 {
     std::mt19937 rng(31);
-    auto uni = [&](double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(rng); };
+    auto uni = [&](double lo, double hi) { return Uni(rng, lo, hi); };
     auto nth = [&](VxEnvelope *e) {
         VxEnvKey *k = EnvKeyFirst(e);
         for (auto i = rng() % 12; k && i; --i)
@@ -212,8 +207,7 @@ TEST(EnvEdits, EvaluationAfterEveryKindOfEditMatchesAFreshCopy)
         VxEnvKey *k = nth(env), *k2 = nth(env);
         const double t = std::round(uni(-2.0, 8.0) * 3600.0) / 3600.0;
         switch (rng() % 12) {
-        case 0:
-        case 1: EnvKeySetType(env, EnvAddKey(env, t, uni(-5, 5)), static_cast<int32_t>(rng() % 7)); break;
+        case 0: case 1: EnvKeySetType(env, EnvAddKey(env, t, uni(-5, 5)), static_cast<int32_t>(rng() % 7)); break;
         case 2: EnvAddKey(env, k ? EnvKeyTime(k) : t, uni(-5, 5)); break;  // onto an existing key
         case 3: if (k) EnvSetKey(env, k, uni(-5, 5)); break;
         case 4: EnvDelKey(env, k); break;
