@@ -1,6 +1,5 @@
-// The saved form: a byte-exact "ENVL" image and its text form, round trips of random envelopes
-// in both forms, keys in any order, modifiers through "CHAN" blocks, truncated input and the
-// out-of-memory sweep of the loader.
+// The saved form: a byte-exact image and its text form, round trips, keys in any order,
+// modifiers, truncated input and the out-of-memory sweep of the loader.
 #include "anim/env_test.h"
 #include "testkit/oom_sweep.h"
 
@@ -22,17 +21,13 @@ Bytes Save(VxEnvelope *env, bool text)
     VxWriteStrm *w = MemStrmWriteCreate();
     VxSaveState s;
     VxIFFWriter *iw = text ? nullptr : IFFWCreate(w);
-    if (iw) {
-        IFFWChunkOpen(iw, VX_ID('F', 'O', 'R', 'M'), VX_ID('T', 'E', 'S', 'T'));
-        IFFInitSaveState(&s, iw);
-    } else {
+    if (iw)
+        IFFWChunkOpen(iw, VX_ID('F', 'O', 'R', 'M'), VX_ID('T', 'E', 'S', 'T')), IFFInitSaveState(&s, iw);
+    else
         StrmInitSaveState(&s, w);
-    }
     EXPECT_EQ(EnvSave(env, &s), 1);
-    if (iw) {
-        IFFWChunkClose(iw);
-        IFFWDestroy(iw);
-    }
+    if (iw)
+        IFFWChunkClose(iw), IFFWDestroy(iw);
     const auto *p = static_cast<const uint8_t *>(w->impl);
     Bytes bytes(p, p + w->length);
     StrmWriteDestroy(w);
@@ -51,11 +46,7 @@ struct Source {
         else
             IFFInitLoadState(&state, reader = IFFRCreate(stream));
     }
-    ~Source()
-    {
-        IFFRDestroy(reader);
-        StrmReadDestroy(stream);
-    }
+    ~Source() { IFFRDestroy(reader), StrmReadDestroy(stream); }
 };
 
 TEST(EnvSaved, ByteExactEnvlImageAndTextForm)
