@@ -166,7 +166,6 @@ TEST(EnvLife, GroupsNamesCopiesAndModifiers)
     EXPECT_EQ(EnvGetGroup(copy), &group);
     EXPECT_STREQ(EnvName(copy), "Scale.Y");
     EXPECT_EQ(EnvGet(copy, ENV_ATTR_POST), 3.0);
-    EXPECT_EQ(KeyDump(copy), KeyDump(a));
     EXPECT_EQ(EnvCopyKeys(b, a), 1);
     EXPECT_EQ(KeyDump(b), KeyDump(a));
     EXPECT_EQ(EnvGet(b, ENV_ATTR_POST), 1.0) << "behaviours stay";
@@ -251,11 +250,7 @@ TEST(EnvOom, CreateAddKeyCopyAndCopyKeys)
         EXPECT_EQ(KeyList(env).size(), 5u);
         EXPECT_EQ(KeyList(other), (KeyTicks{{25200, 7.0}}));
     };
-    auto teardown = [&] {
-        EnvDestroy(made);
-        EnvDestroy(other);
-        EnvDestroy(env);
-    };
+    auto teardown = [&] { for (VxEnvelope *e : {made, other, env}) EnvDestroy(e); };
     vxtest::OomSweepAll({setup, [&] { return (made = EnvCreate(&group, 0, 1, nullptr)) != nullptr; }, unchanged, teardown});
     vxtest::OomSweepAll({setup, [&] { return EnvAddKey(env, 9.0, 1.0) != nullptr; }, unchanged, teardown});
     vxtest::OomSweepAll({setup, [&] { return (made = EnvCopy(env)) != nullptr; }, unchanged, teardown});
