@@ -222,10 +222,7 @@ TEST(EnvSaved, TruncationAndExhaustionLeaveTheEnvelope)
             EXPECT_EQ(KeyList(target), (KeyTicks{{32400, 9.0}}));
             EXPECT_STREQ(EnvName(target), "target");
         };
-        auto teardown = [&] {
-            EnvDestroy(target);
-            delete src;
-        };
+        auto teardown = [&] { EnvDestroy(target), delete src; };
         for (size_t cut = 0; cut < whole.size(); ++cut) {
             setup(cut);
             // Text cut before its brace is a whole block without a body: an empty envelope.
