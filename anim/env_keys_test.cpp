@@ -7,48 +7,46 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 namespace {
 
 using namespace envtest;
 constexpr uintptr_t kServer = 0x5E;
 
-using Heard = std::pair<int32_t, uintptr_t>;
-std::vector<Heard> g_heard;
+using Heard = std::vector<std::pair<int32_t, uintptr_t>>;
+Heard g_heard;
 
 void Listen(uintptr_t, uintptr_t, int32_t event, uintptr_t argument) { g_heard.push_back({event, argument}); }
+Heard Take() { return std::exchange(g_heard, {}); }
 uintptr_t A(const void *p) { return reinterpret_cast<uintptr_t>(p); }
 
 // Notification codes per edit, the masks that select them, suspended tracking, and the
 // announcement of new envelopes on the global port.
 TEST(EnvNotify, CodesMasksAndSuspension)
 {
-    g_heard.clear();
     ASSERT_EQ(GlobalPortAttach(ENV_GLOBAL_PORT, 77, 0, Listen), 1);
     VxEnvelope *env = EnvCreate(nullptr, 0, 0, "observed");
-    EXPECT_EQ(g_heard, (std::vector<Heard>{{ENV_EVENT_CREATED, A(env)}}));
+    EXPECT_EQ(Take(), (Heard{{ENV_EVENT_CREATED, A(env)}}));
     GlobalPortDetach(ENV_GLOBAL_PORT, 77);
     VxPort *port = PortCreate(0, kServer, nullptr);
     EnvSetPort(env, port, kServer);
     PortAttach(port, 1, 2 | 16, Listen);
-    g_heard.clear();
     VxEnvKey *k = EnvAddKey(env, 1.0, 3.0);
     EXPECT_EQ(EnvAddKey(env, 1.0 + 0.2 * kTick, 4.0), k);  // same tick: the value is replaced
     EnvKeySetType(env, k, ENV_SHAPE_LINEAR);
     EnvDelKey(env, k);
-    EXPECT_EQ(g_heard, (std::vector<Heard>{{1, A(k)}, {1, A(k)}, {3, A(k)}, {3, A(k)}, {2, A(k)}}));
+    EXPECT_EQ(Take(), (Heard{{1, A(k)}, {1, A(k)}, {3, A(k)}, {3, A(k)}, {2, A(k)}}));
     PortSetEventMask(port, 1, 4);
-    g_heard.clear();
     int32_t pre = ENV_BEHAVIOR_REPEAT;
     double last = 2.5;
     EXPECT_EQ(EnvSet(env, ENV_ATTR_PRE, &pre), 1);
     EXPECT_EQ(EnvSet(env, ENV_ATTR_LAST_VALUE, &last), 1);
     EXPECT_EQ(EnvSet(env, ENV_ATTR_TOUCH, nullptr), 1);
     EXPECT_EQ(EnvSet(env, 7, &pre), 0);
-    EXPECT_EQ(g_heard, (std::vector<Heard>{{5, 0}, {5, 0}, {5, 0}}));
+    EXPECT_EQ(Take(), (Heard{{5, 0}, {5, 0}, {5, 0}}));
     EXPECT_EQ(EnvGet(env, ENV_ATTR_CHANGE_STAMP), 4.0);
     PortSetEventMask(port, 1, 0);
-    g_heard.clear();
     EnvTrackSuspend(env);
     EnvAddKey(env, 0.0, 1.0);
     EnvAddKey(env, 0.0, 2.0);
@@ -56,10 +54,10 @@ TEST(EnvNotify, CodesMasksAndSuspension)
     EXPECT_TRUE(g_heard.empty());
     EXPECT_EQ(EnvGet(env, ENV_ATTR_TRACKING), -3.0);
     EXPECT_EQ(EnvTrackResume(env), 1);
-    EXPECT_EQ(g_heard, (std::vector<Heard>{{5, 0}}));
+    EXPECT_EQ(Take(), (Heard{{5, 0}}));
     EnvTrackSuspend(env);
     EXPECT_EQ(EnvTrackResume(env), 0);  // nothing suppressed: nothing sent
-    EXPECT_EQ(g_heard.size(), 1u);
+    EXPECT_TRUE(g_heard.empty());
     EnvDestroy(env);
     PortDestroy(port);
 }
