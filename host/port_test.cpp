@@ -1,5 +1,5 @@
-// Ports: delivery rules, the attach function, destroys and detaches during a walk, the named
-// lists, out-of-memory failures, and re-entrant use checked against a model.
+// Ports: delivery, the attach function, destroys during a walk, named lists, out of memory, and
+// re-entrant use against a model.
 #include <vxtools3/ckpt.h>
 #include <vxtools3/lists.h>
 #include <vxtools3/ports.h>
@@ -15,13 +15,9 @@
 #include <map>
 #include <random>
 #include <set>
-#include <utility>
 #include <vector>
 
-using vx::port::FindGlobal;
-using vx::port::FindPublic;
-using vx::port::NamedCount;
-using vx::port::RecordCount;
+using namespace vx::port;
 using vxtest::FaultAllocator;
 
 namespace {
@@ -46,20 +42,15 @@ void Record(uintptr_t key, uintptr_t data, int32_t event, uintptr_t argument)
         it->second();
 }
 
-Keys LoggedKeys()
+// Notifies and returns the keys that heard it.
+Keys Heard(VxPort *port, uintptr_t server, uint32_t mask = 0)
 {
+    g_log.clear();
+    PortNotify(port, server, 0, 9, mask, 123);
     Keys keys;
     for (const Delivery &d : g_log)
         keys.push_back(d.key);
     return keys;
-}
-
-// Notifies and returns the keys that heard it.
-Keys Heard(VxPort *port, uintptr_t server, uintptr_t key = 0, uint32_t mask = 0)
-{
-    g_log.clear();
-    PortNotify(port, server, key, 9, mask, 123);
-    return LoggedKeys();
 }
 
 struct AttachCall {
@@ -82,11 +73,7 @@ void OnAttach(uintptr_t server, uintptr_t data, int32_t mode, uintptr_t x)
 class PortTest : public ::testing::Test {
 protected:
     void SetUp() override { Reset(); }
-    void TearDown() override
-    {
-        Reset();
-        EXPECT_EQ(CkptLevel(), -1);
-    }
+    void TearDown() override { Reset(); EXPECT_EQ(CkptLevel(), -1); }
     static void Reset()
     {
         GlobalListCleanup();
@@ -99,23 +86,19 @@ protected:
 
 constexpr uintptr_t kServer = 0x5e4;
 
-// Masks, key filters and disables are the random model's; here the server rule and the
-// delivered words.
+// Masks, key filters and disables are the random model's; here the server rule and the words.
 TEST_F(PortTest, DeliveryFollowsTheServerAndMask)
 {
     VxPort *port = PortCreate(77, kServer, nullptr);
-    ASSERT_NE(port, nullptr);
-    EXPECT_EQ(PortAttach(port, 1, 0, Record), 1);  // all events
-    EXPECT_EQ(PortAttach(port, 2, 0x2, Record), 1);
-    EXPECT_EQ(Heard(port, kServer + 1), Keys{});  // wrong server
-    EXPECT_EQ(Heard(port, kServer, 0, 0x4), Keys{1});
+    EXPECT_EQ(PortAttach(port, 1, 0, Record) + PortAttach(port, 2, 0x2, Record), 2);
+    EXPECT_EQ(Heard(port, kServer + 1), Keys{});
+    EXPECT_EQ(Heard(port, kServer, 0x4), Keys{1});
     EXPECT_EQ(g_log, (std::vector<Delivery>{{1, 77, 9, 123}}));
     PortSetServer(port, 0, 99);  // disowned: only server 0 reaches it
     EXPECT_EQ(Heard(port, kServer), Keys{});
     EXPECT_EQ(Heard(port, 0), (Keys{1, 2}));
     PortSetServer(port, 1, 99);
-    EXPECT_EQ(Heard(port, 0), Keys{});
-    EXPECT_EQ(Heard(nullptr, 0), Keys{});
+    EXPECT_EQ(Heard(port, 0).size() + Heard(nullptr, 0).size(), 0u);
     EXPECT_EQ(Heard(port, 99), (Keys{1, 2}));
     PortDestroy(port);
 }
@@ -128,8 +111,7 @@ TEST_F(PortTest, AttachFunctionCallsAndLateOwners)
     PortAttach(port, 7, 0, Record);
     PortAttach(port, 8, 0, Record);
     PortDetach(port, 7);
-    PortDetach(port, 7);   // gone: nothing
-    PortDetach(port, 55);  // never there: nothing
+    PortDetach(port, 7), PortDetach(port, 55);  // gone, never there: nothing
     EXPECT_EQ(g_attachCalls, (std::vector<AttachCall>{{kServer, 42, PORT_ATTACH, 7},
                                                       {kServer, 42, PORT_ATTACH, 8},
                                                       {kServer, 42, PORT_DETACH, 7}}));
@@ -138,8 +120,7 @@ TEST_F(PortTest, AttachFunctionCallsAndLateOwners)
     EXPECT_EQ(g_attachCalls.size(), 3u) << "destroying announces nothing";
     g_attachCalls.clear();
 
-    EXPECT_EQ(GlobalPortAttach("application-events", 11, 0, Record), 1);
-    EXPECT_EQ(GlobalPortAttach("application-events", 12, 0x4, Record), 1);
+    GlobalPortAttach("application-events", 11, 0, Record), GlobalPortAttach("application-events", 12, 0x4, Record);
     EXPECT_EQ(GlobalPortAttach("plugin-database", 13, 0, Record), 1);
     g_xIsRecordOnAttach = true;
     port = GlobalPortAcquire("application-events", 5, kServer, OnAttach);
@@ -183,10 +164,8 @@ TEST_F(PortTest, DestroyAndGlobalDetachInsideTheirOwnNotification)
     };
     EXPECT_EQ(Heard(port, kServer), (Keys{1, 2})) << "no delivery after the destroy";
     EXPECT_EQ(heap.LiveBytes(), 0u);
-
     g_react.clear();
-    GlobalPortAttach("ev", 1, 0, Record);
-    GlobalPortAttach("ev", 2, 0, Record);
+    GlobalPortAttach("ev", 1, 0, Record), GlobalPortAttach("ev", 2, 0, Record);
     g_react[1] = [] {
         GlobalPortDetach("ev", 1);
         GlobalPortDetach("ev", 2);
@@ -206,12 +185,10 @@ TEST_F(PortTest, PublicPortsLiveWhileTheyHaveClients)
 {
     PublicPortNotify("nobody", 1, 0, 0);
     EXPECT_EQ(NamedCount(true), 0) << "notifying an unknown name creates nothing";
-    EXPECT_EQ(PublicPortAttach("scene", 1, 0, Record), 1);
-    EXPECT_EQ(PublicPortAttach("scene", 2, 0x2, Record), 1);
+    EXPECT_EQ(PublicPortAttach("scene", 1, 0, Record) + PublicPortAttach("scene", 2, 0x2, Record), 2);
     EXPECT_EQ(GlobalPortAttach("scene", 3, 0, Record), 1);  // a separate list
     VxPort *pub = FindPublic("scene");
-    ASSERT_NE(pub, nullptr);
-    EXPECT_NE(pub, FindGlobal("scene"));
+    ASSERT_TRUE(pub && pub != FindGlobal("scene"));
     EXPECT_NE(vx::port::PortServer(pub), 0u);
     PublicPortNotify("scene", 6, 0x1, 4);
     EXPECT_EQ(g_log, (std::vector<Delivery>{{1, 0, 6, 4}}));
@@ -233,17 +210,13 @@ TEST_F(PortTest, NamesCompareByteForByteAndTheCleanupFreesEveryNamedPort)
     EXPECT_EQ(NamedCount(false), 3);
     EXPECT_EQ(RecordCount(FindGlobal("a\xff")), 2);
     EXPECT_EQ(RecordCount(FindGlobal("a")), 1);
-    EXPECT_EQ(GlobalPortAttach(nullptr, 1, 0, Record), 0);
-    EXPECT_EQ(PublicPortAttach(nullptr, 1, 0, Record), 0);
+    EXPECT_EQ(GlobalPortAttach(nullptr, 1, 0, Record) + PublicPortAttach(nullptr, 1, 0, Record), 0);
     EXPECT_EQ(GlobalPortAcquire(nullptr, 0, kServer, nullptr), nullptr);
-    GlobalPortDetach(nullptr, 1);
-    PublicPortNotify(nullptr, 0, 0, 0);
+    GlobalPortDetach(nullptr, 1), PublicPortNotify(nullptr, 0, 0, 0);
     EXPECT_EQ(NamedCount(false), 3);
-    GlobalPortAcquire("two", 0, kServer, nullptr);
-    PublicPortAttach("three", 1, 0, Record);
+    GlobalPortAcquire("two", 0, kServer, nullptr), PublicPortAttach("three", 1, 0, Record);
     GlobalListCleanup();
-    EXPECT_EQ(heap.LiveBytes(), 0u);
-    EXPECT_EQ(heap.BadFrees(), 0);
+    EXPECT_TRUE(heap.LiveBytes() == 0 && heap.BadFrees() == 0);
     EXPECT_EQ(NamedCount(false) + NamedCount(true), 0);
     EXPECT_EQ(GlobalPortAttach("one", 1, 0, Record), 1) << "usable again after the clean-up";
     GlobalListCleanup();
@@ -284,14 +257,10 @@ TEST_F(PortTest, OutOfMemoryCreateAttachAcquire)
     }
 }
 
-// ---- Randomized re-entrancy against a model ------------------------------------------------
-//
-// Two ports and six client keys. Callbacks run random operations (attach, detach, disable,
-// enable, mask changes and nested notifications of either port) up to four levels deep. The
-// model tracks which records each port holds (dead ones too, while walks run) and checks every
-// delivery: the client must be eligible at that moment, must have been on the list when the
-// notification began, must be reached in list order and only once; at the end of each
-// notification every client that stayed eligible throughout must have heard it exactly once.
+// Randomized re-entrancy: six keys; callbacks attach, detach, disable, enable, change masks and
+// notify again up to four levels deep. Every delivery must go to a client that is eligible, was
+// listed when the notification began, in list order, once; a client eligible throughout must
+// have heard it. The model keeps dead records while walks run.
 
 struct ModelClient {
     bool live = true;
@@ -299,15 +268,7 @@ struct ModelClient {
     int32_t disable = 0;
 };
 
-struct ModelPort {
-    VxPort *port = nullptr;
-    Keys order;                                // keys of the records, in list order
-    std::map<uintptr_t, ModelClient> clients;  // records by key
-    int depth = 0;
-};
-
 struct Frame {
-    int port;
     uintptr_t keyFilter;
     uint32_t mask;
     bool wrongServer;
@@ -322,28 +283,24 @@ public:
 
     void Run(int steps)
     {
-        for (int p = 0; p < 2; ++p) {
-            ports_[p].port = PortCreate(static_cast<uintptr_t>(p), kServer, p == 0 ? CountAttach : nullptr);
-            ASSERT_NE(ports_[p].port, nullptr);
-        }
+        port_ = PortCreate(kData, kServer, CountAttach);
+        ASSERT_NE(port_, nullptr);
         for (int i = 0; i < steps && !::testing::Test::HasFailure(); ++i)
             RandomOperation(0);
-        for (ModelPort &mp : ports_) {
-            EXPECT_EQ(RecordCount(mp.port), static_cast<int32_t>(mp.order.size()));
-            PortDestroy(mp.port);
-        }
+        EXPECT_EQ(RecordCount(port_), static_cast<int32_t>(order_.size()));
+        PortDestroy(port_);
         EXPECT_EQ(expectedCalls_[PORT_ATTACH], seenCalls_[PORT_ATTACH]);
         EXPECT_EQ(expectedCalls_[PORT_DETACH], seenCalls_[PORT_DETACH]);
     }
 
 private:
     static constexpr int kMaxNesting = 4;
+    static constexpr uintptr_t kData = 0x3d;
 
     int Pick(int n) { return std::uniform_int_distribution<int>(0, n - 1)(rng_); }
     uintptr_t PickKey() { return static_cast<uintptr_t>(1 + Pick(6)); }
     uint32_t PickMask() { return Pick(3) == 0 ? 0 : 1u << Pick(4); }
 
-    // The attach function of port 0.
     static void CountAttach(uintptr_t, uintptr_t, int32_t mode, uintptr_t x)
     {
         ++self_->seenCalls_[mode];
@@ -353,10 +310,10 @@ private:
 
     static void OnDelivery(uintptr_t key, uintptr_t portData, int32_t, uintptr_t) { self_->Deliver(key, portData); }
 
-    static bool Eligible(const ModelPort &mp, const Frame &f, uintptr_t key)
+    bool Eligible(const Frame &f, uintptr_t key) const
     {
-        auto it = mp.clients.find(key);
-        if (it == mp.clients.end() || !it->second.live || it->second.disable)
+        auto it = clients_.find(key);
+        if (it == clients_.end() || !it->second.live || it->second.disable)
             return false;
         const uint32_t clientMask = it->second.mask ? it->second.mask : 0xFFFFFFFFu;
         return (!f.keyFilter || f.keyFilter == key) && (clientMask & f.mask);
@@ -367,12 +324,11 @@ private:
         ASSERT_FALSE(frames_.empty()) << "delivery outside any notification";
         Frame &f = frames_.back();
         ASSERT_FALSE(f.wrongServer) << "delivery for a notification naming the wrong server";
-        ASSERT_EQ(portData, static_cast<uintptr_t>(f.port));
-        const ModelPort &mp = ports_[f.port];
-        EXPECT_TRUE(Eligible(mp, f, key)) << "key " << key << " was not eligible";
+        ASSERT_EQ(portData, kData);
+        EXPECT_TRUE(Eligible(f, key)) << "key " << key << " was not eligible";
         EXPECT_TRUE(f.present.count(key)) << "key " << key << " attached after the notification began";
         EXPECT_TRUE(f.delivered.insert(key).second) << "key " << key << " heard it twice";
-        const int position = static_cast<int>(std::find(mp.order.begin(), mp.order.end(), key) - mp.order.begin());
+        const int position = static_cast<int>(std::find(order_.begin(), order_.end(), key) - order_.begin());
         EXPECT_GT(position, f.lastPosition) << "out of list order";
         f.lastPosition = position;
         if (static_cast<int>(frames_.size()) < kMaxNesting && Pick(2) == 0)
@@ -380,97 +336,86 @@ private:
     }
 
     // A change to the client during a notification: whether it hears it is not decided.
-    void Spoil(int p, uintptr_t key)
+    void Spoil(uintptr_t key)
     {
         for (Frame &f : frames_)
-            if (f.port == p)
-                f.spoiled.insert(key);
+            f.spoiled.insert(key);
     }
 
-    ModelClient *LiveClient(ModelPort &mp, uintptr_t key)
+    ModelClient *LiveClient(uintptr_t key)
     {
-        auto it = mp.clients.find(key);
-        return it != mp.clients.end() && it->second.live ? &it->second : nullptr;
+        auto it = clients_.find(key);
+        return it != clients_.end() && it->second.live ? &it->second : nullptr;
     }
 
     void RandomOperation(int nesting)
     {
-        const int p = nesting && Pick(4) ? frames_.back().port : Pick(2);  // mostly the port notifying
-        ModelPort &mp = ports_[p];
         const uintptr_t key = PickKey();
         switch (Pick(nesting ? 7 : 5)) {
-        case 0: Attach(p, key); break;
-        case 5: Attach(p, lastDetached_ ? lastDetached_ : key); break;  // often a revival
+        case 0: Attach(key); break;
+        case 5: Attach(lastDetached_ ? lastDetached_ : key); break;  // often a revival
         case 1:
-        case 6: Detach(p, key); break;
+        case 6: Detach(key); break;
         case 2: {
             const bool enable = Pick(2) == 0;
-            (enable ? PortEnable : PortDisable)(mp.port, key);
-            if (ModelClient *c = LiveClient(mp, key))
+            (enable ? PortEnable : PortDisable)(port_, key);
+            if (ModelClient *c = LiveClient(key))
                 c->disable = enable ? std::max(c->disable - 1, 0) : c->disable + 1;
-            Spoil(p, key);
+            Spoil(key);
             break;
         }
         case 3: {
             const uint32_t mask = PickMask();
-            PortSetEventMask(mp.port, key, mask);
-            if (ModelClient *c = LiveClient(mp, key))
+            PortSetEventMask(port_, key, mask);
+            if (ModelClient *c = LiveClient(key))
                 c->mask = mask;
-            Spoil(p, key);
+            Spoil(key);
             break;
         }
-        default: Notify(p); break;
+        default: Notify(); break;
         }
-        ASSERT_EQ(RecordCount(mp.port), static_cast<int32_t>(mp.order.size())) << "records differ from the model";
+        ASSERT_EQ(RecordCount(port_), static_cast<int32_t>(order_.size())) << "records differ from the model";
     }
 
-    void Attach(int p, uintptr_t key)
+    void Attach(uintptr_t key)
     {
-        ModelPort &mp = ports_[p];
         const uint32_t mask = PickMask();
-        const int expected = mp.clients.count(key) ? -1 : 1;
-        if (expected == 1) {
-            mp.order.push_back(key);
-            expectedCalls_[PORT_ATTACH] += p == 0;
-        }
-        mp.clients[key] = ModelClient{true, mask, 0};
-        Spoil(p, key);
-        EXPECT_EQ(PortAttach(mp.port, key, mask, OnDelivery), expected);
+        const int expected = clients_.count(key) ? -1 : 1;
+        if (expected == 1)
+            order_.push_back(key), ++expectedCalls_[PORT_ATTACH];
+        clients_[key] = ModelClient{true, mask, 0};
+        Spoil(key);
+        EXPECT_EQ(PortAttach(port_, key, mask, OnDelivery), expected);
     }
 
-    void Detach(int p, uintptr_t key)
+    void Detach(uintptr_t key)
     {
-        ModelPort &mp = ports_[p];
-        if (ModelClient *c = LiveClient(mp, key)) {
+        if (ModelClient *c = LiveClient(key)) {
             c->live = false;
-            expectedCalls_[PORT_DETACH] += p == 0;
-            if (mp.depth == 0) {
-                mp.clients.erase(key);
-                mp.order.erase(std::find(mp.order.begin(), mp.order.end(), key));
-            }
+            ++expectedCalls_[PORT_DETACH];
+            if (walking_ == 0)
+                clients_.erase(key), order_.erase(std::find(order_.begin(), order_.end(), key));
         }
-        Spoil(p, key);
+        Spoil(key);
         lastDetached_ = detachingKey_ = key;
-        PortDetach(mp.port, key);
+        PortDetach(port_, key);
     }
 
-    void Notify(int p)
+    void Notify()
     {
-        ModelPort &mp = ports_[p];
         Frame f;
-        f.port = p;
         f.keyFilter = Pick(4) == 0 ? PickKey() : 0;
         const uint32_t mask = PickMask();
         f.mask = mask ? mask : 0xFFFFFFFFu;
         f.wrongServer = Pick(8) == 0;
-        for (uintptr_t key : mp.order) {
+        for (uintptr_t key : order_) {
             f.present.insert(key);
-            if (Eligible(mp, f, key))
+            if (Eligible(f, key))
                 f.eligibleAtStart.insert(key);
         }
         frames_.push_back(f);
-        mp.depth += !f.wrongServer;
-        PortNotify(mp.port, f.wrongServer ? kServer + 1 : kServer, f.keyFilter, 0, mask, 0);
+        walking_ += !f.wrongServer;
+        PortNotify(port_, f.wrongServer ? kServer + 1 : kServer, f.keyFilter, 0, mask, 0);
         const Frame done = frames_.back();
         frames_.pop_back();
         if (f.wrongServer) {
@@ -480,17 +425,20 @@ private:
         for (uintptr_t key : done.eligibleAtStart)
             EXPECT_TRUE(done.spoiled.count(key) || done.delivered.count(key))
                 << "key " << key << " stayed eligible but heard nothing";
-        if (--mp.depth == 0) {  // the dead records are reclaimed
-            std::erase_if(mp.order, [&](uintptr_t key) { return !mp.clients[key].live; });
-            std::erase_if(mp.clients, [](const auto &entry) { return !entry.second.live; });
+        if (--walking_ == 0) {  // the dead records are reclaimed
+            std::erase_if(order_, [&](uintptr_t key) { return !clients_[key].live; });
+            std::erase_if(clients_, [](const auto &entry) { return !entry.second.live; });
         }
     }
 
     static inline ReentrancyModel *self_ = nullptr;
     std::mt19937 rng_;
-    ModelPort ports_[2];
+    VxPort *port_ = nullptr;
+    Keys order_;                                // keys of the records, in list order
+    std::map<uintptr_t, ModelClient> clients_;  // records by key, dead ones too while walks run
     std::vector<Frame> frames_;
-    int expectedCalls_[2] = {0, 0};  // by mode, of port 0's attach function
+    int walking_ = 0;                // notifications of the right server under way
+    int expectedCalls_[2] = {0, 0};  // by mode, of the attach function
     int seenCalls_[2] = {0, 0};
     uintptr_t detachingKey_ = 0;
     uintptr_t lastDetached_ = 0;
