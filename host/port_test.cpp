@@ -15,6 +15,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <tuple>
 #include <vector>
 
 using namespace vx::port;
@@ -24,20 +25,15 @@ namespace {
 
 using Keys = std::vector<uintptr_t>;
 
-struct Delivery {
-    uintptr_t key;
-    uintptr_t data;
-    int32_t event;
-    uintptr_t argument;
-    bool operator==(const Delivery &) const = default;
-};
-
-std::vector<Delivery> g_log;
+// A delivery (key, data, event, argument) or an attach-function call (server, data, mode, key).
+using Call = std::tuple<uintptr_t, uintptr_t, int32_t, uintptr_t>;
+using Calls = std::vector<Call>;
+Calls g_log;
 std::map<uintptr_t, std::function<void()>> g_react;  // run inside the callback of that key
 
 void Record(uintptr_t key, uintptr_t data, int32_t event, uintptr_t argument)
 {
-    g_log.push_back({key, data, event, argument});
+    g_log.emplace_back(key, data, event, argument);
     if (auto it = g_react.find(key); it != g_react.end())
         it->second();
 }
@@ -48,26 +44,19 @@ Keys Heard(VxPort *port, uintptr_t server, uint32_t mask = 0)
     g_log.clear();
     PortNotify(port, server, 0, 9, mask, 123);
     Keys keys;
-    for (const Delivery &d : g_log)
-        keys.push_back(d.key);
+    for (const Call &d : g_log)
+        keys.push_back(std::get<0>(d));
     return keys;
 }
 
-struct AttachCall {
-    uintptr_t server;
-    uintptr_t data;
-    int32_t mode;
-    uintptr_t key;  // read from the record when x is one
-    bool operator==(const AttachCall &) const = default;
-};
-std::vector<AttachCall> g_attachCalls;
+Calls g_attachCalls;  // the key read from the record when x is one
 bool g_xIsRecordOnAttach = false;  // set while GlobalPortAcquire announces earlier clients
 
 void OnAttach(uintptr_t server, uintptr_t data, int32_t mode, uintptr_t x)
 {
     const bool record = mode == PORT_DETACH || g_xIsRecordOnAttach;
     const uintptr_t key = record ? reinterpret_cast<const VxPortAttachment *>(x)->clientKey : x;
-    g_attachCalls.push_back({server, data, mode, key});
+    g_attachCalls.emplace_back(server, data, mode, key);
 }
 
 class PortTest : public ::testing::Test {
@@ -76,10 +65,7 @@ protected:
     void TearDown() override { Reset(); EXPECT_EQ(CkptLevel(), -1); }
     static void Reset()
     {
-        GlobalListCleanup();
-        g_log.clear();
-        g_react.clear();
-        g_attachCalls.clear();
+        GlobalListCleanup(), g_log.clear(), g_react.clear(), g_attachCalls.clear();
         g_xIsRecordOnAttach = false;
     }
 };
@@ -93,7 +79,7 @@ TEST_F(PortTest, DeliveryFollowsTheServerAndMask)
     EXPECT_EQ(PortAttach(port, 1, 0, Record) + PortAttach(port, 2, 0x2, Record), 2);
     EXPECT_EQ(Heard(port, kServer + 1), Keys{});
     EXPECT_EQ(Heard(port, kServer, 0x4), Keys{1});
-    EXPECT_EQ(g_log, (std::vector<Delivery>{{1, 77, 9, 123}}));
+    EXPECT_EQ(g_log, (Calls{{1, 77, 9, 123}}));
     PortSetServer(port, 0, 99);  // disowned: only server 0 reaches it
     EXPECT_EQ(Heard(port, kServer), Keys{});
     EXPECT_EQ(Heard(port, 0), (Keys{1, 2}));
@@ -109,7 +95,7 @@ TEST_F(PortTest, AttachFunctionCallsAndLateOwners)
 {
     VxPort *port = PortCreate(42, kServer, OnAttach);
     PortAttach(port, 7, 0, Record), PortDetach(port, 7);
-    EXPECT_EQ(g_attachCalls, (std::vector<AttachCall>{{kServer, 42, PORT_ATTACH, 7}, {kServer, 42, PORT_DETACH, 7}}));
+    EXPECT_EQ(g_attachCalls, (Calls{{kServer, 42, PORT_ATTACH, 7}, {kServer, 42, PORT_DETACH, 7}}));
     PortDestroy(port);
     g_attachCalls.clear();
     GlobalPortAttach("application-events", 11, 0, Record), GlobalPortAttach("application-events", 12, 0x4, Record);
@@ -120,11 +106,11 @@ TEST_F(PortTest, AttachFunctionCallsAndLateOwners)
     ASSERT_NE(port, nullptr);
     EXPECT_EQ(port, FindGlobal("application-events"));
     EXPECT_EQ(GlobalPortAttach("application-events", 14, 0, Record), 1);
-    EXPECT_EQ(g_attachCalls, (std::vector<AttachCall>{{kServer, 5, PORT_ATTACH, 11},
+    EXPECT_EQ(g_attachCalls, (Calls{{kServer, 5, PORT_ATTACH, 11},
                                                       {kServer, 5, PORT_ATTACH, 12},
                                                       {kServer, 5, PORT_ATTACH, 14}}));
     PortNotify(port, kServer, 0, 3, 0x1, 8);
-    EXPECT_EQ(g_log, (std::vector<Delivery>{{11, 5, 3, 8}, {14, 5, 3, 8}}));
+    EXPECT_EQ(g_log, (Calls{{11, 5, 3, 8}, {14, 5, 3, 8}}));
 
     for (uintptr_t key : {11, 12, 14})
         GlobalPortDetach("application-events", key);
@@ -149,8 +135,7 @@ TEST_F(PortTest, DestroyAndGlobalDetachInsideTheirOwnNotification)
         PortAttach(port, key, 0, Record);
     g_react[1] = [&] { PortNotify(port, kServer, 2, 0, 0, 0); };
     g_react[2] = [&] {
-        PortDestroy(port);
-        PortDestroy(port);  // a second destroy during the walk is harmless
+        PortDestroy(port), PortDestroy(port);  // a second destroy during the walk is harmless
         EXPECT_EQ(PortAttach(port, 9, 0, Record), 0);
         PortNotify(port, kServer, 0, 0, 0, 0);
     };
@@ -159,18 +144,14 @@ TEST_F(PortTest, DestroyAndGlobalDetachInsideTheirOwnNotification)
     g_react.clear();
     GlobalPortAttach("ev", 1, 0, Record), GlobalPortAttach("ev", 2, 0, Record);
     g_react[1] = [] {
-        GlobalPortDetach("ev", 1);
-        GlobalPortDetach("ev", 2);
+        GlobalPortDetach("ev", 1), GlobalPortDetach("ev", 2);
         EXPECT_EQ(FindGlobal("ev"), nullptr) << "unlinked at once";
         EXPECT_EQ(GlobalPortAttach("ev", 3, 0, Record), 1) << "the name makes a fresh port";
     };
     EXPECT_EQ(Heard(FindGlobal("ev"), 0), Keys{1});
-    ASSERT_NE(FindGlobal("ev"), nullptr);
-    EXPECT_EQ(RecordCount(FindGlobal("ev")), 1);
-    GlobalPortDetach("ev", 3);
-    GlobalListCleanup();  // frees the clean-up registration; a leaked old port would remain
-    EXPECT_EQ(heap.LiveBytes(), 0u) << "the old port was freed after its walk";
-    EXPECT_EQ(heap.BadFrees(), 0);
+    ASSERT_TRUE(FindGlobal("ev") && RecordCount(FindGlobal("ev")) == 1);
+    GlobalPortDetach("ev", 3), GlobalListCleanup();  // frees the clean-up registration; a leaked port would remain
+    EXPECT_TRUE(heap.LiveBytes() == 0 && heap.BadFrees() == 0) << "the old port was freed after its walk";
 }
 
 TEST_F(PortTest, PublicPortsLiveWhileTheyHaveClients)
@@ -180,16 +161,13 @@ TEST_F(PortTest, PublicPortsLiveWhileTheyHaveClients)
     EXPECT_EQ(PublicPortAttach("scene", 1, 0, Record) + PublicPortAttach("scene", 2, 0x2, Record), 2);
     EXPECT_EQ(GlobalPortAttach("scene", 3, 0, Record), 1);  // a separate list
     VxPort *pub = FindPublic("scene");
-    ASSERT_TRUE(pub && pub != FindGlobal("scene"));
-    EXPECT_NE(vx::port::PortServer(pub), 0u);
+    ASSERT_TRUE(pub && pub != FindGlobal("scene") && PortServer(pub) != 0);
     PublicPortNotify("scene", 6, 0x1, 4);
-    EXPECT_EQ(g_log, (std::vector<Delivery>{{1, 0, 6, 4}}));
+    EXPECT_EQ(g_log, (Calls{{1, 0, 6, 4}}));
     EXPECT_EQ(Heard(pub, 0), Keys{}) << "the public identity is its server";
-    PublicPortDetach("scene", 1);
-    EXPECT_EQ(FindPublic("scene"), pub);
+    EXPECT_EQ((PublicPortDetach("scene", 1), FindPublic("scene")), pub);
     PublicPortDetach("scene", 2);
-    EXPECT_EQ(FindPublic("scene"), nullptr);
-    EXPECT_NE(FindGlobal("scene"), nullptr);
+    EXPECT_TRUE(!FindPublic("scene") && FindGlobal("scene"));
 }
 
 TEST_F(PortTest, NamesCompareByteForByteAndTheCleanupFreesEveryNamedPort)
@@ -202,8 +180,8 @@ TEST_F(PortTest, NamesCompareByteForByteAndTheCleanupFreesEveryNamedPort)
     EXPECT_EQ(NamedCount(false), 3);
     EXPECT_EQ(RecordCount(FindGlobal("a\xff")), 2);
     EXPECT_EQ(RecordCount(FindGlobal("a")), 1);
-    EXPECT_EQ(GlobalPortAttach(nullptr, 1, 0, Record) + PublicPortAttach(nullptr, 1, 0, Record), 0);
-    EXPECT_EQ(GlobalPortAcquire(nullptr, 0, kServer, nullptr), nullptr);
+    EXPECT_EQ(GlobalPortAttach(nullptr, 1, 0, Record) + PublicPortAttach(nullptr, 1, 0, Record) +
+                  (GlobalPortAcquire(nullptr, 0, kServer, nullptr) != nullptr), 0);
     GlobalPortDetach(nullptr, 1), PublicPortNotify(nullptr, 0, 0, 0);
     EXPECT_EQ(NamedCount(false), 3);
     GlobalPortAcquire("two", 0, kServer, nullptr), PublicPortAttach("three", 1, 0, Record);
@@ -211,16 +189,14 @@ TEST_F(PortTest, NamesCompareByteForByteAndTheCleanupFreesEveryNamedPort)
     EXPECT_TRUE(heap.LiveBytes() == 0 && heap.BadFrees() == 0);
     EXPECT_EQ(NamedCount(false) + NamedCount(true), 0);
     EXPECT_EQ(GlobalPortAttach("one", 1, 0, Record), 1) << "usable again after the clean-up";
-    GlobalListCleanup();
-    EXPECT_EQ(heap.LiveBytes(), 0u);
+    EXPECT_EQ((GlobalListCleanup(), heap.LiveBytes()), 0u);
 }
 
 // Every call that allocates; the named lists and their clean-up registration exist before
 // the sweeps start, so that each run measures the call alone.
 TEST_F(PortTest, OutOfMemoryCreateAttachAcquire)
 {
-    GlobalPortAttach("warm", 1, 0, Record);
-    PublicPortAttach("warm", 1, 0, Record);
+    GlobalPortAttach("warm", 1, 0, Record), PublicPortAttach("warm", 1, 0, Record);
     VxPort *port = nullptr;
     const auto world = [&] {  // what a failed call must leave as it was
         std::string text = std::to_string(NamedCount(false)) + std::to_string(NamedCount(true));
@@ -237,14 +213,12 @@ TEST_F(PortTest, OutOfMemoryCreateAttachAcquire)
         {[&] { port = nullptr; }, [] { return GlobalPortAcquire("owned", 1, kServer, nullptr) != nullptr; }},
         {[&] { port = nullptr; }, [] { return PublicPortAttach("fresh", 2, 0, Record) == 1; }},
     };
-    for (const auto &[setup, run] : cases) {
+    for (const auto &oomCase : cases) {
         std::string before;
-        vxtest::OomSweepAll({[&] { setup(), before = world(); }, run, [&] { EXPECT_EQ(world(), before); },
+        vxtest::OomSweepAll({[&] { oomCase.first(), before = world(); }, oomCase.second, [&] { EXPECT_EQ(world(), before); },
                              [&] {
-                                 PortDestroy(port);
+                                 PortDestroy(port), PortDestroy(FindGlobal("owned")), PublicPortDetach("fresh", 2);
                                  GlobalPortDetach("fresh", 2), GlobalPortDetach("warm", 2);
-                                 PublicPortDetach("fresh", 2);
-                                 PortDestroy(FindGlobal("owned"));
                              }});
     }
 }
@@ -263,7 +237,6 @@ struct ModelClient {
 struct Frame {
     uintptr_t keyFilter;
     uint32_t mask;
-    bool wrongServer;
     std::set<uintptr_t> present, eligibleAtStart, delivered, spoiled;
     int lastPosition = -1;
 };
@@ -281,12 +254,10 @@ public:
             RandomOperation(0);
         EXPECT_EQ(RecordCount(port_), static_cast<int32_t>(order_.size()));
         PortDestroy(port_);
-        EXPECT_EQ(expectedCalls_[PORT_ATTACH], seenCalls_[PORT_ATTACH]);
-        EXPECT_EQ(expectedCalls_[PORT_DETACH], seenCalls_[PORT_DETACH]);
+        EXPECT_EQ(expectedCalls_, seenCalls_);
     }
 
 private:
-    static constexpr int kMaxNesting = 4;
     static constexpr uintptr_t kData = 0x3d;
 
     int Pick(int n) { return std::uniform_int_distribution<int>(0, n - 1)(rng_); }
@@ -315,7 +286,6 @@ private:
     {
         ASSERT_FALSE(frames_.empty()) << "delivery outside any notification";
         Frame &f = frames_.back();
-        ASSERT_FALSE(f.wrongServer) << "delivery for a notification naming the wrong server";
         ASSERT_EQ(portData, kData);
         EXPECT_TRUE(Eligible(f, key)) << "key " << key << " was not eligible";
         EXPECT_TRUE(f.present.count(key)) << "key " << key << " attached after the notification began";
@@ -323,16 +293,12 @@ private:
         const int position = static_cast<int>(std::find(order_.begin(), order_.end(), key) - order_.begin());
         EXPECT_GT(position, f.lastPosition) << "out of list order";
         f.lastPosition = position;
-        if (static_cast<int>(frames_.size()) < kMaxNesting && Pick(2) == 0)
+        if (frames_.size() < 4 && Pick(2) == 0)
             RandomOperation(static_cast<int>(frames_.size()));
     }
 
     // A change to the client during a notification: whether it hears it is not decided.
-    void Spoil(uintptr_t key)
-    {
-        for (Frame &f : frames_)
-            f.spoiled.insert(key);
-    }
+    void Spoil(uintptr_t key) { std::for_each(frames_.begin(), frames_.end(), [&](Frame &f) { f.spoiled.insert(key); }); }
 
     ModelClient *LiveClient(uintptr_t key)
     {
@@ -399,21 +365,16 @@ private:
         f.keyFilter = Pick(4) == 0 ? PickKey() : 0;
         const uint32_t mask = PickMask();
         f.mask = mask ? mask : 0xFFFFFFFFu;
-        f.wrongServer = Pick(8) == 0;
         for (uintptr_t key : order_) {
             f.present.insert(key);
             if (Eligible(f, key))
                 f.eligibleAtStart.insert(key);
         }
         frames_.push_back(f);
-        walking_ += !f.wrongServer;
-        PortNotify(port_, f.wrongServer ? kServer + 1 : kServer, f.keyFilter, 0, mask, 0);
+        ++walking_;
+        PortNotify(port_, kServer, f.keyFilter, 0, mask, 0);
         const Frame done = frames_.back();
         frames_.pop_back();
-        if (f.wrongServer) {
-            EXPECT_TRUE(done.delivered.empty());
-            return;
-        }
         for (uintptr_t key : done.eligibleAtStart)
             EXPECT_TRUE(done.spoiled.count(key) || done.delivered.count(key))
                 << "key " << key << " stayed eligible but heard nothing";
@@ -429,9 +390,8 @@ private:
     Keys order_;                                // keys of the records, in list order
     std::map<uintptr_t, ModelClient> clients_;  // records by key, dead ones too while walks run
     std::vector<Frame> frames_;
-    int walking_ = 0;                // notifications of the right server under way
-    int expectedCalls_[2] = {0, 0};  // by mode, of the attach function
-    int seenCalls_[2] = {0, 0};
+    int walking_ = 0;                // notifications under way
+    std::vector<int> expectedCalls_{0, 0}, seenCalls_{0, 0};  // of the attach function, by mode
     uintptr_t detachingKey_ = 0;
     uintptr_t lastDetached_ = 0;
 };
