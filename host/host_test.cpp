@@ -419,6 +419,7 @@ TEST_F(HostTest, DatabaseRoundTripAndTheSaveEvent)
     std::remove(DbFile().c_str());
     // Written already: not again. The wrapping loader's module unloads after the one it loaded.
     EXPECT_FALSE((HostShutdown(), Exists(DbFile())));
+    EXPECT_EQ(Snapshot(), "") << "the teardown was not deferred";
 }
 
 TEST_F(HostTest, DatabaseReadRefreshesAndRemovesStaleServers)
