@@ -77,7 +77,13 @@ case "${1:-}" in
       mkdir -p "$corpus"
       seeds="fuzz/corpus/${name#fuzz_}"
       echo "== $name (${seconds}s)"
-      "$target" -max_total_time="$seconds" -print_final_stats=0 "$corpus" $( [ -d "$seeds" ] && echo "$seeds" ) 2>&1 | tail -n 3
+      log="build/fuzz/$name.log"
+      # A finding prints the sanitizer's report and the input; a clean run its last lines.
+      if ! "$target" -max_total_time="$seconds" -print_final_stats=0 "$corpus" $( [ -d "$seeds" ] && echo "$seeds" ) >"$log" 2>&1; then
+        grep -v '^#[0-9]' "$log" | tail -n 40
+        exit 1
+      fi
+      tail -n 3 "$log"
     done
     ;;
   bench)

@@ -5,6 +5,7 @@
 #include <vxtools3/ckpt.h>
 #include <vxtools3/memory.h>
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -191,7 +192,8 @@ void LoadSpan(VxLoadState *st, Loaded &l)
     case kBez2: k->shape = ENV_SHAPE_BEZIER2, count = 4; break;
     default: return;
     }
-    const int32_t got = count ? st->readFloats(st, f, count) : 0;
+    // A failed read reports -1; the values that did arrive are the ones kept.
+    const int32_t got = count ? std::max(st->readFloats(st, f, count), 0) : 0;
     for (int32_t i = 0; i < got; ++i)
         k->p[first + i] = f[i];
     if (l.unsorted)

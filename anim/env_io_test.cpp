@@ -204,6 +204,18 @@ TEST(EnvSaved, KeysLoadInAnyOrder)
     }
 }
 
+// A span whose numbers fail to read, after keys out of order, fails the load and leaves the
+// target as it was.
+TEST(EnvSaved, BadSpanNumbersAfterUnsortedKeysFail)
+{
+    const std::string text = "Envelope 0 {\nKey 2 1\nKey 1 0\nSpan 'TCB ' 0>25\n}\n";
+    Source src(Bytes(text.begin(), text.end()), true);
+    const Env env;
+    EnvAddKey(env, 9.0, 9.0);
+    EXPECT_EQ(EnvLoad(env, &src.state), 0);
+    EXPECT_EQ(KeyList(env), (KeyTicks{{32400, 9.0}}));
+}
+
 // Every cut of a saved envelope, and every allocation failing, leaves the target as it was.
 TEST(EnvSaved, TruncationAndExhaustionLeaveTheEnvelope)
 {
