@@ -11,8 +11,8 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 
-BUILD_PACKAGES="cmake ninja-build g++ pkg-config libpng-dev"
-TEST_PACKAGES="libgtest-dev libgmock-dev sox libxml2-utils"
+BUILD_PACKAGES="cmake ninja-build g++ pkg-config libpng-dev libjpeg62-turbo-dev libtiff-dev libstb-dev"
+TEST_PACKAGES="libgtest-dev libgmock-dev sox libxml2-utils imagemagick netpbm"
 CLANG_PACKAGES="clang-14 libclang-rt-14-dev"
 BENCH_PACKAGES="libbenchmark-dev libboost-dev libabsl-dev libopencv-imgproc-dev"
 

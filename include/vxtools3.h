@@ -17,6 +17,7 @@
 #include "vxtools3/image.h"
 #include "vxtools3/ports.h"
 #include "vxtools3/host.h"
+#include "vxtools3/imagefile.h"
 #include "vxtools3/undo.h"
 #include "vxtools3/config.h"
 #include "vxtools3/threads.h"

@@ -1,5 +1,7 @@
-// `vxtool image`: blur, resample, convolve and mipmap PNG files with the image operations.
-#include "png_io.h"
+// `vxtool image`: convert pictures between formats, show their headers, and blur, resample,
+// convolve and mipmap them with the image operations. Files are read and written by the image
+// loader and saver modules through the plug-in host.
+#include "image_io.h"
 #include "vxtool.h"
 
 #include <vxtools3/image.h>
@@ -16,11 +18,13 @@ namespace vxtool {
 namespace {
 
 constexpr const char *kHelp =
-    "usage: vxtool image <operation> IN.png OUT.png [options]\n"
-    "       vxtool image checker OUT.png [--width W] [--height H]\n"
-    "       vxtool image info IN.png...\n"
+    "usage: vxtool image <operation> IN OUT [options] [--saver NAME] [--quality Q]\n"
+    "       vxtool image convert IN OUT [--saver NAME] [--quality Q]\n"
+    "       vxtool image checker OUT [--width W] [--height H]\n"
+    "       vxtool image info IN...\n"
     "\n"
     "operations:\n"
+    "  convert   reads IN and writes it as OUT\n"
     "  blur      --taps N (1..9 for byte images, default 5) --sigma S (default 2)\n"
     "            [--sigma-v S] [--channels MASK (1 R, 2 G, 4 B, 8 A; default 15)]\n"
     "            Byte images come out a little brighter: the blur's fixed-point tables\n"
@@ -34,13 +38,18 @@ constexpr const char *kHelp =
     "            [--normalize]. The matrix is used as given, not divided by its sum: a\n"
     "            matrix of 1s brightens (all 1s in 3x3: nine times). --normalize divides it by\n"
     "            the sum of its numbers first (a zero sum is refused).\n"
-    "  mipmap    writes every level as OUT-<level>.png\n"
+    "  mipmap    writes every level as OUT-<level>.EXT\n"
     "  checker   writes a generated gradient and checker picture\n"
-    "  info      prints each file's size and the pixel type it is read as\n"
+    "  info      reads only each file's header: format, size, bit depth, colour type and\n"
+    "            the pixel type it is read as\n"
     "\n"
-    "Grey files are processed as grey bytes, colour files as RGB bytes, files with\n"
-    "transparency as RGBA bytes. Exit status: 0 done, 1 the operation or the write failed,\n"
-    "2 bad command line, 3 unreadable input.\n";
+    "Files: PNG, JPEG, TIFF, BMP, TGA, PSD and IFF ILBM are read (the loader is found by\n"
+    "content); OUT is written by the saver its extension names (.png .jpg .tif .bmp .tga\n"
+    ".psd .iff; the 32-bit saver when the picture has alpha) or by --saver, a server of\n"
+    "class ImageSaver such as 'VX_PNG32(.png)'. --quality 1..100 for JPEG. 8-bit files are\n"
+    "processed as bytes, 16-bit files as floats and written back with 16 bits where the\n"
+    "format can hold them; palettes stay palettes. Exit status: 0 done, 1 the operation or\n"
+    "the write failed, 2 bad command line, 3 unreadable input.\n";
 
 struct Options {
     std::string operation;
@@ -109,28 +118,40 @@ private:
     std::chrono::steady_clock::time_point start_;
 };
 
-// Reads a PNG file; null (after a message) when it cannot.
+// Bits per channel of the input, so that a write that keeps fewer can say so.
+int32_t g_inputDepth = 0;
+
+// Reads a picture file; null (after a message) when it cannot.
 VxImage *Read(const std::string &path)
 {
     if (ReportIfDirectory("image", path))
         return nullptr;
     std::string error;
-    VxImage *image = PngRead(path.c_str(), error);
+    ImageFileInfo info{};
+    VxImage *image = ReadImage(path, &info, error);
     if (!image)
-        std::fprintf(stderr, "vxtool image: %s: cannot read as PNG: %s\n", path.c_str(), error.c_str());
+        std::fprintf(stderr, "vxtool image: %s: cannot read: %s\n", path.c_str(), error.c_str());
+    g_inputDepth = info.bitDepth;
     return image;
 }
 
-int Write(const std::string &path, VxImage *image)
+int Write(const std::string &path, VxImage *image, const Options &o)
 {
     if (ReportIfDirectory("image", path))
         return kFailed;
     std::string error;
-    if (!PngWrite(path.c_str(), image, error)) {
+    auto saver = o.values.find("saver");
+    auto quality = o.values.find("quality");
+    if (!WriteImage(path, image, saver == o.values.end() ? "" : saver->second,
+                    quality == o.values.end() ? 0 : std::atoi(quality->second.c_str()), error)) {
         std::fprintf(stderr, "vxtool image: %s: cannot write: %s\n", path.c_str(), error.c_str());
         return kFailed;
     }
     std::printf("wrote %s (%dx%d)\n", path.c_str(), image->width, image->height);
+    ImageFileInfo written{};
+    if (ImageFileReadInfo(path.c_str(), &written, nullptr, 0) == IMAGEFILE_OK && written.bitDepth < g_inputDepth)
+        std::fprintf(stderr, "vxtool image: note: %s holds %d bits per channel; the input had %d\n", path.c_str(),
+                     written.bitDepth, g_inputDepth);
     return kOk;
 }
 
@@ -141,7 +162,7 @@ int Finish(VxImage *result, const Options &o, const char *what)
                      o.files[0].c_str(), what);
         return kFailed;
     }
-    const int status = Write(o.files[1], result);
+    const int status = Write(o.files[1], result, o);
     ImageDestroy(result);
     return status;
 }
@@ -241,25 +262,35 @@ int Mipmap(VxImage *in, const Options &o)
     }
     int status = kOk;
     for (int32_t i = 0; i < m->count && m->levels[i] && status == kOk; ++i)
-        status = Write(LevelPath(o.files[1], i), m->levels[i]);
+        status = Write(LevelPath(o.files[1], i), m->levels[i], o);
     MipmapDestroy(m);
     return status;
 }
 
-// Prints the size and pixel type of each file; kBadInput when any cannot be read.
+int Convert(VxImage *in, const Options &o) { return Write(o.files[1], in, o); }
+
+// Prints each file's header: format, size, bit depth, colour type and the pixel type it is
+// read as, without decoding the pixels. kBadInput when any cannot be read.
 int Info(const Options &o)
 {
     static const char *const kTypes[] = {"RGB bytes",  "grey bytes", "palette indices", "grey floats",
                                          "RGB floats", "RGBA bytes", "RGBA floats"};
     int status = kOk;
     for (const std::string &file : o.files) {
-        VxImage *image = Read(file);
-        if (!image) {
+        if (ReportIfDirectory("image", file)) {
             status = kBadInput;
             continue;
         }
-        std::printf("%s: %dx%d, %s\n", file.c_str(), image->width, image->height, kTypes[image->type]);
-        ImageDestroy(image);
+        ImageFileInfo info{};
+        char message[IMAGEFILE_MESSAGE_SIZE] = "";
+        if (ImageFileReadInfo(file.c_str(), &info, message, sizeof message) != IMAGEFILE_OK) {
+            std::fprintf(stderr, "vxtool image: %s: cannot read: %s\n", file.c_str(), message);
+            status = kBadInput;
+            continue;
+        }
+        const bool known = info.pixelType >= 0 && info.pixelType < 7;
+        std::printf("%s: %s %dx%d, %d-bit %s, %s\n", file.c_str(), info.format, info.width, info.height, info.bitDepth,
+                    info.colour, known ? kTypes[info.pixelType] : "unknown pixels");
     }
     return status;
 }
@@ -281,7 +312,7 @@ int Checker(const Options &o)
                                     static_cast<uint8_t>(255 * y / image->height), static_cast<uint8_t>(dark ? 40 : 220)};
             image->setPixel(image, VX_PIXEL_RGB, x, y, rgb);
         }
-    status = Write(o.files[0], image);
+    status = Write(o.files[0], image, o);
     ImageDestroy(image);
     return status;
 }
@@ -304,7 +335,8 @@ bool ParseArguments(int argc, char **argv, Options &o, int &status)
         }
     }
     static const char *const kKnown[] = {"taps",  "sigma",  "sigma-v", "channels", "width",  "height",
-                                         "scale", "mode",   "shrink",  "grow",     "matrix", "columns", "offset", "normalize"};
+                                         "scale", "mode",   "shrink",  "grow",     "matrix", "columns", "offset", "normalize",
+                                         "saver", "quality"};
     for (const auto &[name, value] : o.values) {
         bool known = false;
         for (const char *k : kKnown)
@@ -316,14 +348,20 @@ bool ParseArguments(int argc, char **argv, Options &o, int &status)
     }
     if (o.operation == "info") {
         if (o.files.empty()) {
-            status = UsageError("info takes IN.png...");
+            status = UsageError("info takes IN...");
             return false;
         }
         return true;
     }
     const size_t wanted = o.operation == "checker" ? 1 : 2;
     if (o.files.size() != wanted) {
-        status = UsageError(o.operation + " takes " + (wanted == 1 ? "OUT.png" : "IN.png OUT.png"));
+        status = UsageError(o.operation + " takes " + (wanted == 1 ? "OUT" : "IN OUT"));
+        return false;
+    }
+    auto quality = o.values.find("quality");
+    double q = 0;
+    if (quality != o.values.end() && (!ParseNumber(quality->second, q) || q < 1 || q > 100 || q != std::floor(q))) {
+        status = UsageError("--quality wants a whole number from 1 to 100, not '" + quality->second + "'");
         return false;
     }
     return true;
@@ -338,16 +376,22 @@ int ImageMain(int argc, char **argv)
         return kOk;
     }
     if (argc < 2)
-        return UsageError("wants a subcommand: blur, resample, convolve, mipmap, checker or info");
+        return UsageError("wants a subcommand: convert, blur, resample, convolve, mipmap, checker or info");
     Options o;
     int status = kUsage;
     if (!ParseArguments(argc, argv, o, status))
         return status;
+    const ImageModules modules;
+    if (!modules.Problem().empty()) {
+        std::fprintf(stderr, "vxtool image: %s\n", modules.Problem().c_str());
+        return kFailed;
+    }
     if (o.operation == "checker")
         return Checker(o);
     if (o.operation == "info")
         return Info(o);
-    int (*run)(VxImage *, const Options &) = o.operation == "blur"       ? Blur
+    int (*run)(VxImage *, const Options &) = o.operation == "convert"    ? Convert
+                                             : o.operation == "blur"       ? Blur
                                              : o.operation == "resample" ? Resample
                                              : o.operation == "convolve" ? Convolve
                                              : o.operation == "mipmap"   ? Mipmap

@@ -3,7 +3,7 @@
 // file, a settings file, a plug-in database) in one directory. A few steps of vxtool's own
 // follow the samples: the pictures become PNG files, the envelopes a plot, the IFF file a dump,
 // the plug-in database a listing.
-#include "png_io.h"
+#include "image_io.h"
 #include "vxtool.h"
 
 #include <algorithm>
@@ -59,11 +59,16 @@ int WritePictures(FILE *out, const char *dir)
     std::sort(pictures.begin(), pictures.end());
     int ok = !pictures.empty();
     std::fprintf(out, "as PNG files:");
+    const ImageModules modules;
+    if (!modules.Problem().empty()) {
+        std::fprintf(out, "\n%s\n", modules.Problem().c_str());
+        return 0;
+    }
     for (const std::filesystem::path &pam : pictures) {
         VxImage *image = ReadPam(pam.c_str());
         std::string problem;
         const std::filesystem::path png = std::filesystem::path(pam).replace_extension(".png");
-        const bool written = image && PngWrite(png.c_str(), image, problem) && std::filesystem::remove(pam, error);
+        const bool written = image && WriteImage(png.string(), image, "", 0, problem) && std::filesystem::remove(pam, error);
         std::fprintf(out, written ? " %s" : "\n%s: cannot convert\n", written ? png.filename().c_str() : pam.c_str());
         ok &= written;
         ImageDestroy(image);

@@ -1,0 +1,273 @@
+// Image files through the host's loader and saver modules: pictures written by ImageMagick and
+// netpbm read pixel for pixel, pictures we write read back by those tools, and hostile files.
+#include "imagefile_test.h"
+
+#include <gtest/gtest.h>
+#include <png.h>
+
+#include <sys/resource.h>
+
+#include <chrono>
+#include <cstring>
+#include <fstream>
+
+namespace {
+
+using imftest::Loaded;
+
+// One way of writing the source picture with an outside tool, what we must read it as, and
+// the saver that writes it back ("" when none is tried).
+struct Variant {
+    const char *name;
+    const char *command;  // {src} the 16-bit RGBA PAM, {out} the file to write
+    const char *ext;
+    int32_t type;
+    int32_t bitDepth;
+    const char *colour;
+    const char *saver;
+    // The outside reader to compare with: "" ImageMagick, else a netpbm command writing a PAM
+    // of {file} to standard output (netpbm for some, so both tools check us; ImageMagick
+    // applies a gAMA chunk of 1.0 as a gamma change, which we must not).
+    const char *reference = "";
+};
+
+const char *const kPngToPam = "pngtopam -alphapam {file}";
+
+const Variant kVariants[] = {
+    {"png_grey1", "convert {src} -alpha off -colorspace Gray -depth 1 -define png:bit-depth=1 -define png:color-type=0 {out}", "png", VX_PIXEL_GREY, 1, "grey", "VX_PNG24(.png)"},
+    {"png_grey2", "convert {src} -alpha off -colorspace Gray -depth 2 -define png:bit-depth=2 -define png:color-type=0 {out}", "png", VX_PIXEL_GREY, 2, "grey", "VX_PNG24(.png)"},
+    {"png_grey4", "convert {src} -alpha off -colorspace Gray -depth 4 -define png:bit-depth=4 -define png:color-type=0 {out}", "png", VX_PIXEL_GREY, 4, "grey", "VX_PNG24(.png)"},
+    {"png_grey8", "convert {src} -alpha off -colorspace Gray -depth 8 -define png:color-type=0 {out}", "png", VX_PIXEL_GREY, 8, "grey", "VX_PNG24(.png)"},
+    {"png_grey16", "convert {src} -alpha off -colorspace Gray -depth 16 -define png:color-type=0 {out}", "png", VX_PIXEL_GREY_FLOAT, 16, "grey", "VX_PNG24(.png)"},
+    {"png_grey16_gamma1", "convert {src} -alpha off -colorspace Gray -depth 16 -set gamma 1.0 -define png:color-type=0 {out}", "png", VX_PIXEL_GREY_FLOAT, 16, "grey", nullptr, kPngToPam},
+    {"png_greyalpha8", "convert {src} -colorspace Gray -depth 8 -define png:color-type=4 {out}", "png", VX_PIXEL_RGBA, 8, "grey+alpha", "VX_PNG32(.png)"},
+    {"png_greyalpha16", "convert {src} -colorspace Gray -depth 16 -define png:color-type=4 {out}", "png", VX_PIXEL_RGBA_FLOAT, 16, "grey+alpha", "VX_PNG32(.png)"},
+    {"png_rgb8", "convert {src} -alpha off -depth 8 -define png:color-type=2 {out}", "png", VX_PIXEL_RGB, 8, "RGB", "VX_PNG24(.png)"},
+    {"png_rgb8_gamma1", "convert {src} -alpha off -depth 8 -set gamma 1.0 -define png:color-type=2 {out}", "png", VX_PIXEL_RGB, 8, "RGB", nullptr, kPngToPam},
+    {"png_rgb16", "convert {src} -alpha off -depth 16 -define png:color-type=2 {out}", "png", VX_PIXEL_RGB_FLOAT, 16, "RGB", "VX_PNG24(.png)"},
+    {"png_rgba8", "convert {src} -depth 8 -define png:color-type=6 {out}", "png", VX_PIXEL_RGBA, 8, "RGBA", "VX_PNG32(.png)"},
+    {"png_rgba16", "convert {src} -depth 16 -define png:color-type=6 {out}", "png", VX_PIXEL_RGBA_FLOAT, 16, "RGBA", "VX_PNG32(.png)"},
+    {"png_palette1", "convert {src} -alpha off -colors 2 -depth 8 ppm:- | pnmtopng > {out}", "png", VX_PIXEL_INDEX, 1, "palette", "VX_PNG24(.png)"},
+    {"png_palette2", "convert {src} -alpha off -colors 4 -depth 8 ppm:- | pnmtopng > {out}", "png", VX_PIXEL_INDEX, 2, "palette", "VX_PNG24(.png)"},
+    {"png_palette4", "convert {src} -alpha off -colors 12 -define png:bit-depth=4 -define png:color-type=3 {out}", "png", VX_PIXEL_INDEX, 4, "palette", "VX_PNG24(.png)"},
+    {"png_palette8", "convert {src} -alpha off -colors 200 PNG8:{out}", "png", VX_PIXEL_INDEX, 8, "palette", "VX_PNG24(.png)"},
+    {"png_palette_trns", "convert {src} -channel A -threshold 50% +channel -colors 100 PNG8:{out}", "png", VX_PIXEL_RGBA, 8, "palette+tRNS", "VX_PNG32(.png)"},
+    {"png_grey_trns", "convert {src} -alpha off -colorspace Gray -depth 8 pgm:- | pnmtopng -transparent rgb:80/80/80 > {out}", "png", VX_PIXEL_RGBA, 8, "grey+tRNS", "VX_PNG32(.png)"},
+    {"png_rgb_trns", "convert {src} -alpha off -depth 8 ppm:- | pnmtopng -transparent rgb:00/00/ff > {out}", "png", VX_PIXEL_RGBA, 8, "RGB+tRNS", "VX_PNG32(.png)"},
+    {"png_rgb16_trns", "convert {src} -alpha off -depth 16 ppm:- | pnmtopng -transparent rgb:00/00/ff > {out}", "png", VX_PIXEL_RGBA_FLOAT, 16, "RGB+tRNS", "VX_PNG32(.png)", kPngToPam},
+    {"png_rgb8_interlaced", "convert {src} -alpha off -depth 8 -interlace PNG -define png:color-type=2 {out}", "png", VX_PIXEL_RGB, 8, "RGB", "VX_PNG24(.png)"},
+    {"png_grey16_interlaced", "convert {src} -alpha off -colorspace Gray -depth 16 -interlace PNG -define png:color-type=0 {out}", "png", VX_PIXEL_GREY_FLOAT, 16, "grey", "VX_PNG24(.png)", kPngToPam},
+    {"png_rgba16_interlaced", "convert {src} -depth 16 -interlace PNG -define png:color-type=6 {out}", "png", VX_PIXEL_RGBA_FLOAT, 16, "RGBA", "VX_PNG32(.png)", kPngToPam},
+    {"png_palette4_interlaced", "convert {src} -alpha off -colors 12 -interlace PNG -define png:bit-depth=4 -define png:color-type=3 {out}", "png", VX_PIXEL_INDEX, 4, "palette", "VX_PNG24(.png)"},
+};
+
+std::string Fill(std::string text, const std::string &src, const std::string &out)
+{
+    for (size_t at; (at = text.find("{src}")) != std::string::npos;)
+        text.replace(at, 5, "'" + src + "'");
+    for (size_t at; (at = text.find("{out}")) != std::string::npos;)
+        text.replace(at, 5, "'" + out + "'");
+    return text;
+}
+
+// The first differing sample as "pixel (x, y) channel c: ours v, theirs w", "" when equal.
+std::string Difference(const std::vector<uint16_t> &ours, const std::vector<uint16_t> &theirs, int32_t width,
+                       bool alpha)
+{
+    if (ours.size() != theirs.size())
+        return "sizes differ: " + std::to_string(ours.size()) + " and " + std::to_string(theirs.size()) + " samples";
+    for (size_t i = 0; i < ours.size(); ++i)
+        if (ours[i] != theirs[i] && (alpha || i % 4 != 3)) {
+            const size_t pixel = i / 4;
+            return "pixel (" + std::to_string(pixel % width) + ", " + std::to_string(pixel / width) + ") channel " +
+                   std::to_string(i % 4) + ": ours " + std::to_string(ours[i]) + ", theirs " + std::to_string(theirs[i]);
+        }
+    return "";
+}
+
+class ImageFiles : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        dir_ = new vxtest::TempDir;
+        imftest::StartHostWithModules(dir_->Path());
+        imftest::WriteSourcePam(dir_->File("src.pam"), 23, 17);
+    }
+    static void TearDownTestSuite()
+    {
+        HostShutdown();
+        delete dir_;
+    }
+    static std::string File(const std::string &name) { return dir_->File(name); }
+    static std::vector<uint16_t> Reference(const Variant &v, const std::string &file)
+    {
+        if (!*v.reference)
+            return imftest::MagickPixels(file, File("dump.raw"));
+        const std::string pam = File("dump.pam");
+        std::string command = v.reference;
+        command.replace(command.find("{file}"), 6, "'" + file + "'");
+        return imftest::Run(command + " > '" + pam + "'") ? imftest::ReadPam16(pam) : std::vector<uint16_t>{};
+    }
+    static vxtest::TempDir *dir_;
+};
+vxtest::TempDir *ImageFiles::dir_ = nullptr;
+
+// Every variant: the outside tool writes it, we read it as the tool does; we write it back and
+// the tool reads what we read.
+TEST_F(ImageFiles, RoundTripsWithOutsideTools)
+{
+    if (!imftest::HasTool("convert") || !imftest::HasTool("pnmtopng"))
+        GTEST_SKIP() << "ImageMagick (convert) or netpbm (pnmtopng) is not installed";
+    for (const Variant &v : kVariants) {
+        SCOPED_TRACE(v.name);
+        const std::string file = File(std::string(v.name) + "." + v.ext);
+        ASSERT_TRUE(imftest::Run(Fill(v.command, File("src.pam"), file))) << "the tool could not write " << file;
+        Loaded in;
+        imftest::Load(file, in);
+        ASSERT_EQ(in.result, IMAGEFILE_OK) << in.message;
+        EXPECT_EQ(in.image->type, v.type);
+        EXPECT_EQ(in.info.bitDepth, v.bitDepth);
+        EXPECT_STREQ(in.info.colour, v.colour);
+        const std::vector<uint16_t> ours = imftest::Rgba16(in.image);
+        EXPECT_EQ(Difference(ours, Reference(v, file), 23, true), "") << "reading";
+        if (!v.saver)
+            continue;
+        const std::string back = File(std::string(v.name) + "_back." + v.ext);
+        char message[IMAGEFILE_MESSAGE_SIZE] = "";
+        ASSERT_EQ(ImageFileSave(back.c_str(), v.saver, in.image, 0, message, sizeof message), IMAGEFILE_OK) << message;
+        const bool keepsAlpha = std::strstr(v.saver, "32(") != nullptr;
+        EXPECT_EQ(Difference(ours, Reference(v, back), 23, keepsAlpha), "") << "writing";
+        Loaded again;
+        imftest::Load(back, again);
+        ASSERT_EQ(again.result, IMAGEFILE_OK) << again.message;
+        EXPECT_EQ(again.image->type, v.type);
+        EXPECT_EQ(Difference(ours, imftest::Rgba16(again.image), 23, keepsAlpha), "") << "reading our file";
+    }
+}
+
+}  // namespace
+
+namespace {
+
+// A PNG that claims width x height RGB pixels and holds only its first `rows` rows.
+void WriteTruncatedPng(const std::string &path, uint32_t width, uint32_t height, uint32_t rows)
+{
+    FILE *file = std::fopen(path.c_str(), "wb");
+    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    png_infop info = png_create_info_struct(png);
+    png_init_io(png, file);
+    png_set_IHDR(png, info, width, height, 8, PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
+                 PNG_FILTER_TYPE_DEFAULT);
+    png_write_info(png, info);
+    std::vector<uint8_t> row(static_cast<size_t>(width) * 3);
+    uint32_t noise = 2463534242u;  // rows that do not compress, so the data reaches the file
+    for (uint32_t y = 0; y < rows; ++y) {
+        for (uint8_t &byte : row) {
+            noise ^= noise << 13, noise ^= noise >> 17, noise ^= noise << 5;
+            byte = static_cast<uint8_t>(noise);
+        }
+        png_write_row(png, row.data());
+    }
+    png_write_flush(png);
+    png_destroy_write_struct(&png, &info);
+    std::fclose(file);
+}
+
+long MaxRssKb()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+}
+
+// Files that claim more than they hold: refused at the header when above the pixel limit;
+// under a raised limit they fail on the missing rows without touching the claimed size.
+TEST_F(ImageFiles, LyingSizesAreRefusedCheaply)
+{
+    const std::string huge = File("huge.png");
+    WriteTruncatedPng(huge, 40000, 40000, 12);
+    const long before = MaxRssKb();
+    const auto start = std::chrono::steady_clock::now();
+    Loaded refused;
+    imftest::Load(huge, refused);
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_EQ(refused.result, IMAGEFILE_TOO_LARGE);
+    EXPECT_EQ(refused.message, "PNG: 40000 x 40000 pixels is more than the limit of 268435456 pixels");
+    EXPECT_EQ(refused.image, nullptr);
+    EXPECT_LT(seconds, 1.0);
+    EXPECT_LT(MaxRssKb() - before, 64 * 1024);
+
+    ImageFileInfo info{};
+    ASSERT_EQ(ImageFileReadInfo(huge.c_str(), &info, nullptr, 0), IMAGEFILE_OK);
+    EXPECT_EQ(std::string(info.format) + " " + std::to_string(info.width) + "x" + std::to_string(info.height) + " " +
+                  std::to_string(info.bitDepth) + " " + info.colour,
+              "PNG 40000x40000 8 RGB");
+
+    ImageFileSetPixelLimit(uint64_t{1} << 31);
+    Loaded truncated;
+    imftest::Load(huge, truncated);
+    ImageFileSetPixelLimit(0);
+    EXPECT_EQ(ImageFileGetPixelLimit(), IMAGEFILE_DEFAULT_PIXEL_LIMIT);
+    EXPECT_TRUE(truncated.result == IMAGEFILE_BAD_FILE || truncated.result == IMAGEFILE_NO_MEMORY) << truncated.message;
+    EXPECT_EQ(truncated.image, nullptr);
+    EXPECT_LT(MaxRssKb() - before, 64 * 1024);
+}
+
+// What the library says for files and requests no server can take.
+TEST_F(ImageFiles, FailuresAreOneLine)
+{
+    const std::string text = File("notes.png");
+    std::ofstream(text) << "not a picture\nsecond line\n";
+    struct Case {
+        std::string path, saver;
+        int32_t result;
+        std::string message;
+    };
+    const Case cases[] = {
+        {File("absent.png"), "", IMAGEFILE_IO_ERROR, "No such file or directory"},
+        {dir_->Path(), "", IMAGEFILE_IO_ERROR, "not a regular file"},
+        {text, "", IMAGEFILE_BAD_FILE, "not a known image format (tried "},
+        {File("out.xyz"), "-", IMAGEFILE_NO_SERVER, "no image saver for this file name's extension"},
+        {File("out.png"), "VX_NoSuchSaver", IMAGEFILE_NO_SERVER, "image saver VX_NoSuchSaver: no such server"},
+        {File("no/such/dir/out.png"), "VX_PNG24(.png)", IMAGEFILE_IO_ERROR, "PNG: cannot create the file"},
+    };
+    VxImage *image = ImageCreate(VX_PIXEL_RGB, 4, 3);
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.path);
+        char message[IMAGEFILE_MESSAGE_SIZE] = "";
+        int32_t result;
+        if (c.saver.empty()) {
+            Loaded in;
+            imftest::Load(c.path, in);
+            result = in.result;
+            std::snprintf(message, sizeof message, "%s", in.message.c_str());
+        } else {
+            result = ImageFileSave(c.path.c_str(), c.saver == "-" ? nullptr : c.saver.c_str(), image, 0, message,
+                                   sizeof message);
+        }
+        EXPECT_EQ(result, c.result);
+        EXPECT_EQ(std::string(message).substr(0, c.message.size()), c.message);
+        EXPECT_EQ(std::strchr(message, '\n'), nullptr);
+    }
+    ImageDestroy(image);
+}
+
+// The saver is chosen by extension, with alpha when the image has it.
+TEST_F(ImageFiles, SaverForExtension)
+{
+    VxImage *rgb = ImageCreate(VX_PIXEL_RGB, 1, 1), *rgba = ImageCreate(VX_PIXEL_RGBA_FLOAT, 1, 1);
+    const std::pair<std::string, const char *> expected[] = {
+        {"a.PNG", "VX_PNG24(.png)"}, {"b.png+", "VX_PNG32(.png)"}, {"c.jpg", "VX_JPEG(.jpg)"},
+        {"d.jpg+", "VX_JPEG(.jpg)"}, {"e.tga+", "VX_TGA32(.tga)"}, {"f", nullptr}, {"dir.png/g", nullptr},
+    };
+    for (const auto &[name, saver] : expected) {
+        const bool alpha = name.back() == '+';
+        const std::string path = alpha ? name.substr(0, name.size() - 1) : name;
+        const char *got = ImageFileSaverFor(path.c_str(), alpha ? rgba : rgb);
+        EXPECT_STREQ(got ? got : "(none)", saver ? saver : "(none)") << name;
+    }
+    ImageDestroy(rgb);
+    ImageDestroy(rgba);
+}
+
+}  // namespace
