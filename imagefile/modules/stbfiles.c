@@ -34,10 +34,12 @@
 static inline uint32_t Le16(const unsigned char *p) { return (uint32_t)p[0] | (uint32_t)p[1] << 8; }
 static inline uint32_t Be16(const unsigned char *p) { return (uint32_t)p[0] << 8 | (uint32_t)p[1]; }
 
-/* What the header says beyond stb's size and channels: bits per channel and colour model.
- * Returns 0 when the file is not of the module's format. */
-static int ReadHeader(const unsigned char *h, int n, int32_t *depth, const char **colour)
+/* What the header says beyond stb's size: bits per channel, colour model and, where stb's
+ * own answer is not the file's (PSD), the channels to ask for. Returns 0 when the file is not
+ * of the module's format. */
+static int ReadHeader(const unsigned char *h, int n, int32_t *depth, const char **colour, int *comp)
 {
+    *comp = 0;
 #if defined(IMF_BMP)
     if (n < 30 || h[0] != 'B' || h[1] != 'M')
         return 0;
@@ -65,9 +67,13 @@ static int ReadHeader(const unsigned char *h, int n, int32_t *depth, const char 
     if (n < 26 || memcmp(h, "8BPS", 4) != 0)
         return 0;
     static const char *const kModes[] = {"bitmap", "grey", "palette", "RGB", "CMYK", "", "", "multichannel", "duotone", "Lab"};
-    const uint32_t mode = Be16(h + 24);
+    const uint32_t mode = Be16(h + 24), channels = Be16(h + 12);
     *depth = (int32_t)Be16(h + 22);
     *colour = mode < 10 ? kModes[mode] : "unknown";
+    if (mode == 1)
+        *comp = channels >= 2 ? 2 : 1;
+    else
+        *comp = mode == 3 && channels == 3 ? 3 : 4;
     return 1;
 #endif
 }
@@ -110,8 +116,9 @@ static void LoadStb(ImageLoaderLocal *local)
     unsigned char header[32];
     const char *colour = "";
     int32_t depth = 8;
+    int wanted = 0;
     const int n = ImfReadMagic(local->fileName, header, (int)sizeof header);
-    if (!ReadHeader(header, n, &depth, &colour))
+    if (!ReadHeader(header, n, &depth, &colour, &wanted))
         return;
     FILE *file = fopen(local->fileName, "rb");
     int w = 0, h = 0, comp = 0;
@@ -122,7 +129,8 @@ static void LoadStb(ImageLoaderLocal *local)
             fclose(file);
         return;
     }
-    const int wide = stbi_is_16_bit_from_file(file);
+    comp = wanted ? wanted : comp;
+    const int wide = wanted ? depth == 16 : stbi_is_16_bit_from_file(file);
     const int32_t type = TypeFor(comp, wide);
     ImfSetInfo(local, IMF_FORMAT, (uint32_t)w, (uint32_t)h, type, wide ? 16 : depth, comp, colour);
     if (local->headerOnly || !ImfWithinLimit(local, IMF_FORMAT, (uint64_t)w, (uint64_t)h)) {
@@ -132,8 +140,9 @@ static void LoadStb(ImageLoaderLocal *local)
         return;
     }
     int got = 0;
-    void *pixels = wide ? (void *)stbi_load_from_file_16(file, &w, &h, &got, 0)
-                        : (void *)stbi_load_from_file(file, &w, &h, &got, 0);
+    void *pixels = wide ? (void *)stbi_load_from_file_16(file, &w, &h, &got, wanted)
+                        : (void *)stbi_load_from_file(file, &w, &h, &got, wanted);
+    got = wanted ? wanted : got;
     fclose(file);
     VxImage *image = pixels && got == comp ? local->services->create(type, w, h) : NULL;
     if (!image || !StorePixels(local, image, pixels, comp, wide)) {
