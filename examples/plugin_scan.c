@@ -37,14 +37,14 @@ static int FindModules(char *dir, size_t size)
 static int ScanModules(FILE *out, const char *dir)
 {
     static const char *const kFiles[] = {"example_shapes.so", "example_legacy.so", "example_wraploader.so",
-                                         "example_wrapped.so", "fixture_version4.so"};
-    static const int kExpected[] = {3, 1, 2, 1, -1};
+                                         "example_wrapped.so"};
+    static const int kExpected[] = {3, 1, 2, 1};
     int ok = 1;
     for (size_t i = 0; i < sizeof kFiles / sizeof kFiles[0]; ++i) {
         char path[4400];
         snprintf(path, sizeof path, "%s/%s", dir, kFiles[i]);
         const int count = HostAddModule(path, NULL);
-        fprintf(out, "  scanned %-22s -> %d%s\n", kFiles[i], count, count < 0 ? " (refused: out of date)" : " servers");
+        fprintf(out, "  scanned %-22s -> %d%s\n", kFiles[i], count, count < 0 ? " (refused)" : " servers");
         ok &= count == kExpected[i];
     }
     return ok;

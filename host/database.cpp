@@ -10,7 +10,11 @@
 
 #include "host/host_internal.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace vx::host {
@@ -22,8 +26,15 @@ constexpr uint32_t kClass = VX_ID('C', 'L', 'A', 'S');
 constexpr uint32_t kName = VX_ID('N', 'A', 'M', 'E');
 constexpr uint32_t kModule = VX_ID('F', 'I', 'L', 'E');
 constexpr uint32_t kInfoTag = VX_ID('I', 'N', 'F', 'O');
+constexpr uint32_t kChecked = VX_ID('M', 'C', 'H', 'K');
+constexpr uint32_t kStamp = VX_ID('S', 'T', 'M', 'P');
+constexpr uint32_t kFailure = VX_ID('F', 'A', 'I', 'L');
 
-const VxBlockDesc kTopBlocks[] = {{kDirectory, "Directory"}, {kEntry, "Entry"}, {0, nullptr}};
+const VxBlockDesc kTopBlocks[] = {
+    {kDirectory, "Directory"}, {kEntry, "Entry"}, {kChecked, "Checked"}, {0, nullptr}};
+// A module file a scan checked: its path, size and modification time (as 32-bit halves and
+// nanoseconds) and, when it failed, why.
+const VxBlockDesc kCheckedBlocks[] = {{kModule, "Module"}, {kStamp, "Stamp"}, {kFailure, "Failure"}, {0, nullptr}};
 const VxBlockDesc kEntryBlocks[] = {
     {kClass, "Class"}, {kName, "Name"}, {kModule, "Module"}, {kInfoTag, "InfoTag"}, {0, nullptr}};
 
@@ -32,6 +43,7 @@ constexpr int32_t kClassMax = 128;
 constexpr int32_t kNameMax = 256;
 constexpr int32_t kPathMax = 512;
 constexpr int32_t kTagMax = 512;
+constexpr int32_t kFailureMax = 2048;
 
 struct EntryText {
     char className[kClassMax];
@@ -71,6 +83,30 @@ void ReadEntry(Txn *txn, VxLoadState *state)
                 server->stale = false;
         }
     }
+}
+
+// One Checked block; records without a module path or stamp are dropped.
+void ReadChecked(VxLoadState *state)
+{
+    char module[kPathMax] = "";
+    char failure[kFailureMax] = "";
+    int32_t words[5] = {};
+    bool stamped = false;
+    while (const uint32_t id = state->findBlock(state, kCheckedBlocks)) {
+        if (id == kModule)
+            state->readString(state, module, kPathMax);
+        else if (id == kStamp)
+            stamped = state->readLongs(state, words, 5) == 5;
+        else if (id == kFailure)
+            state->readString(state, failure, kFailureMax);
+        state->endBlock(state);
+    }
+    const auto wide = [](int32_t high, int32_t low) {
+        return static_cast<int64_t>(static_cast<uint64_t>(static_cast<uint32_t>(high)) << 32 | static_cast<uint32_t>(low));
+    };
+    if (module[0] && stamped && !SetCheck(module, {wide(words[0], words[1]), wide(words[2], words[3]), words[4]},
+                                          failure[0] ? failure : nullptr))
+        CkptRecover(1);
 }
 
 void MarkStale()
@@ -129,6 +165,51 @@ void WriteServer(VxSaveState *state, const HostServer *server)
     state->endBlock(state);
 }
 
+void WriteChecked(VxSaveState *state, const ModuleCheck *check)
+{
+    static const VxBlockDesc kCheckedDesc{kChecked, "Checked"};
+    static const VxBlockDesc kStampDesc{kStamp, "Stamp"};
+    const auto high = [](int64_t value) { return static_cast<int32_t>(static_cast<uint64_t>(value) >> 32); };
+    const auto low = [](int64_t value) { return static_cast<int32_t>(static_cast<uint32_t>(value)); };
+    const FileStamp &stamp = check->stamp;
+    const int32_t words[5] = {high(stamp.size), low(stamp.size), high(stamp.mtimeSeconds), low(stamp.mtimeSeconds),
+                              stamp.mtimeNanoseconds};
+    state->beginBlock(state, &kCheckedDesc);
+    WriteString(state, kModule, "Module", check->path);
+    state->beginBlock(state, &kStampDesc);
+    state->writeLongs(state, words, 5);
+    state->endBlock(state);
+    if (check->failure)
+        WriteString(state, kFailure, "Failure", check->failure);
+    state->endBlock(state);
+}
+
+// Flushes a written file to the disk so that a rename cannot expose it before its bytes.
+bool SyncFile(const char *path)
+{
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    const bool synced = fsync(fd) == 0;
+    close(fd);
+    return synced;
+}
+
+// Makes a rename in the directory of `path` durable (a failure here loses no data).
+void SyncDirectory(const char *path)
+{
+    char dir[4096];
+    const char *slash = std::strrchr(path, '/');
+    if (std::snprintf(dir, sizeof dir, "%.*s", slash ? static_cast<int>(slash - path) + (slash == path) : 1,
+                      slash ? path : ".") >= static_cast<int>(sizeof dir))
+        return;
+    const int fd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) {
+        fsync(fd);
+        close(fd);
+    }
+}
+
 // Opens the write stream, catching an exhausted heap here: a database that cannot be written
 // is reported by the result, never raised.
 VxWriteStrm *OpenWrite(const char *path)
@@ -158,6 +239,8 @@ bool ReadDatabaseStream(VxReadStrm *stream, const char *name)
     while (const uint32_t id = state.findBlock(&state, kTopBlocks)) {
         if (id == kEntry)
             ReadEntry(&txn, &state);
+        else if (id == kChecked)
+            ReadChecked(&state);
         state.endBlock(&state);
     }
     const bool damaged = state.error != 0;
@@ -186,14 +269,22 @@ bool ReadDatabaseFile(const char *path)
     return whole;
 }
 
+// The new file is written beside the old one under a name of its own, flushed to the disk and
+// renamed over the old one: a process killed at any point leaves the old file or the new one.
 bool WriteDatabaseFile(const char *path)
 {
-    char temporary[4096 + 8];
-    if (std::snprintf(temporary, sizeof temporary, "%s.new", path) >= static_cast<int>(sizeof temporary))
+    char temporary[4096 + 16];
+    if (std::snprintf(temporary, sizeof temporary, "%s.XXXXXX", path) >= static_cast<int>(sizeof temporary))
         return false;
+    const int fd = mkostemp(temporary, O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    close(fd);
     VxWriteStrm *stream = OpenWrite(temporary);
-    if (!stream)
+    if (!stream) {
+        unlink(temporary);
         return false;
+    }
     VxSaveState state;
     StrmInitSaveState(&state, stream);
     for (int32_t c = 0; c < g_host.classes.count; ++c) {
@@ -204,13 +295,16 @@ bool WriteDatabaseFile(const char *path)
                 WriteServer(&state, server);
         }
     }
+    // Oldest first: reading adds each at the head, which restores the order.
+    for (const VxNode *node = g_host.checks.tailPred; node && node->pred; node = node->pred)
+        WriteChecked(&state, reinterpret_cast<const ModuleCheck *>(node));
     const int32_t stateError = state.error;
     const int32_t closeError = StrmWriteDestroy(stream);
-    // The old file is replaced only by a complete new one.
-    if (stateError || closeError || std::rename(temporary, path) != 0) {
-        std::remove(temporary);
+    if (stateError || closeError || !SyncFile(temporary) || std::rename(temporary, path) != 0) {
+        unlink(temporary);
         return false;
     }
+    SyncDirectory(path);
     return true;
 }
 

@@ -251,6 +251,7 @@ void ResetState()
     std::memcpy(modulePath, g_host.modulePath, sizeof modulePath);
     g_host = HostState{};
     NewList(&g_host.modules);
+    NewList(&g_host.checks);
     g_host.exclusions = exclusions;
     g_host.databaseDir = databaseDir;
     std::memcpy(g_host.modulePath, modulePath, sizeof modulePath);
@@ -266,6 +267,7 @@ void ReleaseAll()
     PortDestroy(g_host.port);
     g_host.port = nullptr;
     FreeAllModules();
+    FreeAllChecks();
     FreeAllClasses();
     StringFree(g_host.hostDir);
     g_host.hostDir = nullptr;

@@ -57,6 +57,22 @@ struct HostModule {
     HostModule *txnNext;
 };
 
+// What a scan remembers of a module file it checked: the file's size and modification time
+// when checked, and why it failed (NULL when its servers were registered). A later scan of the
+// same unchanged file uses the record instead of running the file again.
+struct FileStamp {
+    int64_t size;
+    int64_t mtimeSeconds;
+    int32_t mtimeNanoseconds;
+};
+
+struct ModuleCheck {
+    VxNode node;
+    char *path;  // as module records keep it
+    FileStamp stamp;
+    char *failure;
+};
+
 // A registration: everything it creates is listed so that a failure can take it back and a
 // success can apply the pending changes at once. Allocations happen before any change that
 // could not be undone.
@@ -98,6 +114,7 @@ struct HostState {
     bool startedByClasses;
     VxOrd classes;   // HostClass pointers by name
     VxList modules;  // newest first
+    VxList checks;   // ModuleCheck records, newest first
     const char *const *exclusions;
     HostGlobalFunc *global;
     HostMissingFunc_t *missing;
@@ -143,6 +160,10 @@ int LockServer(HostServer *server);
 int UnlockServer(HostServer *server);
 
 // Modules (modules.cpp).
+// The path a module record keeps for `path` (relative when inside the host directory).
+const char *RelativePath(const char *path);
+// The full file name of a module path: the host directory joined with a relative one.
+char *ComposeFullPath(const char *path);
 HostModule *FindOrCreateModule(Txn *txn, const char *path);
 void LoadModule(HostModule *module);
 void UnloadModule(HostModule *module);
@@ -159,6 +180,15 @@ bool ReadDatabaseFile(const char *path);
 bool ReadDatabaseStream(VxReadStrm *stream, const char *name);
 bool WriteDatabaseFile(const char *path);
 void RegisterCatalogue();
+
+// Module checks (scan.cpp).
+ModuleCheck *FindCheck(const char *path);
+// Records a check of `path` (kept relative); false when memory ran out (nothing changed).
+bool SetCheck(const char *path, const FileStamp &stamp, const char *failure);
+void FreeAllChecks();
+// Registers the servers of a whole, checked scanner reply as servers of the module at
+// `path`; returns how many, or -3 when memory ran out (nothing registered).
+int32_t RegisterReply(const void *reply, size_t size, const char *path);
 int32_t CatalogueRowCount();
 
 }  // namespace vx::host

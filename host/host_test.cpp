@@ -26,6 +26,7 @@ namespace {
 using Strings = std::vector<std::string>;
 using Results = std::vector<int32_t>;
 const std::string kPlugins = VX_PLUGIN_DIR;
+const std::string kFixtures = VX_FIXTURE_DIR;
 
 std::string ReadFile(const std::string &path)
 {
@@ -207,8 +208,9 @@ TEST_F(HostTest, NotificationsAndReplayForNewListeners)
 
 TEST_F(HostTest, EveryFailureFixtureIsRefusedWithItsMessage)
 {
+    FileSetSystemPath(SYSTEM_PATH_HOST, kFixtures.c_str());
     Start();
-    const std::string dir = kPlugins + "/", loaderError = "loader VX_StandardLoader activation error\n";
+    const std::string dir = kFixtures + "/", loaderError = "loader VX_StandardLoader activation error\n";
     const auto unloaded = [](const char *file) { return "could not load module " + std::string(file) + "\n"; };
     const auto null = [](const char *file) { return "plug-in module " + std::string(file) + " returned NULL startup data\n"; };
     const std::pair<const char *, std::string> cases[] = {
@@ -387,7 +389,8 @@ TEST_F(HostTest, ShutdownWithALockedServerIsDeferred)
 TEST_F(HostTest, DatabaseRoundTripAndTheSaveEvent)
 {
     vxtest::DebugCapture capture;
-    Start({{"fixture_othercpu.so", -1}, {"example_shapes.so", 3}, {"example_legacy.so", 1},
+    static const std::string otherCpu = kFixtures + "/fixture_othercpu.so";
+    Start({{otherCpu.c_str(), -1}, {"example_shapes.so", 3}, {"example_legacy.so", 1},
            {"example_wraploader.so", 2}, {"example_wrapped.so", 1}});
     EXPECT_FALSE(Exists(DbFile()));  // no database yet, nothing written
     ASSERT_EQ(HostAddBuiltIn("MeshEditTool", "Built", "never written", BuiltIn) +
@@ -404,8 +407,8 @@ TEST_F(HostTest, DatabaseRoundTripAndTheSaveEvent)
     EXPECT_EQ(Snapshot(), before);
     EXPECT_EQ(Activate("MeshEditTool", "Example_Box"), 1);
     EXPECT_EQ(Activate("CommandSequence", "Example_Wrapped"), 7);
-    EXPECT_EQ(capture.Text(), "plug-in module fixture_othercpu.so is for a different cpu; type=0x400\n"
-                              "plug-in module fixture_othercpu.so returned NULL startup data\n");
+    EXPECT_EQ(capture.Text(), "plug-in module " + otherCpu + " is for a different cpu; type=0x400\n"
+                              "plug-in module " + otherCpu + " returned NULL startup data\n");
     const uintptr_t server = 0xa99;  // the application
     VxPort *events = GlobalPortAcquire("application-events", 0, server, nullptr);
     const auto written = [&](int32_t event) { return PortNotify(events, server, 0, event, 0, 0), Exists(DbFile()); };

@@ -16,38 +16,6 @@ namespace {
 
 HostModule *AsModule(VxNode *node) { return reinterpret_cast<HostModule *>(node); }
 
-// A path inside the host directory is kept relative to it.
-const char *RelativePath(const char *path)
-{
-    const char *dir = g_host.hostDir;
-    if (!dir || path[0] != '/')
-        return path;
-    size_t length = std::strlen(dir);
-    while (length > 1 && dir[length - 1] == '/')
-        --length;
-    if (std::strncmp(path, dir, length) != 0 || path[length] != '/')
-        return path;
-    path += length;
-    while (*path == '/')
-        ++path;
-    return path;
-}
-
-char *ComposeFullPath(const char *path)
-{
-    if (path[0] == '/' || !g_host.hostDir || !g_host.hostDir[0])
-        return StringCopy(path);
-    const size_t dirLength = std::strlen(g_host.hostDir);
-    const size_t pathLength = std::strlen(path);
-    const bool slash = g_host.hostDir[dirLength - 1] != '/';
-    auto *full = static_cast<char *>(StdAlloc(dirLength + slash + pathLength + 1));
-    std::memcpy(full, g_host.hostDir, dirLength);
-    if (slash)
-        full[dirLength] = '/';
-    std::memcpy(full + dirLength + slash, path, pathLength + 1);
-    return full;
-}
-
 HostModule *CreateModule(const char *path)
 {
     CKPT_BEGIN_OR_RETURN(nullptr);
@@ -175,6 +143,37 @@ int32_t StageModuleServers(Txn *txn, HostModule *module)
 }
 
 }  // namespace
+
+const char *RelativePath(const char *path)
+{
+    const char *dir = g_host.hostDir;
+    if (!dir || path[0] != '/')
+        return path;
+    size_t length = std::strlen(dir);
+    while (length > 1 && dir[length - 1] == '/')
+        --length;
+    if (std::strncmp(path, dir, length) != 0 || path[length] != '/')
+        return path;
+    path += length;
+    while (*path == '/')
+        ++path;
+    return path;
+}
+
+char *ComposeFullPath(const char *path)
+{
+    if (path[0] == '/' || !g_host.hostDir || !g_host.hostDir[0])
+        return StringCopy(path);
+    const size_t dirLength = std::strlen(g_host.hostDir);
+    const size_t pathLength = std::strlen(path);
+    const bool slash = g_host.hostDir[dirLength - 1] != '/';
+    auto *full = static_cast<char *>(StdAlloc(dirLength + slash + pathLength + 1));
+    std::memcpy(full, g_host.hostDir, dirLength);
+    if (slash)
+        full[dirLength] = '/';
+    std::memcpy(full + dirLength + slash, path, pathLength + 1);
+    return full;
+}
 
 bool ModuleLoaded(const HostModule *module) { return module->startupData != nullptr; }
 

@@ -242,6 +242,60 @@ VX_API void HostFlush(void);
 /* Returns 1 while the module of the server is loaded, 0 otherwise. */
 VX_API int ServerModuleLoaded(const char *className, const char *name);
 
+/* ---- Scanning modules in the module scanner --------------------------------------------- */
+
+/* A scan checks each new or changed module file in the module scanner, a helper program
+ * (vxmodscan, installed under libexec/vxtools3) started once per file, so that a module that
+ * crashes, hangs or exits while it loads cannot take the host down. The scanner loads the
+ * module as HostAddModule does (the same checks, the same messages) and sends its server table
+ * back; the host registers those servers as module servers, as HostAddPlugIn does, and loads
+ * the module in this process only when one of them is first activated. Refusal messages also
+ * go to the debug output, as an in-process load prints them.
+ *
+ * Every file checked is remembered with its size and modification time, in the plug-in
+ * database: a file that failed is skipped by later scans until it changes, and one whose
+ * servers are registered is not run again while it is unchanged. */
+
+/* What a scan did with one file. */
+enum {
+    HOST_SCAN_REGISTERED = 0, /* checked: `servers` servers registered */
+    HOST_SCAN_UNCHANGED = 1,  /* checked before and unchanged: its `servers` servers stay */
+    HOST_SCAN_SKIPPED = 2,    /* failed before and unchanged since: not run; the old reason */
+    HOST_SCAN_REFUSED = 3,    /* "refused: " and the checks' messages joined by "; ", or
+                                 "refused: not a regular file" */
+    HOST_SCAN_CRASHED = 4,    /* "crashed: SIGSEGV" (the signal that ended the scanner) */
+    HOST_SCAN_TIMED_OUT = 5,  /* "timed out after 10 s" */
+    HOST_SCAN_EXITED = 6,     /* "exited with status 0 before answering" */
+    HOST_SCAN_ERROR = 7       /* not the module's fault, nothing remembered: the file cannot be
+                                 read, the module is in use, the scanner is missing or memory
+                                 ran out */
+};
+
+/* Called once per file: its path as given, the outcome, the servers registered (or kept) and,
+ * except for the first two outcomes, the reason in one line (NULL otherwise). */
+typedef void HostScanReport(void *data, const char *path, int32_t outcome, int32_t servers, const char *reason);
+/* Scans `count` module files (relative paths are taken inside the host directory). Returns
+ * `count`, or -1 when the host is not running or in catalogue mode. */
+VX_API int32_t HostScanModules(const char *const *paths, int32_t count, HostScanReport *report, void *data);
+/* Scans the files of `dir` named "*.so" or "*.p" (not starting with "."), in byte order of
+ * their names. Returns the number of files, -1 as HostScanModules, -2 when the directory
+ * cannot be read, -3 when memory ran out. */
+VX_API int32_t HostScanDirectory(const char *dir, HostScanReport *report, void *data);
+/* Sets the time limit for one module in milliseconds (0 or negative: the default, 10000). */
+VX_API void HostScanSetTimeLimit(int32_t milliseconds);
+/* Returns the time limit for one module in milliseconds. */
+VX_API int32_t HostScanTimeLimit(void);
+/* Uses the scanner program at `path` (NULL: search again). Returns 1, 0 for a path longer than
+ * the system allows. */
+VX_API int HostScanSetHelper(const char *path);
+/* Returns the scanner program scans use, NULL when none is found. */
+VX_API const char *HostScanHelper(void);
+/* Returns the number of module files remembered as failed. */
+VX_API int32_t HostFailedCount(void);
+/* Returns the path of failed module `index` (newest first) and sets `*reason` (when not NULL)
+ * to why it failed; NULL when out of range. */
+VX_API const char *HostFailedModule(int32_t index, const char **reason);
+
 /* ---- Global services ------------------------------------------------------------------ */
 
 /* Replaces the global lookup function that activations receive (NULL restores

@@ -1,0 +1,642 @@
+// Scanning module files in the module scanner: each new or changed file is checked by the
+// helper program vxmodscan in a process of its own, with a time limit. The scanner loads the
+// module as HostAddModule does and sends its server table back over a pipe; the host registers
+// those servers as module servers (the module itself is loaded here only when one of them is
+// first activated). A module that crashes, hangs, exits or is refused costs one report line
+// and a remembered failure; nothing it does reaches the host's own process.
+#include <vxtools3/ckpt.h>
+#include <vxtools3/debug.h>
+#include <vxtools3/host.h>
+#include <vxtools3/lists.h>
+#include <vxtools3/memory.h>
+
+#include "host/host_internal.h"
+#include "host/scan_reply.h"
+
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+extern char **environ;
+
+namespace vx::host {
+namespace {
+
+constexpr int32_t kDefaultLimitMs = 10000;
+constexpr int kReplyFd = 3;  // the scanner writes its reply here
+constexpr size_t kReasonMax = 2048;
+
+int32_t g_limitMs = kDefaultLimitMs;
+char g_helper[PATH_MAX];  // set by HostScanSetHelper; "" searches
+char g_found[PATH_MAX];   // the helper found by the search
+
+ModuleCheck *AsCheck(VxNode *node) { return reinterpret_cast<ModuleCheck *>(node); }
+
+void FreeCheck(ModuleCheck *check)
+{
+    StringFree(check->path);
+    StringFree(check->failure);
+    FreeHeap(check, sizeof(ModuleCheck));
+}
+
+bool SameStamp(const FileStamp &a, const FileStamp &b)
+{
+    return a.size == b.size && a.mtimeSeconds == b.mtimeSeconds && a.mtimeNanoseconds == b.mtimeNanoseconds;
+}
+
+// ---- Finding the scanner ----------------------------------------------------------------
+
+bool Executable(const char *path) { return path[0] && access(path, X_OK) == 0; }
+
+// The directory of the file holding this code: the shared library, or the program that
+// linked the static one.
+bool OwnDirectory(char *out, size_t size)
+{
+    Dl_info info{};
+    const char *file = nullptr;
+    if (dladdr(reinterpret_cast<void *>(&OwnDirectory), &info) && info.dli_fname && std::strstr(info.dli_fname, ".so"))
+        file = info.dli_fname;
+    char resolved[PATH_MAX];
+    if (!realpath(file ? file : "/proc/self/exe", resolved))
+        return false;
+    char *slash = std::strrchr(resolved, '/');
+    if (!slash)
+        return false;
+    *slash = '\0';
+    return std::snprintf(out, size, "%s", resolved) < static_cast<int>(size);
+}
+
+// The installed scanner relative to the library's folder or the program's, else the one of
+// the build tree this library was built in.
+const char *SearchHelper()
+{
+    if (Executable(g_found))
+        return g_found;
+    char dir[PATH_MAX];
+    if (OwnDirectory(dir, sizeof dir)) {
+        static const char *const kRelative[] = {VX_MODSCAN_FROM_LIBDIR, VX_MODSCAN_FROM_BINDIR};
+        for (const char *relative : kRelative) {
+            if (std::snprintf(g_found, sizeof g_found, "%s/%s", dir, relative) < static_cast<int>(sizeof g_found) &&
+                Executable(g_found))
+                return g_found;
+        }
+    }
+    std::snprintf(g_found, sizeof g_found, "%s", VX_MODSCAN_BUILD_PATH);
+    if (Executable(g_found))
+        return g_found;
+    g_found[0] = '\0';
+    return nullptr;
+}
+
+const char *HelperPath() { return g_helper[0] ? g_helper : SearchHelper(); }
+
+// ---- Running the scanner ----------------------------------------------------------------
+
+enum class RunEnd : uint8_t { NotStarted, Exited, Signalled, TimedOut, TooLong };
+
+struct ScannerRun {
+    RunEnd end;
+    int code;  // exit status, signal number or errno
+    char *reply;
+    size_t size;
+    size_t capacity;
+};
+
+int64_t NowMs()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Appends what the pipe holds; false when the reply outgrows its limit or memory ran out.
+bool ReadSome(int fd, ScannerRun *run, bool *ended)
+{
+    if (run->capacity - run->size < 4096) {
+        const size_t grown = run->capacity ? run->capacity * 2 : 16384;
+        if (grown > kReplyMaxBytes + 16384)
+            return false;
+        char *moved = static_cast<char *>(StdTryRealloc(run->reply, run->capacity, grown));
+        if (!moved)
+            return false;
+        run->reply = moved;
+        run->capacity = grown;
+    }
+    const ssize_t got = read(fd, run->reply + run->size, run->capacity - run->size);
+    if (got > 0)
+        run->size += static_cast<size_t>(got);
+    else if (got == 0 || (errno != EINTR && errno != EAGAIN))
+        *ended = true;
+    return run->size <= kReplyMaxBytes;
+}
+
+// Waits until the scanner exits or the deadline passes; true when it exited (not reaped).
+bool WaitExit(pid_t pid, int64_t deadline)
+{
+    for (;;) {
+        siginfo_t info{};
+        if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid)
+            return true;
+        if (NowMs() >= deadline)
+            return false;
+        poll(nullptr, 0, 1);
+    }
+}
+
+// Kills whatever the scanner's process group still holds (a module may have started
+// processes of its own), then reaps the scanner.
+void Reap(pid_t pid, ScannerRun *run)
+{
+    kill(-pid, SIGKILL);
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (run->end == RunEnd::TimedOut || run->end == RunEnd::TooLong)
+        return;
+    if (WIFSIGNALED(status))
+        *run = {RunEnd::Signalled, WTERMSIG(status), run->reply, run->size, run->capacity};
+    else
+        *run = {RunEnd::Exited, WEXITSTATUS(status), run->reply, run->size, run->capacity};
+}
+
+// A pipe whose ends are above the scanner's reply descriptor, so that dup2 onto it always
+// makes a fresh descriptor without close-on-exec.
+bool MakePipe(int fds[2])
+{
+    int raw[2];
+    if (pipe2(raw, O_CLOEXEC) != 0)
+        return false;
+    for (int i = 0; i < 2; ++i) {
+        fds[i] = fcntl(raw[i], F_DUPFD_CLOEXEC, kReplyFd + 1);
+        close(raw[i]);
+    }
+    if (fds[0] >= 0 && fds[1] >= 0)
+        return true;
+    for (int i = 0; i < 2; ++i)
+        if (fds[i] >= 0)
+            close(fds[i]);
+    return false;
+}
+
+bool Spawn(const char *helper, const char *module, int replyFd, pid_t *pid)
+{
+    posix_spawn_file_actions_t actions;
+    posix_spawnattr_t attributes;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawnattr_init(&attributes);
+    posix_spawn_file_actions_adddup2(&actions, replyFd, kReplyFd);
+    for (int fd = 0; fd < 3; ++fd)
+        posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", fd ? O_WRONLY : O_RDONLY, 0);
+    sigset_t none, defaults;
+    sigemptyset(&none);
+    sigfillset(&defaults);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setsigdefault(&attributes, &defaults);
+    posix_spawnattr_setpgroup(&attributes, 0);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    const char *hostDir = g_host.hostDir ? g_host.hostDir : "";
+    char *const argv[] = {const_cast<char *>(helper), const_cast<char *>(module), const_cast<char *>(hostDir), nullptr};
+    const int error = posix_spawn(pid, helper, &actions, &attributes, argv, environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+    errno = error;
+    return error == 0;
+}
+
+// Runs the scanner on one module file and collects its reply within the time limit.
+void RunScanner(const char *helper, const char *module, ScannerRun *run)
+{
+    *run = ScannerRun{};
+    int fds[2];
+    pid_t pid = 0;
+    if (!MakePipe(fds)) {
+        run->code = errno;
+        return;
+    }
+    const bool started = Spawn(helper, module, fds[1], &pid);
+    run->code = errno;
+    close(fds[1]);
+    if (!started) {
+        close(fds[0]);
+        return;
+    }
+    const int64_t deadline = NowMs() + g_limitMs;
+    run->end = RunEnd::Exited;
+    bool ended = false;
+    while (!ended) {
+        const int64_t left = deadline - NowMs();
+        pollfd ready{fds[0], POLLIN, 0};
+        if (left <= 0 || (poll(&ready, 1, static_cast<int>(left)) == 0 && NowMs() >= deadline)) {
+            run->end = RunEnd::TimedOut;
+            break;
+        }
+        if (!ReadSome(fds[0], run, &ended)) {
+            run->end = RunEnd::TooLong;
+            break;
+        }
+    }
+    close(fds[0]);
+    if (run->end == RunEnd::Exited && !WaitExit(pid, deadline))
+        run->end = RunEnd::TimedOut;
+    Reap(pid, run);
+}
+
+// ---- Reports ----------------------------------------------------------------------------
+
+const char *SignalName(int signal, char *buffer, size_t size)
+{
+    const char *abbreviation = sigabbrev_np(signal);
+    if (abbreviation)
+        std::snprintf(buffer, size, "SIG%s", abbreviation);
+    else
+        std::snprintf(buffer, size, "signal %d", signal);
+    return buffer;
+}
+
+// "refused: " and the scanner's messages, joined by "; ". The host's own debug output gets
+// the messages as an in-process load would have printed them.
+void RefusalReason(const ScannerRun &run, char *reason)
+{
+    size_t used = static_cast<size_t>(std::snprintf(reason, kReasonMax, "refused:"));
+    ReplyCursor cursor;
+    ReplyItem item;
+    ReplyOpen(&cursor, run.reply, run.size);
+    const char *separator = " ";
+    while (ReplyNext(&cursor, &item) == 1) {
+        if (item.kind != 'M')
+            continue;
+        const int length = static_cast<int>(item.first.length);
+        DBprintf("%.*s\n", length, item.first.bytes);
+        if (used < kReasonMax)
+            used += static_cast<size_t>(
+                std::snprintf(reason + used, kReasonMax - used, "%s%.*s", separator, length, item.first.bytes));
+        separator = "; ";
+    }
+    if (std::strcmp(reason, "refused:") == 0)
+        std::snprintf(reason, kReasonMax, "refused: no servers");
+}
+
+struct Outcome {
+    int32_t code;     // HOST_SCAN_...
+    int32_t servers;
+    bool remember;    // a failure of the module itself, kept with its stamp
+};
+
+// What the scanner's run says about the module; registers its servers when it was accepted.
+Outcome Judge(const ScannerRun &run, const char *helper, const char *path, char *reason)
+{
+    char name[32];
+    switch (run.end) {
+    case RunEnd::NotStarted:
+        std::snprintf(reason, kReasonMax, "the module scanner %.1000s could not start: %s", helper, std::strerror(run.code));
+        return {HOST_SCAN_ERROR, 0, false};
+    case RunEnd::TimedOut:
+        if (g_limitMs % 1000 == 0)
+            std::snprintf(reason, kReasonMax, "timed out after %d s", static_cast<int>(g_limitMs / 1000));
+        else
+            std::snprintf(reason, kReasonMax, "timed out after %d ms", static_cast<int>(g_limitMs));
+        return {HOST_SCAN_TIMED_OUT, 0, true};
+    case RunEnd::Signalled:
+        std::snprintf(reason, kReasonMax, "crashed: %s", SignalName(run.code, name, sizeof name));
+        return {HOST_SCAN_CRASHED, 0, true};
+    case RunEnd::TooLong:
+        std::snprintf(reason, kReasonMax, "refused: the scanner's reply is too long");
+        return {HOST_SCAN_REFUSED, 0, true};
+    case RunEnd::Exited:
+        break;
+    }
+    ReplySummary summary;
+    const ReplyState state = CheckReply(run.reply, run.size, &summary);
+    if (state == ReplyState::Damaged) {
+        std::snprintf(reason, kReasonMax, "refused: the scanner's reply is damaged");
+        return {HOST_SCAN_REFUSED, 0, true};
+    }
+    if (state == ReplyState::Incomplete || run.code != 0) {
+        std::snprintf(reason, kReasonMax, "exited with status %d before answering", run.code);
+        return {HOST_SCAN_EXITED, 0, true};
+    }
+    if (summary.result == -1) {
+        RefusalReason(run, reason);
+        return {HOST_SCAN_REFUSED, 0, true};
+    }
+    const int32_t count = summary.result >= 0 ? RegisterReply(run.reply, run.size, path) : -3;
+    if (count < 0) {
+        std::snprintf(reason, kReasonMax, "out of memory");
+        return {HOST_SCAN_ERROR, 0, false};
+    }
+    reason[0] = '\0';
+    return {HOST_SCAN_REGISTERED, count, true};
+}
+
+int32_t CountModuleServers(const char *path)
+{
+    int32_t count = 0;
+    for (int32_t c = 0; c < g_host.classes.count; ++c) {
+        const auto *cls = static_cast<HostClass *>(g_host.classes.items[c]);
+        for (int32_t s = 0; s < cls->servers.count; ++s) {
+            const auto *server = static_cast<HostServer *>(cls->servers.items[s]);
+            count += server->module && !std::strcmp(server->module->path, path);
+        }
+    }
+    return count;
+}
+
+HostModule *FindModule(const char *path)
+{
+    for (VxNode *node = g_host.modules.head; node->succ; node = node->succ)
+        if (!std::strcmp(reinterpret_cast<HostModule *>(node)->path, path))
+            return reinterpret_cast<HostModule *>(node);
+    return nullptr;
+}
+
+// Decides without the scanner when it can: a file that is not there or not a regular file,
+// one checked before and unchanged since, a module in use. HOST_SCAN_... or -1 to run it.
+int32_t Precheck(const char *full, const char *key, FileStamp *stamp, int32_t *servers, char *reason)
+{
+    struct stat info;
+    if (stat(full, &info) != 0) {
+        std::snprintf(reason, kReasonMax, "cannot be read: %s", std::strerror(errno));
+        return HOST_SCAN_ERROR;
+    }
+    if (!S_ISREG(info.st_mode)) {
+        std::snprintf(reason, kReasonMax, "refused: not a regular file");
+        return HOST_SCAN_REFUSED;
+    }
+    *stamp = {static_cast<int64_t>(info.st_size), static_cast<int64_t>(info.st_mtim.tv_sec),
+              static_cast<int32_t>(info.st_mtim.tv_nsec)};
+    const ModuleCheck *check = FindCheck(key);
+    if (check && SameStamp(check->stamp, *stamp)) {
+        if (check->failure) {
+            std::snprintf(reason, kReasonMax, "%s", check->failure);
+            return HOST_SCAN_SKIPPED;
+        }
+        if ((*servers = CountModuleServers(key)) > 0)
+            return HOST_SCAN_UNCHANGED;
+    }
+    HostModule *module = FindModule(key);
+    if (module && (module->useCount > 0 || module->loading)) {
+        std::snprintf(reason, kReasonMax, "module in use");
+        return HOST_SCAN_ERROR;
+    }
+    if (module)
+        UnloadModule(module);
+    return -1;
+}
+
+void ScanFile(const char *path, HostScanReport *report, void *data)
+{
+    char reason[kReasonMax] = "";
+    const char *key = RelativePath(path);
+    char *full = nullptr;
+    if (CkptBegin()) {
+        CkptLatchCode();
+        if (report)
+            report(data, path, HOST_SCAN_ERROR, 0, "out of memory");
+        return;
+    }
+    full = ComposeFullPath(key);
+    CkptEnd();
+    FileStamp stamp{};
+    int32_t servers = 0;
+    Outcome outcome{Precheck(full, key, &stamp, &servers, reason), servers, false};
+    if (outcome.code < 0) {
+        const char *helper = HelperPath();
+        ScannerRun run{};
+        if (!helper) {
+            std::snprintf(reason, kReasonMax, "the module scanner vxmodscan was not found");
+            outcome = {HOST_SCAN_ERROR, 0, false};
+        } else {
+            RunScanner(helper, full, &run);
+            outcome = Judge(run, helper, key, reason);
+        }
+        FreeHeap(run.reply, run.capacity);
+        if (outcome.remember && SetCheck(key, stamp, outcome.code == HOST_SCAN_REGISTERED ? nullptr : reason))
+            DatabaseModifiable();  // the checks changed: the database is to be written
+    }
+    StringFree(full);
+    if (report)
+        report(data, path, outcome.code, outcome.servers, reason[0] ? reason : nullptr);
+}
+
+bool Scannable() { return HostRunning() && g_host.database != DatabaseState::Catalogue; }
+
+bool ModuleName(const char *name)
+{
+    const size_t length = std::strlen(name);
+    const auto endsWith = [&](const char *suffix) {
+        const size_t n = std::strlen(suffix);
+        return length > n && !std::strcmp(name + length - n, suffix);
+    };
+    return name[0] != '.' && (endsWith(".so") || endsWith(".p"));
+}
+
+int CompareNames(const void *a, const void *b)
+{
+    return std::strcmp(*static_cast<char *const *>(a), *static_cast<char *const *>(b));
+}
+
+struct NameList {
+    char **names;
+    size_t count;
+    size_t capacity;
+};
+
+void FreeNames(NameList *list)
+{
+    for (size_t i = 0; i < list->count; ++i)
+        FreeHeap(list->names[i], std::strlen(list->names[i]) + 1);
+    FreeHeap(list->names, list->capacity * sizeof(char *));
+}
+
+// The module file names of a directory, sorted; false when memory ran out.
+bool ReadNames(DIR *dir, NameList *list)
+{
+    while (const dirent *entry = readdir(dir)) {
+        if (!ModuleName(entry->d_name))
+            continue;
+        if (list->count == list->capacity) {
+            const size_t grown = list->capacity ? list->capacity * 2 : 32;
+            auto **moved = static_cast<char **>(
+                StdTryRealloc(list->names, list->capacity * sizeof(char *), grown * sizeof(char *)));
+            if (!moved)
+                return false;
+            list->names = moved;
+            list->capacity = grown;
+        }
+        const size_t size = std::strlen(entry->d_name) + 1;
+        char *copy = static_cast<char *>(StdTryAlloc(size));
+        if (!copy)
+            return false;
+        std::memcpy(copy, entry->d_name, size);
+        list->names[list->count++] = copy;
+    }
+    if (list->count)
+        std::qsort(list->names, list->count, sizeof(char *), CompareNames);
+    return true;
+}
+
+}  // namespace
+
+ModuleCheck *FindCheck(const char *path)
+{
+    if (!g_host.checks.head)
+        return nullptr;
+    for (VxNode *node = g_host.checks.head; node->succ; node = node->succ)
+        if (!std::strcmp(AsCheck(node)->path, path))
+            return AsCheck(node);
+    return nullptr;
+}
+
+bool SetCheck(const char *givenPath, const FileStamp &stamp, const char *failure)
+{
+    const char *const path = RelativePath(givenPath);
+    CKPT_BEGIN_OR_RETURN(false);
+    auto *check = static_cast<ModuleCheck *>(StdAlloc(sizeof(ModuleCheck)));
+    CkptArm(StdFreeArm, reinterpret_cast<uintptr_t>(check), sizeof(ModuleCheck));
+    check->path = StringCopy(path);
+    CkptArm(StringFreeArm, reinterpret_cast<uintptr_t>(check->path), 0);
+    check->failure = StringCopy(failure);
+    CkptEnd();
+    check->stamp = stamp;
+    if (ModuleCheck *old = FindCheck(path)) {
+        Remove(&old->node);
+        FreeCheck(old);
+    }
+    AddHead(&g_host.checks, &check->node);
+    return true;
+}
+
+void FreeAllChecks()
+{
+    if (!g_host.checks.head)
+        return;
+    while (VxNode *node = RemHead(&g_host.checks))
+        FreeCheck(AsCheck(node));
+}
+
+int32_t RegisterReply(const void *reply, size_t size, const char *path)
+{
+    Txn txn;
+    TxnBegin(&txn);
+    CKPT_BEGIN_OR_RETURN(-3);
+    TxnArmRollback(&txn);
+    HostModule *module = FindOrCreateModule(&txn, path);
+    ReplyCursor cursor;
+    ReplyItem item;
+    ReplyOpen(&cursor, reply, size);
+    HostServer *server = nullptr;
+    char className[kReplyClassMax + 1], name[kReplyNameMax + 1], tag[kReplyTagMax + 1];
+    const auto copy = [](char *out, const ReplyText &text) {
+        std::memcpy(out, text.bytes, text.length);
+        out[text.length] = '\0';
+    };
+    while (ReplyNext(&cursor, &item) == 1) {
+        if (item.kind == 'S') {
+            copy(className, item.first);
+            copy(name, item.second);
+            server = TxnStageServer(&txn, className, name, module, nullptr);
+        } else if (item.kind == 'T' && server) {
+            copy(tag, item.first);
+            TxnStageTag(server, tag, item.word);
+        }
+    }
+    CkptEnd();
+    HostServer *registered = TxnCommit(&txn);
+    int32_t count = 0;
+    for (HostServer *s = registered; s; s = s->txnNext)
+        ++count;
+    TxnAnnounce(registered, nullptr);
+    return count;
+}
+
+}  // namespace vx::host
+
+using namespace vx::host;
+
+extern "C" {
+
+VX_API int32_t HostScanModules(const char *const *paths, int32_t count, HostScanReport *report, void *data)
+{
+    if (!Scannable() || (count > 0 && !paths))
+        return -1;
+    for (int32_t i = 0; i < count; ++i)
+        if (paths[i])
+            ScanFile(paths[i], report, data);
+    return count > 0 ? count : 0;
+}
+
+VX_API int32_t HostScanDirectory(const char *dir, HostScanReport *report, void *data)
+{
+    if (!Scannable() || !dir)
+        return -1;
+    DIR *handle = opendir(dir);
+    if (!handle)
+        return -2;
+    NameList list{};
+    const bool listed = ReadNames(handle, &list);
+    closedir(handle);
+    if (!listed) {
+        FreeNames(&list);
+        return -3;
+    }
+    char path[PATH_MAX];
+    int32_t scanned = 0;
+    for (size_t i = 0; i < list.count; ++i) {
+        if (std::snprintf(path, sizeof path, "%s/%s", dir, list.names[i]) >= static_cast<int>(sizeof path))
+            continue;
+        ScanFile(path, report, data);
+        ++scanned;
+    }
+    FreeNames(&list);
+    return scanned;
+}
+
+VX_API void HostScanSetTimeLimit(int32_t milliseconds) { g_limitMs = milliseconds > 0 ? milliseconds : kDefaultLimitMs; }
+
+VX_API int32_t HostScanTimeLimit(void) { return g_limitMs; }
+
+VX_API int HostScanSetHelper(const char *path)
+{
+    if (path && std::strlen(path) >= sizeof g_helper)
+        return 0;
+    std::snprintf(g_helper, sizeof g_helper, "%s", path ? path : "");
+    return 1;
+}
+
+VX_API const char *HostScanHelper(void) { return HelperPath(); }
+
+VX_API int32_t HostFailedCount(void)
+{
+    int32_t count = 0;
+    for (VxNode *node = g_host.checks.head; node && node->succ; node = node->succ)
+        count += AsCheck(node)->failure != nullptr;
+    return count;
+}
+
+VX_API const char *HostFailedModule(int32_t index, const char **reason)
+{
+    for (VxNode *node = g_host.checks.head; node && node->succ; node = node->succ) {
+        const ModuleCheck *check = AsCheck(node);
+        if (check->failure && index-- == 0) {
+            if (reason)
+                *reason = check->failure;
+            return check->path;
+        }
+    }
+    return nullptr;
+}
+
+}  // extern "C"
