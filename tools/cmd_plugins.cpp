@@ -6,7 +6,6 @@
 #include <vxtools3/debug.h>
 #include <vxtools3/host.h>
 
-#include <dirent.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -22,25 +21,31 @@ namespace vxtool {
 namespace {
 
 constexpr const char *kHelp =
-    "usage: vxtool plugins scan DIR... [--db PATH] [--verbose]\n"
+    "usage: vxtool plugins scan DIR|FILE... [--db PATH] [--time-limit MS] [--verbose]\n"
     "       vxtool plugins list [--class CLASS] [--json] [--db PATH]\n"
     "       vxtool plugins activate CLASS NAME [--version N] [--db PATH] [--verbose]\n"
     "\n"
-    "  scan      loads every regular file of each DIR as a plug-in module and records its\n"
-    "            servers in the plug-in database (refused files are named on stderr)\n"
-    "  list      prints the module servers of the database: class, name, user name, module\n"
+    "  scan      checks each module file (each \"*.so\" or \"*.p\" of a DIR) in the module scanner,\n"
+    "            a process of its own with a time limit (default 10000 ms), and records its\n"
+    "            servers in the plug-in database; prints one line per file (registered, refused,\n"
+    "            crashed, timed out, exited, skipped as failed before) and a summary. Failed files\n"
+    "            are remembered and skipped until they change. The database is always written\n"
+    "  list      prints the module servers of the database (class, name, user name, module),\n"
+    "            then the module files that failed and why\n"
     "  activate  activates one server (its module is loaded on demand) with zeroed local data\n"
     "\n"
     "--db names the database directory (file VXEXT3.CFG inside it) or the database file itself;\n"
     "the default is the current directory. --verbose shows the host's diagnostics on stderr.\n"
-    "Exit status: 0 done, 1 the activation or the database write failed, 2 bad command line,\n"
-    "3 a directory or the database is missing or unreadable.\n";
+    "Exit status: 0 done (a scan that completed, even when modules failed), 1 the activation or\n"
+    "the database write failed, 2 bad command line, 3 a path or the database is missing or\n"
+    "unreadable.\n";
 
 struct Options {
     std::vector<std::string> words;
     std::string db = ".";
     std::string className;
     int32_t version = -1;
+    int32_t timeLimit = 0;
     bool json = false;
     bool verbose = false;
 };
@@ -57,7 +62,7 @@ std::string Parse(int argc, char **argv, Options &o)
             o.json = true;
         } else if (arg == "--verbose") {
             o.verbose = true;
-        } else if (arg == "--db" || arg == "--class" || arg == "--version") {
+        } else if (arg == "--db" || arg == "--class" || arg == "--version" || arg == "--time-limit") {
             if (!hasValue)
                 return arg + " wants a value";
             const std::string value = argv[++i];
@@ -68,9 +73,10 @@ std::string Parse(int argc, char **argv, Options &o)
             } else {
                 char *end = nullptr;
                 const long v = std::strtol(value.c_str(), &end, 10);
-                if (value.empty() || *end || v < 0 || v > INT32_MAX)
-                    return "--version wants a number from 0, not '" + value + "'";
-                o.version = static_cast<int32_t>(v);
+                const bool limit = arg == "--time-limit";
+                if (value.empty() || *end || v < (limit ? 1 : 0) || v > INT32_MAX)
+                    return arg + " wants a number from " + (limit ? "1" : "0") + ", not '" + value + "'";
+                (limit ? o.timeLimit : o.version) = static_cast<int32_t>(v);
             }
         } else if (arg.size() > 1 && arg[0] == '-') {
             return "unknown option '" + arg + "'";
@@ -95,55 +101,63 @@ bool Start(const Options &o)
     return true;
 }
 
-std::vector<std::string> RegularFiles(const std::string &dir, bool &ok)
+struct ScanTally {
+    int registered, servers, unchanged, failed, skipped, errors;
+};
+
+// One line per file on standard output.
+void ReportFile(void *data, const char *path, int32_t outcome, int32_t servers, const char *reason)
 {
-    std::vector<std::string> files;
-    DIR *d = opendir(dir.c_str());
-    ok = d != nullptr;
-    if (!d)
-        return files;
-    while (dirent *entry = readdir(d)) {
-        const std::string path = dir + "/" + entry->d_name;
-        struct stat info;
-        if (entry->d_name[0] != '.' && stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode))
-            files.push_back(path);
+    auto *tally = static_cast<ScanTally *>(data);
+    const char *plural = servers == 1 ? "" : "s";
+    switch (outcome) {
+    case HOST_SCAN_REGISTERED:
+        std::printf("%s: registered %d server%s\n", path, servers, plural);
+        ++tally->registered, tally->servers += servers;
+        return;
+    case HOST_SCAN_UNCHANGED:
+        std::printf("%s: unchanged, %d server%s kept\n", path, servers, plural);
+        ++tally->unchanged, tally->servers += servers;
+        return;
+    case HOST_SCAN_SKIPPED:
+        std::printf("%s: skipped, failed before and unchanged since (%s)\n", path, reason);
+        ++tally->skipped;
+        return;
+    case HOST_SCAN_ERROR:
+        std::printf("%s: not scanned: %s\n", path, reason);
+        ++tally->errors;
+        return;
+    default:
+        std::printf("%s: %s\n", path, reason);
+        ++tally->failed;
     }
-    closedir(d);
-    std::sort(files.begin(), files.end());
-    return files;
 }
+
+std::string Plural(int count, const char *word) { return std::to_string(count) + " " + word + (count == 1 ? "" : "s"); }
 
 int Scan(const Options &o)
 {
     if (o.words.size() < 2)
-        return UsageError("scan wants at least one directory");
-    std::vector<std::string> dirs;
+        return UsageError("scan wants at least one directory or module file");
+    std::vector<std::pair<std::string, bool>> paths;  // absolute path, is a directory
     for (size_t i = 1; i < o.words.size(); ++i) {
         char absolute[PATH_MAX];
-        if (!realpath(o.words[i].c_str(), absolute)) {
-            std::fprintf(stderr, "vxtool plugins: %s: no such directory\n", o.words[i].c_str());
+        struct stat info;
+        if (!realpath(o.words[i].c_str(), absolute) || stat(absolute, &info) != 0) {
+            std::fprintf(stderr, "vxtool plugins: %s: no such directory or file\n", o.words[i].c_str());
             return kBadInput;
         }
-        dirs.push_back(absolute);
+        paths.emplace_back(absolute, S_ISDIR(info.st_mode));
     }
     if (!Start(o))
         return kFailed;
-    int status = kOk, servers = 0, modules = 0;
-    for (const std::string &dir : dirs) {
-        bool ok = false;
-        for (const std::string &file : RegularFiles(dir, ok)) {
-            const int count = HostAddModule(file.c_str(), nullptr);
-            if (count < 0) {
-                std::fprintf(stderr, "vxtool plugins: %s: %s\n", file.c_str(),
-                             count == -2 ? "module in use" : count == -3 ? "out of memory" : "not a usable plug-in module");
-                continue;
-            }
-            std::printf("%s: %d server%s\n", file.c_str(), count, count == 1 ? "" : "s");
-            servers += count;
-            ++modules;
-        }
-        if (!ok) {
-            std::fprintf(stderr, "vxtool plugins: %s: cannot read the directory\n", dir.c_str());
+    HostScanSetTimeLimit(o.timeLimit);
+    ScanTally tally{};
+    int status = kOk;
+    for (const auto &[path, directory] : paths) {
+        const char *file = path.c_str();
+        if ((directory ? HostScanDirectory(path.c_str(), ReportFile, &tally) : HostScanModules(&file, 1, ReportFile, &tally)) < 0) {
+            std::fprintf(stderr, "vxtool plugins: %s: cannot read the directory\n", path.c_str());
             status = kBadInput;
         }
     }
@@ -154,8 +168,12 @@ int Scan(const Options &o)
         std::fprintf(stderr, "vxtool plugins: cannot write the database %s\n", database.c_str());
         return kFailed;
     }
-    std::printf("%d server%s from %d module%s; database %s\n", servers, servers == 1 ? "" : "s", modules,
-                modules == 1 ? "" : "s", database.c_str());
+    std::printf("scan complete: %s from %s", Plural(tally.servers, "server").c_str(),
+                Plural(tally.registered + tally.unchanged, "module").c_str());
+    if (tally.failed || tally.skipped || tally.errors)
+        std::printf("; %d failed, %d skipped as failed before, %d not scanned (see above)", tally.failed, tally.skipped,
+                    tally.errors);
+    std::printf("; database %s\n", database.c_str());
     return status;
 }
 
@@ -195,6 +213,24 @@ void ListServer(void *data, const char *className, int32_t index)
     ++state->printed;
 }
 
+// The module files that failed a scan, and why.
+void PrintFailed(const Options &o)
+{
+    if (!o.className.empty() || HostFailedCount() == 0)
+        return;
+    std::vector<std::pair<std::string, std::string>> rows{{"FAILED MODULE", "REASON"}};
+    size_t width = rows[0].first.size();
+    for (int32_t i = 0; i < HostFailedCount(); ++i) {
+        const char *reason = nullptr;
+        rows.emplace_back(HostFailedModule(i, &reason), reason);
+        width = std::max(width, rows.back().first.size());
+    }
+    std::sort(rows.begin() + 1, rows.end());
+    std::printf("\n");
+    for (const auto &[module, reason] : rows)
+        std::printf("%-*s  %s\n", static_cast<int>(width), module.c_str(), reason.c_str());
+}
+
 int List(const Options &o)
 {
     if (o.words.size() != 1)
@@ -220,10 +256,12 @@ int List(const Options &o)
     for (int32_t c = 0; c < HostClassCount(); ++c)
         for (int32_t i = 0; i < HostNumServers(HostClassName(c)); ++i)
             ListServer(&state, HostClassName(c), i);
-    if (o.json)
+    if (o.json) {
         std::printf("%s]\n", state.printed ? "\n" : "");
-    else
+    } else {
         PrintColumns(state.rows);
+        PrintFailed(o);
+    }
     HostShutdown();
     return kOk;
 }
@@ -246,10 +284,18 @@ int Activate(const Options &o)
         std::fprintf(stderr, "vxtool plugins: %s:%s has no activation function (its module did not load)\n", cls,
                      name);
         status = kFailed;
+    } else if (result != 0) {
+        // The command line can only hand zeroed local data: most servers want a structure of
+        // their class from an application, or a version.
+        const bool noVersion = o.version < 0 && HostClassVersion(cls) < 0;
+        std::fprintf(stderr,
+                     "vxtool plugins: %s:%s refused the activation (result %d): it needs local data of its class "
+                     "that only an application can give%s\n",
+                     cls, name, static_cast<int>(result),
+                     noVersion ? ", or a version (its class has none: try --version N)" : "");
+        status = kFailed;
     } else {
-        std::printf("activated %s:%s: result %d, first local word %d\n", cls, name, static_cast<int>(result),
-                    static_cast<int>(local[0]));
-        status = result == 0 ? kOk : kFailed;
+        std::printf("activated %s:%s: result 0, first local word %d\n", cls, name, static_cast<int>(local[0]));
     }
     HostFlush();
     HostShutdown();

@@ -254,9 +254,18 @@ add_test(NAME vxtool.plugins_scan_list_activate COMMAND sh -c
    '$<TARGET_FILE:vxtool>' plugins list --class MeshEditTool --db '${vx_plugins_db}' && \
    '$<TARGET_FILE:vxtool>' plugins list --json --db '${vx_plugins_db}' && \
    '$<TARGET_FILE:vxtool>' plugins activate MeshEditTool Example_Box --version 1 --db '${vx_plugins_db}' && \
-   '$<TARGET_FILE:vxtool>' plugins activate Tool Nope --db '${vx_plugins_db}' 2>&1; test $? -eq 1")
+   { '$<TARGET_FILE:vxtool>' plugins activate Tool Nope --db '${vx_plugins_db}' 2>&1; test $? -eq 1; } && \
+   { '$<TARGET_FILE:vxtool>' plugins activate MeshEditTool Example_Box --db '${vx_plugins_db}' 2>&1; test $? -eq 1; }")
 set_tests_properties(vxtool.plugins_scan_list_activate PROPERTIES PASS_REGULAR_EXPRESSION
-  "7 servers from 4 modules.*CLASS         SERVER       USER NAME  MODULE\nMeshEditTool  Example_Box  Box        [^\n]*example_shapes\\.so\n.*\"name\": \"Example_Wrapped\".*activated MeshEditTool:Example_Box: result 0, first local word 1\nvxtool plugins: no server Tool:Nope")
+  "scan complete: 7 servers from 4 modules; database.*CLASS         SERVER       USER NAME  MODULE\nMeshEditTool  Example_Box  Box        [^\n]*example_shapes\\.so\n.*\"name\": \"Example_Wrapped\".*activated MeshEditTool:Example_Box: result 0, first local word 1\nvxtool plugins: no server Tool:Nope\nvxtool plugins: MeshEditTool:Example_Box refused the activation \\(result 5\\): it needs local data of its class that only an application can give, or a version \\(its class has none: try --version N\\)")
+# Failed modules: one line each, the scan still completes (status 0) and list names them.
+set(vx_fixtures_db ${CMAKE_CURRENT_BINARY_DIR}/plugins_fixtures_db)
+add_test(NAME vxtool.plugins_scan_failures COMMAND sh -c
+  "rm -rf '${vx_fixtures_db}' && mkdir -p '${vx_fixtures_db}' && \
+   '$<TARGET_FILE:vxtool>' plugins scan '${CMAKE_BINARY_DIR}/host/fixtures' --time-limit 500 --db '${vx_fixtures_db}' && \
+   '$<TARGET_FILE:vxtool>' plugins list --db '${vx_fixtures_db}'")
+set_tests_properties(vxtool.plugins_scan_failures PROPERTIES PASS_REGULAR_EXPRESSION
+  "fixture_abort\\.so: crashed: SIGABRT\n.*fixture_hang\\.so: timed out after 500 ms\n.*scan complete: 1 server from 1 module; 14 failed.*FAILED MODULE +REASON\n[^\n]*fixture_abort\\.so +crashed: SIGABRT\n")
 vx_cli_test(plugins_missing_directory 3 "absent: no such directory" plugins scan ${vx_plugins_dir}/absent)
 vx_cli_test(plugins_missing_database 3 "no plug-in database at [^\n]*absent\\.cfg" plugins list --db ${vx_plugins_dir}/absent.cfg)
 vx_cli_test(plugins_bad_command_line 2 "unknown subcommand 'frobnicate'" plugins frobnicate)
