@@ -12,6 +12,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <random>
 #include <string>
@@ -285,6 +286,61 @@ void ReadFgets(benchmark::State &state)
     }
     std::remove(path.c_str());
 }
+
+// ---- Scanning 200 good modules: in the module scanner against loading them in process -----
+
+constexpr int kScanModules = 200;
+
+// 200 copies of example_shapes.so (distinct files, so each is loaded afresh), made once.
+const std::string &ScanDir()
+{
+    static const std::string dir = [] {
+        char templ[] = "/tmp/vxtools3-scan-bench-XXXXXX";
+        const std::string made = mkdtemp(templ) ? templ : "/tmp";
+        for (int i = 0; i < kScanModules; ++i)
+            std::filesystem::copy_file(kPlugins + "/example_shapes.so", made + "/shapes_" + std::to_string(1000 + i) + ".so",
+                                       std::filesystem::copy_options::overwrite_existing);
+        std::atexit([] { std::filesystem::remove_all(dir); });
+        return made;
+    }();
+    return dir;
+}
+
+void CountRegistered(void *data, const char *, int32_t outcome, int32_t, const char *)
+{
+    *static_cast<int *>(data) += outcome == HOST_SCAN_REGISTERED;
+}
+
+// A fresh host each time, so that nothing is remembered from the run before.
+void ScanHelper(benchmark::State &state)
+{
+    HostScanSetHelper(VX_MODSCAN);
+    for (auto _ : state) {
+        StartHost();
+        int registered = 0;
+        HostScanDirectory(ScanDir().c_str(), CountRegistered, &registered);
+        StopHost();
+        if (registered != kScanModules)
+            state.SkipWithError("not every module registered");
+    }
+}
+
+void ScanInProcess(benchmark::State &state)
+{
+    for (auto _ : state) {
+        StartHost();
+        int registered = 0;
+        for (int i = 0; i < kScanModules; ++i)
+            registered += HostAddModule((ScanDir() + "/shapes_" + std::to_string(1000 + i) + ".so").c_str(), nullptr) == 3;
+        StopHost();
+        if (registered != kScanModules)
+            state.SkipWithError("not every module registered");
+    }
+}
+
+// Wall time: the scanner's work is in other processes. Divide by 200 for the time per module.
+BENCHMARK(ScanHelper)->Name("scan_200_modules:HostScanDirectory(helper)")->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(ScanInProcess)->Name("scan_200_modules:HostAddModule(in-process)")->Unit(benchmark::kMillisecond)->UseRealTime();
 
 BENCHMARK(WriteHost)->Name("db_write:WriteDatabase/10000")->Unit(benchmark::kMillisecond);
 BENCHMARK(WriteFprintf)->Name("db_write:fprintf/10000")->Unit(benchmark::kMillisecond);

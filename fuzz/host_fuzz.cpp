@@ -62,7 +62,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         std::abort();
     ReadOnce(data, size);
     ReadOnce(data, size / 2);
-    char path[] = "/tmp/vxtools3-host-fuzz-XXXXXX";
+    // In memory when the system has such a folder: every save is flushed to its disk.
+    char path[64];
+    std::snprintf(path, sizeof path, "%s/vxtools3-host-fuzz-XXXXXX", access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp");
     const int fd = mkstemp(path);
     if (fd >= 0) {
         vx::host::WriteDatabaseFile(path);

@@ -19,6 +19,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -143,17 +144,26 @@ bool ReadSome(int fd, ScannerRun *run, bool *ended)
     return run->size <= kReplyMaxBytes;
 }
 
+bool Exited(pid_t pid)
+{
+    siginfo_t info{};
+    return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid;
+}
+
 // Waits until the scanner exits or the deadline passes; true when it exited (not reaped).
+// A process descriptor wakes the wait at the exit; without one the wait polls each millisecond.
 bool WaitExit(pid_t pid, int64_t deadline)
 {
-    for (;;) {
-        siginfo_t info{};
-        if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid)
-            return true;
-        if (NowMs() >= deadline)
-            return false;
-        poll(nullptr, 0, 1);
+    const int process = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+    bool exited = false;
+    while (!(exited = Exited(pid)) && NowMs() < deadline) {
+        pollfd ready{process, POLLIN, 0};
+        poll(process >= 0 ? &ready : nullptr, process >= 0 ? 1 : 0,
+             process >= 0 ? static_cast<int>(deadline - NowMs()) : 1);
     }
+    if (process >= 0)
+        close(process);
+    return exited;
 }
 
 // Kills whatever the scanner's process group still holds (a module may have started

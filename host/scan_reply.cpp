@@ -46,8 +46,10 @@ int TakeText(ReplyCursor *cursor, size_t max, ReplyText *text)
 
 bool ReplyOpen(ReplyCursor *cursor, const void *data, size_t size)
 {
-    *cursor = {static_cast<const unsigned char *>(data), size, sizeof kReplyMagic};
-    return size >= sizeof kReplyMagic && std::memcmp(data, kReplyMagic, sizeof kReplyMagic) == 0;
+    const bool magic = size >= sizeof kReplyMagic && std::memcmp(data, kReplyMagic, sizeof kReplyMagic) == 0;
+    // Without the magic the cursor stands at the end: it yields no items.
+    *cursor = {static_cast<const unsigned char *>(data), size, magic ? sizeof kReplyMagic : size};
+    return magic;
 }
 
 int ReplyNext(ReplyCursor *cursor, ReplyItem *item)

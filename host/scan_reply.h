@@ -61,7 +61,8 @@ struct ReplySummary {
     int32_t result;
 };
 
-// Opens a cursor after the magic; false when the data does not start with it (see CheckReply).
+// Opens a cursor after the magic; false (and a cursor that yields nothing) when the data does
+// not start with it.
 bool ReplyOpen(ReplyCursor *cursor, const void *data, size_t size);
 // Reads the next item: 1 read, 0 at the end of the data, -1 cut short, -2 malformed.
 int ReplyNext(ReplyCursor *cursor, ReplyItem *item);

@@ -97,7 +97,10 @@ bool WriteAll(int fd, const std::string &bytes)
 
 // In sanitizer builds a module that faults must still end this process by its signal, which
 // the host reports by name: the sanitizers' own fault handlers stay out of the way.
-extern "C" __attribute__((used)) const char *__asan_default_options() { return "handle_segv=0:handle_sigbus=0"; }
+extern "C" __attribute__((used)) const char *__asan_default_options()
+{
+    return "handle_segv=0:handle_sigbus=0:detect_leaks=0";
+}
 extern "C" __attribute__((used)) const char *__tsan_default_options() { return "handle_segv=0:handle_sigbus=0"; }
 
 int main(int argc, char **argv)
