@@ -104,9 +104,13 @@ void ReadChecked(VxLoadState *state)
     const auto wide = [](int32_t high, int32_t low) {
         return static_cast<int64_t>(static_cast<uint64_t>(static_cast<uint32_t>(high)) << 32 | static_cast<uint32_t>(low));
     };
-    if (module[0] && stamped && !SetCheck(module, {wide(words[0], words[1]), wide(words[2], words[3]), words[4]},
-                                          failure[0] ? failure : nullptr))
+    if (!module[0] || !stamped)
+        return;
+    ModuleCheck *check =
+        NewCheck(module, {wide(words[0], words[1]), wide(words[2], words[3]), words[4]}, failure[0] ? failure : nullptr);
+    if (!check)
         CkptRecover(1);
+    PutCheck(check);
 }
 
 void MarkStale()

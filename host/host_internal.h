@@ -183,8 +183,11 @@ void RegisterCatalogue();
 
 // Module checks (scan.cpp).
 ModuleCheck *FindCheck(const char *path);
-// Records a check of `path` (kept relative); false when memory ran out (nothing changed).
-bool SetCheck(const char *path, const FileStamp &stamp, const char *failure);
+// A new check record of `path` (kept relative), not yet kept; NULL when memory ran out.
+ModuleCheck *NewCheck(const char *path, const FileStamp &stamp, const char *failure);
+// Keeps a new record in place of the one of its path.
+void PutCheck(ModuleCheck *check);
+void FreeCheck(ModuleCheck *check);
 void FreeAllChecks();
 // Registers the servers of a whole, checked scanner reply as servers of the module at
 // `path`; returns how many, or -3 when memory ran out (nothing registered).

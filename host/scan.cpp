@@ -46,13 +46,6 @@ char g_found[PATH_MAX];   // the helper found by the search
 
 ModuleCheck *AsCheck(VxNode *node) { return reinterpret_cast<ModuleCheck *>(node); }
 
-void FreeCheck(ModuleCheck *check)
-{
-    StringFree(check->path);
-    StringFree(check->failure);
-    FreeHeap(check, sizeof(ModuleCheck));
-}
-
 bool SameStamp(const FileStamp &a, const FileStamp &b)
 {
     return a.size == b.size && a.mtimeSeconds == b.mtimeSeconds && a.mtimeNanoseconds == b.mtimeNanoseconds;
@@ -106,7 +99,7 @@ const char *HelperPath() { return g_helper[0] ? g_helper : SearchHelper(); }
 
 // ---- Running the scanner ----------------------------------------------------------------
 
-enum class RunEnd : uint8_t { NotStarted, Exited, Signalled, TimedOut, TooLong };
+enum class RunEnd : uint8_t { NotStarted, Exited, Signalled, TimedOut, TooLong, OutOfMemory };
 
 struct ScannerRun {
     RunEnd end;
@@ -123,14 +116,18 @@ int64_t NowMs()
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// Appends what the pipe holds; false when the reply outgrows its limit or memory ran out.
+// Appends what the pipe holds; false when the reply outgrows its limit or memory ran out
+// (`end` says which).
 bool ReadSome(int fd, ScannerRun *run, bool *ended)
 {
     if (run->capacity - run->size < 4096) {
         const size_t grown = run->capacity ? run->capacity * 2 : 16384;
+        run->end = RunEnd::TooLong;
         if (grown > kReplyMaxBytes + 16384)
             return false;
-        char *moved = static_cast<char *>(StdTryRealloc(run->reply, run->capacity, grown));
+        char *moved = static_cast<char *>(run->reply ? StdTryRealloc(run->reply, run->capacity, grown)
+                                                     : StdTryAlloc(grown));
+        run->end = moved ? RunEnd::Exited : RunEnd::OutOfMemory;
         if (!moved)
             return false;
         run->reply = moved;
@@ -174,7 +171,7 @@ void Reap(pid_t pid, ScannerRun *run)
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
-    if (run->end == RunEnd::TimedOut || run->end == RunEnd::TooLong)
+    if (run->end != RunEnd::Exited)
         return;
     if (WIFSIGNALED(status))
         *run = {RunEnd::Signalled, WTERMSIG(status), run->reply, run->size, run->capacity};
@@ -253,10 +250,8 @@ void RunScanner(const char *helper, const char *module, ScannerRun *run)
             run->end = RunEnd::TimedOut;
             break;
         }
-        if (!ReadSome(fds[0], run, &ended)) {
-            run->end = RunEnd::TooLong;
+        if (!ReadSome(fds[0], run, &ended))
             break;
-        }
     }
     close(fds[0]);
     if (run->end == RunEnd::Exited && !WaitExit(pid, deadline))
@@ -305,8 +300,8 @@ struct Outcome {
     bool remember;    // a failure of the module itself, kept with its stamp
 };
 
-// What the scanner's run says about the module; registers its servers when it was accepted.
-Outcome Judge(const ScannerRun &run, const char *helper, const char *path, char *reason)
+// What the scanner's run says about the module (HOST_SCAN_REGISTERED: a whole reply to register).
+Outcome Judge(const ScannerRun &run, const char *helper, char *reason)
 {
     char name[32];
     switch (run.end) {
@@ -325,6 +320,8 @@ Outcome Judge(const ScannerRun &run, const char *helper, const char *path, char 
     case RunEnd::TooLong:
         std::snprintf(reason, kReasonMax, "refused: the scanner's reply is too long");
         return {HOST_SCAN_REFUSED, 0, true};
+    case RunEnd::OutOfMemory:
+        return {HOST_SCAN_ERROR, 0, false};  // raised by the caller
     case RunEnd::Exited:
         break;
     }
@@ -342,13 +339,12 @@ Outcome Judge(const ScannerRun &run, const char *helper, const char *path, char 
         RefusalReason(run, reason);
         return {HOST_SCAN_REFUSED, 0, true};
     }
-    const int32_t count = summary.result >= 0 ? RegisterReply(run.reply, run.size, path) : -3;
-    if (count < 0) {
-        std::snprintf(reason, kReasonMax, "out of memory");
+    if (summary.result < 0) {
+        std::snprintf(reason, kReasonMax, "the module scanner ran out of memory");
         return {HOST_SCAN_ERROR, 0, false};
     }
     reason[0] = '\0';
-    return {HOST_SCAN_REGISTERED, count, true};
+    return {HOST_SCAN_REGISTERED, 0, true};
 }
 
 int32_t CountModuleServers(const char *path)
@@ -406,39 +402,57 @@ int32_t Precheck(const char *full, const char *key, FileStamp *stamp, int32_t *s
     return -1;
 }
 
-void ScanFile(const char *path, HostScanReport *report, void *data)
+void FreeCheckArm(uintptr_t check, uintptr_t) { FreeCheck(reinterpret_cast<ModuleCheck *>(check)); }
+
+// Runs the scanner unless the file can be judged without it.
+Outcome Examine(const char *full, const char *key, FileStamp *stamp, ScannerRun *run, char *reason)
+{
+    int32_t servers = 0;
+    const int32_t code = Precheck(full, key, stamp, &servers, reason);
+    if (code >= 0)
+        return {code, servers, false};
+    const char *helper = HelperPath();
+    if (!helper) {
+        std::snprintf(reason, kReasonMax, "the module scanner vxmodscan was not found");
+        return {HOST_SCAN_ERROR, 0, false};
+    }
+    RunScanner(helper, full, run);
+    return Judge(*run, helper, reason);
+}
+
+// Scans one file and reports it. Registering its servers and recording the check happen
+// together or not at all: false (or a raise to an open block) when memory ran out, with
+// nothing of this file kept.
+bool ScanFile(const char *path, HostScanReport *report, void *data)
 {
     char reason[kReasonMax] = "";
-    const char *key = RelativePath(path);
-    char *full = nullptr;
-    if (CkptBegin()) {
-        CkptLatchCode();
-        if (report)
-            report(data, path, HOST_SCAN_ERROR, 0, "out of memory");
-        return;
-    }
-    full = ComposeFullPath(key);
-    CkptEnd();
+    const char *const key = RelativePath(path);
+    CKPT_BEGIN_OR_RETURN(false);
+    char *full = ComposeFullPath(key);
+    CkptArm(StringFreeArm, reinterpret_cast<uintptr_t>(full), 0);
     FileStamp stamp{};
-    int32_t servers = 0;
-    Outcome outcome{Precheck(full, key, &stamp, &servers, reason), servers, false};
-    if (outcome.code < 0) {
-        const char *helper = HelperPath();
-        ScannerRun run{};
-        if (!helper) {
-            std::snprintf(reason, kReasonMax, "the module scanner vxmodscan was not found");
-            outcome = {HOST_SCAN_ERROR, 0, false};
-        } else {
-            RunScanner(helper, full, &run);
-            outcome = Judge(run, helper, key, reason);
-        }
-        FreeHeap(run.reply, run.capacity);
-        if (outcome.remember && SetCheck(key, stamp, outcome.code == HOST_SCAN_REGISTERED ? nullptr : reason))
-            DatabaseModifiable();  // the checks changed: the database is to be written
+    ScannerRun run{};
+    Outcome outcome = Examine(full, key, &stamp, &run, reason);
+    CkptArm(StdFreeArm, reinterpret_cast<uintptr_t>(run.reply), run.capacity);
+    if (run.end == RunEnd::OutOfMemory)
+        CkptRecover(1);
+    const bool registering = outcome.code == HOST_SCAN_REGISTERED;
+    ModuleCheck *check = outcome.remember ? NewCheck(key, stamp, registering ? nullptr : reason) : nullptr;
+    if (check) {
+        CkptArm(FreeCheckArm, reinterpret_cast<uintptr_t>(check), 0);
+        if (registering)
+            outcome.servers = RegisterReply(run.reply, run.size, key);
     }
+    CkptEnd();
+    if (check) {
+        PutCheck(check);
+        DatabaseModifiable();  // the checks changed: the database is to be written
+    }
+    FreeHeap(run.reply, run.capacity);
     StringFree(full);
     if (report)
         report(data, path, outcome.code, outcome.servers, reason[0] ? reason : nullptr);
+    return true;
 }
 
 bool Scannable() { return HostRunning() && g_host.database != DatabaseState::Catalogue; }
@@ -470,6 +484,8 @@ void FreeNames(NameList *list)
         FreeHeap(list->names[i], std::strlen(list->names[i]) + 1);
     FreeHeap(list->names, list->capacity * sizeof(char *));
 }
+
+void FreeNamesArm(uintptr_t list, uintptr_t) { FreeNames(reinterpret_cast<NameList *>(list)); }
 
 // The module file names of a directory, sorted; false when memory ran out.
 bool ReadNames(DIR *dir, NameList *list)
@@ -510,10 +526,17 @@ ModuleCheck *FindCheck(const char *path)
     return nullptr;
 }
 
-bool SetCheck(const char *givenPath, const FileStamp &stamp, const char *failure)
+void FreeCheck(ModuleCheck *check)
+{
+    StringFree(check->path);
+    StringFree(check->failure);
+    FreeHeap(check, sizeof(ModuleCheck));
+}
+
+ModuleCheck *NewCheck(const char *givenPath, const FileStamp &stamp, const char *failure)
 {
     const char *const path = RelativePath(givenPath);
-    CKPT_BEGIN_OR_RETURN(false);
+    CKPT_BEGIN_OR_RETURN(nullptr);
     auto *check = static_cast<ModuleCheck *>(StdAlloc(sizeof(ModuleCheck)));
     CkptArm(StdFreeArm, reinterpret_cast<uintptr_t>(check), sizeof(ModuleCheck));
     check->path = StringCopy(path);
@@ -521,12 +544,16 @@ bool SetCheck(const char *givenPath, const FileStamp &stamp, const char *failure
     check->failure = StringCopy(failure);
     CkptEnd();
     check->stamp = stamp;
-    if (ModuleCheck *old = FindCheck(path)) {
+    return check;
+}
+
+void PutCheck(ModuleCheck *check)
+{
+    if (ModuleCheck *old = FindCheck(check->path)) {
         Remove(&old->node);
         FreeCheck(old);
     }
     AddHead(&g_host.checks, &check->node);
-    return true;
 }
 
 void FreeAllChecks()
@@ -583,8 +610,8 @@ VX_API int32_t HostScanModules(const char *const *paths, int32_t count, HostScan
     if (!Scannable() || (count > 0 && !paths))
         return -1;
     for (int32_t i = 0; i < count; ++i)
-        if (paths[i])
-            ScanFile(paths[i], report, data);
+        if (paths[i] && !ScanFile(paths[i], report, data))
+            return -3;
     return count > 0 ? count : 0;
 }
 
@@ -602,14 +629,17 @@ VX_API int32_t HostScanDirectory(const char *dir, HostScanReport *report, void *
         FreeNames(&list);
         return -3;
     }
+    CKPT_BEGIN_OR_RETURN(-3);
+    CkptArm(FreeNamesArm, reinterpret_cast<uintptr_t>(&list), 0);
     char path[PATH_MAX];
     int32_t scanned = 0;
     for (size_t i = 0; i < list.count; ++i) {
         if (std::snprintf(path, sizeof path, "%s/%s", dir, list.names[i]) >= static_cast<int>(sizeof path))
             continue;
-        ScanFile(path, report, data);
+        ScanFile(path, report, data);  // a failure unwinds to the block above
         ++scanned;
     }
+    CkptEnd();
     FreeNames(&list);
     return scanned;
 }

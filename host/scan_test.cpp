@@ -9,6 +9,7 @@
 #include "host/scan_reply.h"
 #include "host/scan_reply_writer.h"
 #include "testkit/capture.h"
+#include "testkit/oom_sweep.h"
 
 #include <gtest/gtest.h>
 
@@ -62,7 +63,7 @@ protected:
     {
         while (HostRunning())
             HostShutdown();
-        HostSetDatabase(nullptr), HostScanSetHelper(nullptr), HostScanSetTimeLimit(0);
+        HostSetDatabase(nullptr), HostScanSetHelper(nullptr), HostScanSetTimeLimit(0), GlobalListCleanup();
         FileSetSystemPath(SYSTEM_PATH_HOST, nullptr);
     }
     void Copy(const std::string &from, const std::string &name)
@@ -182,6 +183,87 @@ TEST_F(ScanTest, FailuresAreRememberedUntilTheFileChanges)
     EXPECT_EQ(ScanAll().at("fixture_version4.so"),
               "error: the module scanner /nonexistent/vxmodscan could not start: No such file or directory");
     EXPECT_EQ(HostFailedCount(), 1);
+}
+
+// A scanner that is not ours answers each file: the host keeps to what the pipe and the
+// process's end tell it, and stops waiting at the time limit whatever the scanner does.
+TEST_F(ScanTest, AHostileScannerCostsOneLineAndNoMoreThanTheTimeLimit)
+{
+    vxtest::TempDir scripts;
+    const std::pair<const char *, std::string> cases[] = {
+        {"printf 'VXSCAN1\\nX' >&3", "refused: the scanner's reply is damaged"},
+        {"exit 3", "exited with status 3 before answering"},
+        {"printf 'VXSCAN1\\nD\\0\\0\\0\\0' >&3; exit 4", "exited with status 4 before answering"},
+        {"printf 'VXSCAN1\\nD\\0\\0\\0\\0' >&3; exec sleep 30", "timed out after 1 s"},
+        {"sleep 30 >&3 & exit 0", "timed out after 1 s"},  // a child keeps the pipe open
+        {"head -c 2000000 /dev/zero >&3", "refused: the scanner's reply is too long"},
+        {"kill -KILL $$", "crashed: SIGKILL"},
+        {"printf 'VXSCAN1\\nS\\1\\0A\\1\\0BD\\1\\0\\0\\0' >&3", "registered 1 server"},
+    };
+    ASSERT_EQ(HostStartup(), 1);
+    int index = 0;
+    for (const auto &[script, line] : cases) {
+        const std::string helper = scripts.File("scanner" + std::to_string(index) + ".sh");
+        const std::string module = "m" + std::to_string(index++) + ".so";
+        std::ofstream(helper) << "#!/bin/sh\n" << script << "\n";
+        fs::permissions(helper, fs::perms::owner_all);
+        Copy(kFixtures + "/fixture_good.so", module);
+        HostScanSetHelper(helper.c_str());
+        Lines lines;
+        const auto started = std::chrono::steady_clock::now();
+        EXPECT_EQ(HostScanModules(std::vector<const char *>{module.c_str()}.data(), 1, Collect, &lines), 1);
+        EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(2500)) << script;
+        EXPECT_EQ(lines[module], line) << script;
+    }
+    EXPECT_STREQ(ServerGetModule("A", 0), "m7.so");
+    EXPECT_EQ(HostFailedCount(), 7);
+}
+
+// Every allocation of a scan failing in turn: the scan fails without a report and the
+// catalogue, its records and its database text are as they were.
+TEST_F(ScanTest, AScanThatRunsOutOfMemoryChangesNothing)
+{
+    Copy(kFixtures + "/fixture_version4.so", "refused.so"), Copy(kPlugins + "/example_shapes.so", "shapes.so");
+    const std::string image = db_.File("image.cfg");
+    const auto text = [&] { return vx::host::WriteDatabaseFile(image.c_str()), ReadFile(image); };
+    HostSetDatabase(nullptr), GlobalListCleanup();  // made again under the counted heap
+    const auto start = [&] {
+        HostSetDatabase(db_.Path().c_str()), HostStartup(), HostAddPlugIn("Tool", "Old", "old", "old.so");
+        GlobalPortAttach("warm-up", 1, 0, nullptr), GlobalPortDetach("warm-up", 1);
+    };
+    for (const char *module : {"refused.so", "shapes.so"}) {
+        std::string before;
+        Lines lines;
+        vxtest::OomSweepAll({[&] { start(), before = text(); },
+                             [&] { return lines.clear(), HostScanModules(&module, 1, Collect, &lines) == 1; },
+                             [&] { EXPECT_TRUE(text() == before && lines.empty()); },
+                             [] { while (HostRunning()) HostShutdown(); HostSetDatabase(nullptr), GlobalListCleanup(); }});
+    }
+}
+
+TEST_F(ScanTest, CheckRecordsAreWrittenAndReadBack)
+{
+    Copy(kFixtures + "/fixture_abort.so", "abort.so"), Copy(kFixtures + "/fixture_good.so", "good.so");
+    ASSERT_EQ(HostStartup(), 1);
+    ScanAll();
+    ASSERT_EQ(HostWriteDatabase(), 1);
+    const auto stampOf = [&](const char *name) {
+        struct stat info;
+        stat(Module(name).c_str(), &info);
+        return " " + std::to_string(info.st_size >> 32) + " " + std::to_string(info.st_size & 0xffffffff) + " " +
+               std::to_string(info.st_mtim.tv_sec >> 32) + " " + std::to_string(info.st_mtim.tv_sec & 0xffffffff) +
+               " " + std::to_string(info.st_mtim.tv_nsec);
+    };
+    const std::string file = ReadFile(HostDatabaseFile());
+    const std::string checks = file.substr(file.find("Checked"));
+    EXPECT_EQ(checks, "Checked {\n  Module \"abort.so\"\n  Stamp" + stampOf("abort.so") +
+                          "\n  Failure \"crashed: SIGABRT\"\n}\nChecked {\n  Module \"good.so\"\n  Stamp" +
+                          stampOf("good.so") + "\n}\n");
+    HostShutdown();
+    HostSetDatabase(db_.Path().c_str());
+    ASSERT_EQ(HostStartup(), 1);
+    ASSERT_EQ(HostWriteDatabase(), 1);
+    EXPECT_EQ(ReadFile(HostDatabaseFile()), file);
 }
 
 // ---- The reply reader ------------------------------------------------------------------

@@ -275,7 +275,8 @@ enum {
  * except for the first two outcomes, the reason in one line (NULL otherwise). */
 typedef void HostScanReport(void *data, const char *path, int32_t outcome, int32_t servers, const char *reason);
 /* Scans `count` module files (relative paths are taken inside the host directory). Returns
- * `count`, or -1 when the host is not running or in catalogue mode. */
+ * `count`; -1 when the host is not running or in catalogue mode; -3 when memory ran out (the
+ * files before are scanned, nothing of the failing one is kept, later ones are not scanned). */
 VX_API int32_t HostScanModules(const char *const *paths, int32_t count, HostScanReport *report, void *data);
 /* Scans the files of `dir` named "*.so" or "*.p" (not starting with "."), in byte order of
  * their names. Returns the number of files, -1 as HostScanModules, -2 when the directory
