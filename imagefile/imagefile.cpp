@@ -228,6 +228,8 @@ bool NamesExtension(const char *name, const char *ext)
 
 }  // namespace
 
+VX_API const ImageFileServices *ImageFileGetServices(void) { return &kServices; }
+
 VX_API void ImageFileSetPixelLimit(uint64_t pixels) { g_pixelLimit = pixels ? pixels : IMAGEFILE_DEFAULT_PIXEL_LIMIT; }
 
 VX_API uint64_t ImageFileGetPixelLimit(void) { return g_pixelLimit; }

@@ -316,3 +316,152 @@ TEST_F(ImageFiles, SaverForExtension)
 }
 
 }  // namespace
+
+namespace {
+
+// The database written by scanning is read back by the next start, and its PNG loader loads.
+TEST_F(ImageFiles, ScannedDatabaseActivatesAfterRestart)
+{
+    HostShutdown();
+    ASSERT_EQ(HostSetDatabase(dir_->Path().c_str()), 1);
+    ASSERT_EQ(HostStartup(), 1);
+    const int32_t index = ServerGetIndex("ImageLoader", "VX_PNGLoader");
+    ASSERT_GE(index, 0);
+    const std::string module = ServerGetModule("ImageLoader", index);
+    EXPECT_EQ(module.substr(module.size() - 13), "Plugins/PNG.p");
+    EXPECT_EQ(ServerModuleLoaded("ImageLoader", "VX_PNGLoader"), 0);
+    VxImage *image = ImageCreate(VX_PIXEL_RGB, 3, 2);
+    const std::string file = File("restart.png");
+    ASSERT_EQ(ImageFileSave(file.c_str(), nullptr, image, 0, nullptr, 0), IMAGEFILE_OK);
+    ImageDestroy(image);
+    Loaded in;
+    imftest::Load(file, in);
+    EXPECT_EQ(in.result, IMAGEFILE_OK) << in.message;
+    EXPECT_EQ(ServerModuleLoaded("ImageLoader", "VX_PNGLoader"), 1);
+}
+
+// Damaged files of every format we write: cut short or with bytes changed, each load either
+// succeeds with an image that matches its header or fails with one line and no image.
+TEST_F(ImageFiles, DamagedFilesFailInOneLine)
+{
+    VxImage *image = ImageCreate(VX_PIXEL_RGBA_FLOAT, 23, 17);
+    for (int32_t y = 0; y < 17; ++y)
+        for (int32_t x = 0; x < 23; ++x) {
+            const auto fx = static_cast<float>(x), fy = static_cast<float>(y);
+            const float rgba[4] = {fx / 22.0f, fy / 16.0f, static_cast<float>((x + y) % 5) / 4.0f, 1.0f - fx / 44.0f};
+            image->setPixel(image, VX_PIXEL_RGBA_FLOAT, x, y, rgba);
+        }
+    VxImage *palette = ImageIndexCreate(23, 17, 256);
+    for (int32_t y = 0; y < 17; ++y) {
+        uint8_t row[23];
+        for (int32_t x = 0; x < 23; ++x)
+            row[x] = static_cast<uint8_t>(x * 11 + y * 3);
+        palette->setLine(palette, VX_PIXEL_INDEX, y, row);
+    }
+    const std::pair<const char *, VxImage *> savers[] = {
+        {"VX_PNG32(.png)", image},   {"VX_PNG24(.png)", palette}, {"VX_JPEG(.jpg)", image},
+        {"VX_TIFF32(.tif)", image},  {"VX_BMP32(.bmp)", image},   {"VX_TGA32(.tga)", image},
+        {"VX_PShop24(.psd)", image}, {"VX_ILBM(.iff)", image},    {"VX_ILBM(.iff)", palette},
+    };
+    uint32_t seed = 12345;
+    int loads = 0, succeeded = 0;
+    for (const auto &[saver, source] : savers) {
+        SCOPED_TRACE(saver);
+        const std::string good = File("good"), bad = File("bad");
+        ASSERT_EQ(ImageFileSave(good.c_str(), saver, source, 0, nullptr, 0), IMAGEFILE_OK);
+        const std::vector<uint8_t> bytes = vxtest::ReadBytes(good);
+        for (int round = 0; round < 60; ++round) {
+            std::vector<uint8_t> damaged = bytes;
+            if (round < 12) {
+                damaged.resize(bytes.size() * static_cast<size_t>(round) / 12);
+            } else {
+                for (int flips = 1 + round % 4; flips > 0; --flips) {
+                    seed = seed * 1103515245u + 12345u;
+                    damaged[(seed >> 8) % damaged.size()] = static_cast<uint8_t>(seed >> 24);
+                }
+            }
+            vxtest::WriteBytes(bad, damaged);
+            Loaded in;
+            imftest::Load(bad, in);
+            ++loads;
+            if (in.result == IMAGEFILE_OK) {
+                ++succeeded;
+                ASSERT_NE(in.image, nullptr);
+                EXPECT_EQ(in.image->width * 1000 + in.image->height, in.info.width * 1000 + in.info.height);
+            } else {
+                EXPECT_EQ(in.image, nullptr);
+                EXPECT_FALSE(in.message.empty());
+                EXPECT_EQ(in.message.find('\n'), std::string::npos);
+            }
+        }
+    }
+    std::printf("  %d damaged files loaded, %d of them still decoded\n", loads, succeeded);
+    ImageDestroy(palette);
+    ImageDestroy(image);
+}
+
+// ILBM headers that lie: more pixels than the limit, a BODY shorter than its rows, runs that
+// cross a row, no BMHD.
+TEST_F(ImageFiles, IlbmLiesAreRefused)
+{
+    auto chunk = [](const char *id, const std::vector<uint8_t> &data) {
+        std::vector<uint8_t> out(id, id + 4);
+        const auto n = static_cast<uint32_t>(data.size());
+        for (int shift = 24; shift >= 0; shift -= 8)
+            out.push_back(static_cast<uint8_t>(n >> shift));
+        out.insert(out.end(), data.begin(), data.end());
+        if (n & 1)
+            out.push_back(0);
+        return out;
+    };
+    auto form = [&](const std::vector<std::vector<uint8_t>> &chunks) {
+        std::vector<uint8_t> body = {'I', 'L', 'B', 'M'};
+        for (const auto &c : chunks)
+            body.insert(body.end(), c.begin(), c.end());
+        return chunk("FORM", body);
+    };
+    auto bmhd = [&](uint16_t w, uint16_t h, uint8_t planes, uint8_t compression) {
+        return chunk("BMHD", {static_cast<uint8_t>(w >> 8), static_cast<uint8_t>(w), static_cast<uint8_t>(h >> 8),
+                              static_cast<uint8_t>(h), 0, 0, 0, 0, planes, 0, compression, 0, 0, 0, 1, 1, 0, 16, 0, 16});
+    };
+    const std::vector<uint8_t> cmap = chunk("CMAP", {0, 0, 0, 255, 255, 255});
+    struct Case {
+        const char *name;
+        std::vector<uint8_t> file;
+        int32_t result;
+        const char *message;
+    };
+    const Case cases[] = {
+        {"huge", form({bmhd(65535, 65535, 24, 1), chunk("BODY", {0, 0})}), IMAGEFILE_TOO_LARGE,
+         "ILBM: 65535 x 65535 pixels is more than the limit of 268435456 pixels"},
+        {"short body", form({bmhd(16, 4, 1, 0), cmap, chunk("BODY", {1, 2, 3, 4})}), IMAGEFILE_BAD_FILE,
+         "ILBM: the BODY ends or breaks off at row 2"},
+        {"run crosses row", form({bmhd(16, 1, 1, 1), cmap, chunk("BODY", {0x80 + 0x7D, 9})}), IMAGEFILE_BAD_FILE,
+         "ILBM: the BODY ends or breaks off at row 0"},
+        {"no bmhd", form({cmap, chunk("BODY", {0})}), IMAGEFILE_BAD_FILE, "ILBM: the file has no BMHD"},
+        {"12 planes", form({bmhd(8, 1, 12, 0), chunk("BODY", {0})}), IMAGEFILE_BAD_FILE,
+         "ILBM: 12 planes with compression 0 cannot be read"},
+        {"truncated form", std::vector<uint8_t>{'F', 'O', 'R', 'M', 0, 0, 1, 0, 'I', 'L', 'B', 'M', 'B', 'M', 'H', 'D', 0, 0, 0, 20, 1},
+         IMAGEFILE_BAD_FILE, "ILBM: the file is truncated or its chunks do not fit"},
+        // Row 0 a literal of two bytes, row 1 a run of two 0xAA.
+        {"two rows", form({bmhd(16, 2, 1, 1), cmap, chunk("BODY", {1, 0xF0, 0x0F, 0xFF, 0xAA})}), IMAGEFILE_OK, ""},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        vxtest::WriteBytes(File("lie.iff"), c.file);
+        Loaded in;
+        imftest::Load(File("lie.iff"), in);
+        EXPECT_EQ(in.result, c.result);
+        EXPECT_EQ(in.message, c.message);
+    }
+    Loaded rows;
+    imftest::Load(File("lie.iff"), rows);
+    ASSERT_EQ(rows.result, IMAGEFILE_OK);
+    uint8_t top[16], bottom[16];
+    rows.image->getLine(rows.image, VX_PIXEL_INDEX, 0, top);
+    rows.image->getLine(rows.image, VX_PIXEL_INDEX, 1, bottom);
+    EXPECT_EQ(std::vector<uint8_t>(top, top + 16), (std::vector<uint8_t>{1, 1, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1}));
+    EXPECT_EQ(std::vector<uint8_t>(bottom, bottom + 16), (std::vector<uint8_t>{1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0}));
+}
+
+}  // namespace

@@ -31,8 +31,11 @@
 #include <stb/stb_image.h>
 #include <stb/stb_image_write.h>
 
-static inline uint32_t Le16(const unsigned char *p) { return (uint32_t)p[0] | (uint32_t)p[1] << 8; }
-static inline uint32_t Be16(const unsigned char *p) { return (uint32_t)p[0] << 8 | (uint32_t)p[1]; }
+#if defined(IMF_PSD)
+static uint32_t Be16(const unsigned char *p) { return (uint32_t)p[0] << 8 | (uint32_t)p[1]; }
+#else
+static uint32_t Le16(const unsigned char *p) { return (uint32_t)p[0] | (uint32_t)p[1] << 8; }
+#endif
 
 /* What the header says beyond stb's size: bits per channel, colour model and, where stb's
  * own answer is not the file's (PSD), the channels to ask for. Returns 0 when the file is not

@@ -128,6 +128,9 @@ typedef struct ImageSaverLocal {
 
 /* ---- Library calls for applications (the host must be running) ----------------------- */
 
+/* The services table the library hands to loaders and savers, for applications that activate
+ * an ImageLoader or ImageSaver server themselves. */
+VX_API const ImageFileServices *ImageFileGetServices(void);
 /* Sets the pixel limit of later loads (0 restores IMAGEFILE_DEFAULT_PIXEL_LIMIT). */
 VX_API void ImageFileSetPixelLimit(uint64_t pixels);
 /* Returns the pixel limit in force. */
