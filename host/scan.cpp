@@ -141,10 +141,14 @@ bool ReadSome(int fd, ScannerRun *run, bool *ended)
     return run->size <= kReplyMaxBytes;
 }
 
+// True once the scanner has exited. An application that ignores SIGCHLD has its children
+// reaped by the system: then the end of the pipe is all there is to go by.
 bool Exited(pid_t pid)
 {
     siginfo_t info{};
-    return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid;
+    if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0)
+        return errno == ECHILD;
+    return info.si_pid == pid;
 }
 
 // Waits until the scanner exits or the deadline passes; true when it exited (not reaped).

@@ -219,6 +219,20 @@ TEST_F(ScanTest, AHostileScannerCostsOneLineAndNoMoreThanTheTimeLimit)
     EXPECT_EQ(HostFailedCount(), 7);
 }
 
+// The system reaps the scanner of an application that ignores SIGCHLD: the reply still counts,
+// and a crash is still seen as a reply that never came.
+TEST_F(ScanTest, AnApplicationThatIgnoresItsChildrenStillScans)
+{
+    Copy(kFixtures + "/fixture_good.so", "good.so"), Copy(kFixtures + "/fixture_segv.so", "segv.so");
+    ASSERT_EQ(HostStartup(), 1);
+    struct sigaction ignore {}, previous{};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGCHLD, &ignore, &previous);
+    const Lines lines = ScanAll();
+    sigaction(SIGCHLD, &previous, nullptr);
+    EXPECT_EQ(lines, (Lines{{"good.so", "registered 1 server"}, {"segv.so", "exited with status 0 before answering"}}));
+}
+
 // Every allocation of a scan failing in turn: the scan fails without a report and the
 // catalogue, its records and its database text are as they were.
 TEST_F(ScanTest, AScanThatRunsOutOfMemoryChangesNothing)

@@ -73,4 +73,12 @@ internal=$(nm -D --defined-only "$libdir/libvxtools3.so.3" | awk '{print $3}' | 
 "$work/prefix/bin/vxtool" demo --out "$work/demo" > "$work/demo.log" 2>&1 ||
   { tail -n 20 "$work/demo.log"; fail "the installed vxtool demo failed"; }
 echo "installed vxtool demo passed"
+# The module scanner is installed and found; the tests' failure fixtures are not installed, so
+# a scan of the installed modules has nothing to refuse.
+[ -x "$work/prefix/libexec/vxtools3/vxmodscan" ] || fail "the module scanner was not installed"
+[ -z "$(find "$work/prefix" -name 'fixture_*')" ] || fail "test fixtures were installed"
+mkdir "$work/plugins-db"
+"$work/prefix/bin/vxtool" plugins scan "$libdir/vxtools3/plugins" --db "$work/plugins-db" |
+  grep -q '^scan complete: 7 servers from 4 modules; database' || fail "the installed plug-ins did not scan cleanly"
+echo "installed plug-ins scanned"
 echo "install test passed"
