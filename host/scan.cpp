@@ -249,11 +249,13 @@ void RunScanner(const char *helper, const char *module, ScannerRun *run)
     bool ended = false;
     while (!ended) {
         const int64_t left = deadline - NowMs();
-        pollfd ready{fds[0], POLLIN, 0};
-        if (left <= 0 || (poll(&ready, 1, static_cast<int>(left)) == 0 && NowMs() >= deadline)) {
+        if (left <= 0) {
             run->end = RunEnd::TimedOut;
             break;
         }
+        pollfd ready{fds[0], POLLIN, 0};
+        if (poll(&ready, 1, static_cast<int>(left)) <= 0)
+            continue;  // interrupted, or the time is up: the clock decides
         if (!ReadSome(fds[0], run, &ended))
             break;
     }
