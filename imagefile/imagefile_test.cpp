@@ -2,6 +2,8 @@
 // netpbm read pixel for pixel, pictures we write read back by those tools, and hostile files.
 #include "imagefile_test.h"
 
+#include "testkit/oom_sweep.h"
+
 #include <gtest/gtest.h>
 #include <png.h>
 
@@ -462,6 +464,53 @@ TEST_F(ImageFiles, IlbmLiesAreRefused)
     rows.image->getLine(rows.image, VX_PIXEL_INDEX, 1, bottom);
     EXPECT_EQ(std::vector<uint8_t>(top, top + 16), (std::vector<uint8_t>{1, 1, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1}));
     EXPECT_EQ(std::vector<uint8_t>(bottom, bottom + 16), (std::vector<uint8_t>{1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0}));
+}
+
+}  // namespace
+
+namespace {
+
+// Loads and saves with the library's allocation k failing: each failing run reports a code
+// (no image, nothing leaked) and the run with no failure succeeds.
+TEST_F(ImageFiles, OutOfMemoryFailsCleanly)
+{
+    VxImage *rgb = ImageCreate(VX_PIXEL_RGB_FLOAT, 7, 5);
+    VxImage *palette = ImageIndexCreate(7, 5, 16);
+    const std::pair<const char *, VxImage *> formats[] = {
+        {"VX_PNG24(.png)", rgb}, {"VX_ILBM(.iff)", palette}, {"VX_TIFF24(.tif)", rgb}, {"VX_JPEG(.jpg)", rgb}};
+    for (const auto &format : formats) {
+        const char *saver = format.first;  // named, not bound: lambdas capture them below
+        VxImage *image = format.second;
+        SCOPED_TRACE(saver);
+        const std::string file = File("oom"), copy = File("oom-copy");
+        ASSERT_EQ(ImageFileSave(file.c_str(), saver, image, 0, nullptr, 0), IMAGEFILE_OK);
+        Loaded warm;  // the modules are loaded before the sweep
+        imftest::Load(file, warm);
+        VxImage *loaded = nullptr;
+        int32_t result = IMAGEFILE_OK;
+        const vxtest::OomCase load{[] {},
+                                   [&] {
+                                       result = ImageFileLoad(file.c_str(), &loaded, nullptr, nullptr, 0);
+                                       return result == IMAGEFILE_OK;
+                                   },
+                                   [&] {
+                                       EXPECT_EQ(loaded, nullptr);
+                                       EXPECT_TRUE(result == IMAGEFILE_NO_MEMORY || result == IMAGEFILE_BAD_FILE) << result;
+                                   },
+                                   [&] {
+                                       ImageDestroy(loaded);
+                                       loaded = nullptr;
+                                   }};
+        const vxtest::OomCase save{[] {},
+                                   [&] { return ImageFileSave(copy.c_str(), saver, image, 0, nullptr, 0) == IMAGEFILE_OK; },
+                                   [] {}, [] {}};
+        for (vxtest::FailMode mode : {vxtest::FailMode::Once, vxtest::FailMode::FromThen}) {
+            EXPECT_GT(vxtest::OomSweep(load, mode).failingRuns, 0);
+            EXPECT_GT(vxtest::OomSweep(save, mode).failingRuns, 0);
+        }
+    }
+    ImageDestroy(palette);
+    ImageDestroy(rgb);
 }
 
 }  // namespace
