@@ -265,7 +265,7 @@ void Erase(benchmark::State &state)
 
 void TableSizes(benchmark::internal::Benchmark *b)
 {
-    b->RangeMultiplier(10)->Range(1000, 1000000)->Unit(benchmark::kMicrosecond);
+    b->RangeMultiplier(10)->Range(100, 1000000)->Unit(benchmark::kMicrosecond);
 }
 
 #define TABLE_CASES(op, name)                                                                   \
