@@ -53,7 +53,9 @@ void WideBlurRows(const BlurKernel &kernel, const uint8_t *src, uint8_t *dst, in
                   uint32_t bpp, uint8_t *line, uint32_t *const words[3]);
 // Bytes of work memory of the wide vertical pass.
 size_t WideColumnBytes();
-// The vertical pass over `data` in place, with WideColumnBytes bytes at `work`.
-void WideBlurColumns(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, int32_t height, uint8_t *work);
+// The vertical pass in place over the first `columns` byte columns of `data` (rows
+// `rowBytes` apart), with WideColumnBytes bytes at `work`.
+void WideBlurColumns(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, size_t columns, int32_t height,
+                     uint8_t *work);
 
 }  // namespace vx::image

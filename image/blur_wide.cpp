@@ -364,13 +364,13 @@ VX_VBMI void WideStrip(const Planes &p, int32_t bias, uint8_t *data, size_t rowB
     }
 }
 
-VX_VBMI void WideColumns(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, int32_t height)
+VX_VBMI void WideColumns(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, size_t columns, int32_t height)
 {
     Planes p;
     SplitPlanes(kernel, p);
     constexpr size_t kStrip = 64 * kStripVectors;
-    for (size_t from = 0; from < rowBytes; from += kStrip) {
-        const size_t count = std::min(kStrip, rowBytes - from);
+    for (size_t from = 0; from < columns; from += kStrip) {
+        const size_t count = std::min(kStrip, columns - from);
         switch (kernel.groups) {
         case 1: WideStrip<1>(p, kernel.bias, data + from, rowBytes, height, count); break;
         case 2: WideStrip<2>(p, kernel.bias, data + from, rowBytes, height, count); break;
@@ -438,14 +438,15 @@ VX_VBMI void LaneStrip(const LanePlanes &p, int32_t bias, uint8_t *data, size_t 
     }
 }
 
-VX_VBMI void LaneColumns(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, int32_t height, uint8_t *work)
+VX_VBMI void LaneColumns(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, size_t columns, int32_t height,
+                         uint8_t *work)
 {
     LanePlanes p;
     SplitLanes(kernel, p);
     auto &ring = *reinterpret_cast<LaneRing *>((reinterpret_cast<uintptr_t>(work) + 63) & ~uintptr_t{63});
     constexpr size_t kStrip = 64 * kLaneVectors;
-    for (size_t from = 0; from < rowBytes; from += kStrip) {
-        const size_t count = std::min(kStrip, rowBytes - from);
+    for (size_t from = 0; from < columns; from += kStrip) {
+        const size_t count = std::min(kStrip, columns - from);
         switch (kernel.groups) {
         case 1: LaneStrip<1>(p, kernel.bias, data + from, rowBytes, height, count, ring); break;
         case 2: LaneStrip<2>(p, kernel.bias, data + from, rowBytes, height, count, ring); break;
@@ -527,15 +528,16 @@ size_t WideColumnBytes()
 #endif
 }
 
-void WideBlurColumns(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, int32_t height, uint8_t *work)
+void WideBlurColumns(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, size_t columns, int32_t height,
+                     uint8_t *work)
 {
 #if VX_WIDE
     if (LanesFitBytes(kernel))
-        LaneColumns(kernel, data, rowBytes, height, work);
+        LaneColumns(kernel, data, rowBytes, columns, height, work);
     else
-        WideColumns(kernel, data, rowBytes, height);
+        WideColumns(kernel, data, rowBytes, columns, height);
 #else
-    (void)kernel, (void)data, (void)rowBytes, (void)height, (void)work;
+    (void)kernel, (void)data, (void)rowBytes, (void)columns, (void)height, (void)work;
 #endif
 }
 

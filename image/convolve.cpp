@@ -140,7 +140,7 @@ void ConvolveEdge(int32_t size, float *out, const float *const *source, int32_t 
 // Square 3x3, 5x5 and 7x7 matrices over RGBA float sources read the source rows in place,
 // the few pixels at each end of a row through a padded window.
 void ConvolveRows(VxImage *result, const float *matrix, int32_t columns, int32_t rows, const float *offset,
-                  RowRing &ring, float *acc)
+                  RowRing &ring, float *acc, int32_t firstRow, int32_t endRow)
 {
     VxImage *source = ring.source;
     const int32_t h = source->height, w = source->width;
@@ -149,7 +149,7 @@ void ConvolveRows(VxImage *result, const float *matrix, int32_t columns, int32_t
     const bool fixed = columns == rows && (columns == 3 || columns == 5 || columns == 7);
     const int32_t left = columns >> 1, right = columns - 1 - left;
     const bool direct = fixed && source->type == VX_PIXEL_RGBA_FLOAT && w > left + right;
-    for (int32_t y = 0; y < h; ++y) {
+    for (int32_t y = firstRow; y < endRow; ++y) {
         float *out = inPlace ? reinterpret_cast<float *>(Row(result, y)) : acc;
         if (direct) {
             const float *lines[kMaxFixedSize];
@@ -190,6 +190,27 @@ void ConvolveRows(VxImage *result, const float *matrix, int32_t columns, int32_t
         if (!inPlace && !result->setLine(result, VX_PIXEL_RGBA_FLOAT, y, acc))
             CkptRecover(kLocalFailure);
     }
+}
+
+// A convolution split by rows: part i computes its run of result rows with a ring and a row
+// of sums of its own.
+struct ConvolveJob {
+    VxImage *result;
+    const float *matrix;
+    int32_t columns, rows, parts;
+    const float *offset;
+    RowRing *rings;
+    float *acc;
+    size_t accFloats;  // per part
+};
+
+void ConvolvePart(void *context, int32_t part)
+{
+    const ConvolveJob &job = *static_cast<const ConvolveJob *>(context);
+    const int32_t h = job.result->height;
+    ConvolveRows(job.result, job.matrix, job.columns, job.rows, job.offset, job.rings[part],
+                 job.acc + job.accFloats * static_cast<size_t>(part), PartStart(h, part, job.parts),
+                 PartStart(h, part + 1, job.parts));
 }
 
 // ---- the separable fixed-point blur ----
@@ -287,11 +308,11 @@ template <int kBpp, int kGroups>
 
 template <int kBpp>
 [[gnu::always_inline]] inline void FilterRows(const BlurKernel &kernel, const VxImage *image, uint8_t *across,
-                                              const RowWork &work)
+                                              const RowWork &work, int32_t firstRow, int32_t endRow)
 {
     const int32_t w = image->width;
     const size_t rowBytes = static_cast<size_t>(w) * kBpp;
-    for (int32_t y = 0; y < image->height; ++y) {
+    for (int32_t y = firstRow; y < endRow; ++y) {
         const uint8_t *in = Row(image, y);
         uint8_t *out = across + rowBytes * static_cast<size_t>(y);
         switch (kernel.groups) {
@@ -302,12 +323,13 @@ template <int kBpp>
     }
 }
 
-VX_IMAGE_CLONES void FilterRows(const BlurKernel &kernel, const VxImage *image, uint8_t *across, const RowWork &work)
+VX_IMAGE_CLONES void FilterRows(const BlurKernel &kernel, const VxImage *image, uint8_t *across, const RowWork &work,
+                                int32_t firstRow, int32_t endRow)
 {
     switch (image->bytesPerPixel) {
-    case 1: FilterRows<1>(kernel, image, across, work); break;
-    case 3: FilterRows<3>(kernel, image, across, work); break;
-    default: FilterRows<4>(kernel, image, across, work); break;
+    case 1: FilterRows<1>(kernel, image, across, work, firstRow, endRow); break;
+    case 3: FilterRows<3>(kernel, image, across, work, firstRow, endRow); break;
+    default: FilterRows<4>(kernel, image, across, work, firstRow, endRow); break;
     }
 }
 
@@ -428,46 +450,91 @@ BlurWork BlurWorkLayout(const VxImage *image, int32_t taps)
     return layout;
 }
 
-void SeparableBlur(const VxImage *image, VxImage *result, int32_t taps, double sigmaH, double sigmaV,
-                   uint32_t mask, uint8_t *work)
-{
-    const int32_t w = image->width, h = image->height;
-    const size_t bpp = image->bytesPerPixel, rowBytes = static_cast<size_t>(w) * bpp;
-    const BlurWork layout = BlurWorkLayout(image, taps);
-    auto *stripAcc = reinterpret_cast<uint32_t *>(work + layout.stripAcc);
-    auto *stripRing = reinterpret_cast<uint32_t *>(work + layout.stripRing);
-    auto *stripLeft = reinterpret_cast<uint16_t *>(work + layout.stripLeft);
-    auto *stripUp = reinterpret_cast<uint32_t *>(work + layout.stripUp);
-    const size_t wordsBytes = (layout.line - layout.rowWords) / 4;
-    RowWork rowWork;
-    rowWork.line = work + layout.line;
-    rowWork.g0 = reinterpret_cast<uint32_t *>(work + layout.rowWords);
-    rowWork.g1 = reinterpret_cast<uint32_t *>(work + layout.rowWords + wordsBytes);
-    rowWork.g2 = reinterpret_cast<uint32_t *>(work + layout.rowWords + 2 * wordsBytes);
-    rowWork.sums = reinterpret_cast<uint32_t *>(work + layout.rowWords + 3 * wordsBytes);
+// A separable blur split over parts: the rows pass by runs of rows, then the columns pass by
+// runs of column strips, each part with a work area (one BlurWorkLayout) of its own.
+struct BlurJob {
+    const VxImage *image;
+    VxImage *result;
+    BlurKernel kernel;  // of the pass under way
+    bool wide;          // the pass runs the wide loops
+    uint8_t *work;
+    BlurWork layout;
+    int32_t parts;
+};
 
-    uint8_t *out = result->priv->pixels;
-    BlurKernel kernel;
-    // Each pass runs wide when the machine allows and the kernel's lanes never carry (the
-    // same bytes either way).
-    BuildBlurKernel(taps, sigmaH, kernel);
-    if (WidePathsAvailable() && LanesStayApart(kernel)) {
+// Column strips are handed out in runs of this many bytes: a whole number of the strips of
+// every columns loop, plain and wide.
+constexpr size_t kColumnUnit = 512;
+
+void BlurRowsPart(void *context, int32_t part)
+{
+    const BlurJob &job = *static_cast<const BlurJob *>(context);
+    const VxImage *image = job.image;
+    const int32_t w = image->width, h = image->height;
+    const int32_t first = PartStart(h, part, job.parts), end = PartStart(h, part + 1, job.parts);
+    const size_t bpp = image->bytesPerPixel, rowBytes = static_cast<size_t>(w) * bpp;
+    uint8_t *work = job.work + job.layout.total * static_cast<size_t>(part);
+    const size_t wordsBytes = (job.layout.line - job.layout.rowWords) / 4;
+    RowWork rowWork;
+    rowWork.line = work + job.layout.line;
+    rowWork.g0 = reinterpret_cast<uint32_t *>(work + job.layout.rowWords);
+    rowWork.g1 = reinterpret_cast<uint32_t *>(work + job.layout.rowWords + wordsBytes);
+    rowWork.g2 = reinterpret_cast<uint32_t *>(work + job.layout.rowWords + 2 * wordsBytes);
+    rowWork.sums = reinterpret_cast<uint32_t *>(work + job.layout.rowWords + 3 * wordsBytes);
+    if (job.wide) {
         uint32_t *const words[3] = {rowWork.g0, rowWork.g1, rowWork.g2};
-        WideBlurRows(kernel, image->priv->pixels, out, w, h, static_cast<uint32_t>(bpp), rowWork.line, words);
+        const size_t skip = rowBytes * static_cast<size_t>(first);
+        WideBlurRows(job.kernel, image->priv->pixels + skip, job.result->priv->pixels + skip, w, end - first,
+                     static_cast<uint32_t>(bpp), rowWork.line, words);
     } else {
-        FilterRows(kernel, image, out, rowWork);
+        FilterRows(job.kernel, image, job.result->priv->pixels, rowWork, first, end);
     }
-    BuildBlurKernel(taps, sigmaV, kernel);
-    if (WidePathsAvailable() && LanesStayApart(kernel))
-        WideBlurColumns(kernel, out, rowBytes, h, work + layout.columns);
-    else
-        for (size_t from = 0; from < rowBytes; from += kStripBytes)
-            FilterStrip(kernel, out + from, rowBytes, h, std::min(kStripBytes, rowBytes - from), stripAcc, stripRing,
-                        stripLeft, stripUp);
+}
+
+void BlurColumnsPart(void *context, int32_t part)
+{
+    const BlurJob &job = *static_cast<const BlurJob *>(context);
+    const int32_t h = job.image->height;
+    const size_t rowBytes = static_cast<size_t>(job.image->width) * job.image->bytesPerPixel;
+    const auto units = static_cast<int32_t>((rowBytes + kColumnUnit - 1) / kColumnUnit);
+    const size_t first = kColumnUnit * static_cast<size_t>(PartStart(units, part, job.parts));
+    const size_t end = std::min(rowBytes, kColumnUnit * static_cast<size_t>(PartStart(units, part + 1, job.parts)));
+    uint8_t *work = job.work + job.layout.total * static_cast<size_t>(part);
+    uint8_t *out = job.result->priv->pixels;
+    if (job.wide) {
+        WideBlurColumns(job.kernel, out + first, rowBytes, end - first, h, work + job.layout.columns);
+        return;
+    }
+    for (size_t from = first; from < end; from += kStripBytes)
+        FilterStrip(job.kernel, out + from, rowBytes, h, std::min(kStripBytes, end - from),
+                    reinterpret_cast<uint32_t *>(work + job.layout.stripAcc),
+                    reinterpret_cast<uint32_t *>(work + job.layout.stripRing),
+                    reinterpret_cast<uint16_t *>(work + job.layout.stripLeft),
+                    reinterpret_cast<uint32_t *>(work + job.layout.stripUp));
+}
+
+// Each pass runs wide when the machine allows and the kernel's lanes never carry (the same
+// bytes either way).
+void SeparableBlur(BlurJob &job, int32_t taps, double sigmaH, double sigmaV, uint32_t mask)
+{
+    const VxImage *image = job.image;
+    const int32_t h = image->height;
+    const size_t bpp = image->bytesPerPixel, rowBytes = static_cast<size_t>(image->width) * bpp;
+    BuildBlurKernel(taps, sigmaH, job.kernel);
+    job.wide = WidePathsAvailable() && LanesStayApart(job.kernel);
+    RunParts(job.parts, BlurRowsPart, &job);
+    BuildBlurKernel(taps, sigmaV, job.kernel);
+    job.wide = WidePathsAvailable() && LanesStayApart(job.kernel);
+    const auto units = static_cast<int32_t>((rowBytes + kColumnUnit - 1) / kColumnUnit);
+    const int32_t rowParts = job.parts;
+    job.parts = std::min(rowParts, units);
+    RunParts(job.parts, BlurColumnsPart, &job);
+    job.parts = rowParts;
     // Grey is always blurred; in RGB and RGBA the channels outside the mask keep the source.
     if (image->type == VX_PIXEL_GREY)
         return;
     const uint8_t *src = image->priv->pixels;
+    uint8_t *out = job.result->priv->pixels;
     const size_t total = rowBytes * static_cast<size_t>(h);
     for (size_t c = 0; c < bpp; ++c)
         if (!(mask & (1u << c)))
@@ -480,12 +547,25 @@ VxImage *SeparablePath(VxImage *image, int32_t taps, double sigmaH, double sigma
     VxImage *result = ImageCreate(image->type, image->width, image->height);
     if (!result)
         return nullptr;
-    const size_t bytes = BlurWorkLayout(image, taps).total;
-    auto *work = static_cast<uint8_t *>(StdTryAlloc(bytes));
-    if (!work)
+    BlurJob job;
+    job.image = image;
+    job.result = result;
+    job.layout = BlurWorkLayout(image, taps);
+    job.parts = PartsFor(image->height, static_cast<int64_t>(image->width) * image->height);
+    job.work = static_cast<uint8_t *>(StdTryAlloc(job.layout.total * static_cast<size_t>(job.parts)));
+    if (!job.work && job.parts > 1) {  // no room for every worker's: work alone
+        job.parts = 1;
+        job.work = static_cast<uint8_t *>(StdTryAlloc(job.layout.total));
+    }
+    if (!job.work)
         return result;  // no work buffer: the result goes back with its pixels unwritten
-    SeparableBlur(image, result, taps, sigmaH, sigmaV, mask, work);
-    FreeHeap(work, bytes);
+    const size_t bytes = job.layout.total * static_cast<size_t>(job.parts);
+    VX_IMAGE_BEGIN(nullptr);  // only the thread group can fail
+    CkptArm(DestroyImageArm, reinterpret_cast<uintptr_t>(result), 0);
+    CkptArm(StdFreeArm, reinterpret_cast<uintptr_t>(job.work), bytes);
+    SeparableBlur(job, taps, sigmaH, sigmaV, mask);
+    CkptEnd();
+    FreeHeap(job.work, bytes);
     return result;
 }
 
@@ -575,23 +655,30 @@ VX_API VxImage *ImageConvolve(VxImage *image, int32_t type, const float *matrix,
 {
     if (!image || !matrix || columns < 1 || rows < 1 || !ImageBytesPerPixel(type))
         return nullptr;
+    const int32_t w = image->width, h = image->height;
+    const int32_t parts = PartsFor(h, static_cast<int64_t>(w) * h);
     Scratch scratch;
+    RowRing rings[kMaxWorkers];
     VX_IMAGE_BEGIN(nullptr);
     ArmScratch(scratch);
-    RowRing ring;
-    ring.source = image;
-    ring.count = std::min(rows, image->height);
-    ring.left = columns >> 1;
-    ring.right = columns - 1 - ring.left;
-    ring.stride = 4 * (static_cast<size_t>(image->width) + static_cast<size_t>(columns) - 1);
-    ring.rows = scratch.Take<float>(sizeof(float) * ring.stride * static_cast<size_t>(ring.count));
-    ring.tags = scratch.Take<int32_t>(sizeof(int32_t) * static_cast<size_t>(ring.count));
-    std::fill(ring.tags, ring.tags + ring.count, -1);
-    float *acc = scratch.Take<float>(16 * static_cast<size_t>(image->width));
-    VxImage *result = ImageCreate(type, image->width, image->height);
+    // Each part reads the source rows it needs into a ring of its own.
+    const int32_t ringRows = std::min(rows, h);
+    const size_t stride = 4 * (static_cast<size_t>(w) + static_cast<size_t>(columns) - 1);
+    const size_t ringFloats = stride * static_cast<size_t>(ringRows), accFloats = 4 * static_cast<size_t>(w);
+    float *ringRowsAll = scratch.Take<float>(sizeof(float) * ringFloats * static_cast<size_t>(parts));
+    auto *tags = scratch.Take<int32_t>(sizeof(int32_t) * static_cast<size_t>(ringRows) * static_cast<size_t>(parts));
+    std::fill(tags, tags + static_cast<size_t>(ringRows) * static_cast<size_t>(parts), -1);
+    for (int32_t i = 0; i < parts; ++i)
+        rings[i] = RowRing{image, ringRowsAll + ringFloats * static_cast<size_t>(i), tags + ringRows * i,
+                           ringRows, columns >> 1, columns - 1 - (columns >> 1), stride};
+    float *acc = scratch.Take<float>(sizeof(float) * accFloats * static_cast<size_t>(parts));
+    VxImage *result = ImageCreate(type, w, h);
     CkptArm(DestroyImageArm, reinterpret_cast<uintptr_t>(result), 0);
     CopyPalettes(result, image);
-    ConvolveRows(result, matrix, columns, rows, offset, ring, acc);
+    if (parts > 1 && type == VX_PIXEL_INDEX)
+        StoredInverse(result);  // built here, not by the first worker to write a row
+    ConvolveJob job{result, matrix, columns, rows, parts, offset, rings, acc, accFloats};
+    RunParts(parts, ConvolvePart, &job);
     CkptEnd();
     scratch.Release();
     return result;

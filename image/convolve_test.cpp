@@ -213,4 +213,45 @@ TEST(ImageConvolveOom, SeparableBlurReturnsAnUnwrittenResultWithoutItsWorkBuffer
     ImageDestroy(src);
 }
 
+// On two workers the blur asks for a work area per worker and, failing that, for one, and works
+// alone. The thread group's own allocations come after: one that fails fails the blur as any
+// other allocation does, leaking nothing.
+TEST(ImageConvolveOom, SeparableBlurOnTwoWorkers)
+{
+    imagetest::CheckedHeap heap;
+    imagetest::WorkersScope scope(2);
+    VxImage *src = imagetest::RandomImage(VX_PIXEL_RGB, 9, 5, 4), *clean = ImageBlur(src, 5, 2.0, 2.0, 7);
+    const std::vector<uint8_t> expected = Bytes(clean), unwritten(expected.size(), 0);
+    ImageDestroy(clean);
+    const size_t sourceBytes = heap.LiveBytes();
+    for (bool outer : {false, true}) {
+        bool groupFailed = false;
+        for (int k = 4;; ++k) {  // the record, private block and pixels come first, as on one worker
+            heap.FailAt(k, k == 4 && outer ? vxtest::FailMode::FromThen : vxtest::FailMode::Once);
+            VxImage *result = nullptr;
+            const bool unwound = outer ? vxtest::UnwoundFrom([&] { result = ImageBlur(src, 5, 2.0, 2.0, 7); })
+                                       : (result = ImageBlur(src, 5, 2.0, 2.0, 7), false);
+            CkptLatchCode();
+            const bool failed = heap.Failures() > 0;
+            heap.Disarm();
+            if (k == 4) {  // both work areas refused (FromThen), or only the one per worker
+                ASSERT_NE(result, nullptr);
+                EXPECT_EQ(Bytes(result), outer ? unwritten : expected);
+            } else if (failed) {  // a piece of the thread group
+                groupFailed = true;
+                EXPECT_TRUE(result == nullptr && unwound == outer) << "k=" << k;
+            } else {
+                ASSERT_NE(result, nullptr);
+                EXPECT_EQ(Bytes(result), expected);
+            }
+            ImageDestroy(result);
+            EXPECT_EQ(heap.LiveBytes(), sourceBytes) << "k=" << k;
+            if (!failed)
+                break;
+        }
+        EXPECT_TRUE(groupFailed) << "the thread group allocates";
+    }
+    ImageDestroy(src);
+}
+
 }  // namespace

@@ -5,10 +5,8 @@
 #include <vxtools3/image.h>
 #include <vxtools3/memory.h>
 
-
 #include <cstddef>
 #include <cstdint>
-
 
 // Hot pixel loops are built twice, for AVX2 and for the baseline, and chosen once at load.
 // The AVX2 copy performs the same float operations in the same order on wider vectors (the
@@ -140,6 +138,39 @@ inline void ArmScratch(Scratch &scratch)
 {
     scratch.count = 0;
     CkptArm(ReleaseScratchArm, reinterpret_cast<uintptr_t>(&scratch), 0);
+}
+
+}  // namespace vx::image
+
+namespace vx::image {
+
+// ---- workers (image/workers.cpp) ----
+
+// The most workers an operation uses, whatever ImageSetWorkers asked for.
+constexpr int32_t kMaxWorkers = 64;
+// Work (about one pixel's worth a unit) below which a part is not worth a thread of its own.
+constexpr int64_t kDefaultMinPartWork = 1 << 15;
+
+// The worker count in effect: the setting, 0 read as the processor count, at most kMaxWorkers.
+int32_t WorkerCount();
+// Changes the smallest work per part (tests make tiny images split).
+void SetMinPartWork(int64_t work);
+// Parts to split `units` independent pieces (rows, strips) of `work` in all into: at most the
+// worker count and `units`, and so that each part gets at least the smallest work.
+int32_t PartsFor(int64_t units, int64_t work);
+
+// One part of an operation: part `part` of the parts the operation was split into.
+using PartWork = void(void *context, int32_t part);
+// Runs work(context, 0 .. parts - 1), each part on a worker thread when parts > 1 (in the
+// calling thread when 1), and returns when all have ended. A part that fails ends alone; the
+// first failed part's code is then raised here (may raise code 1 for the thread group).
+void RunParts(int32_t parts, PartWork *work, void *context);
+
+// The first of `count` units that part `part` of `parts` covers (part `parts` gives `count`):
+// the parts take consecutive runs of nearly equal size.
+inline int32_t PartStart(int32_t count, int32_t part, int32_t parts)
+{
+    return static_cast<int32_t>(static_cast<int64_t>(count) * part / parts);
 }
 
 }  // namespace vx::image

@@ -122,18 +122,9 @@ TEST(ImageConvert, FormulasAreExact)
         << "an index needs the inverse table, and the palette";
 }
 
-// A palette of the 4 x 4 x 4 cube of levels 0, 85, 170, 255 (entries 64..255 repeat it).
-std::vector<uint8_t> CubePalette()
-{
-    std::vector<uint8_t> p(768);
-    for (int i = 0; i < 768; ++i)
-        p[i] = static_cast<uint8_t>(85 * (((i / 3) % 64) >> (2 * (2 - i % 3)) & 3));
-    return p;
-}
-
 TEST(ImageConvert, InverseTableHoldsNearestEntryOfEveryKey)
 {
-    const std::vector<uint8_t> palette = CubePalette();
+    const std::vector<uint8_t> palette = imagetest::CubePalette();
     std::vector<uint8_t> table(65536);
     ImageBuildInverseTable(palette.data(), table.data());
     for (int i = 0; i < 64; ++i)
@@ -217,7 +208,7 @@ TEST(ImagePalette, IndicesTranslateWhenThePalettesDisagree)
 // The whole-buffer conversions against the per-pixel path; float sources hold NaNs and values beyond 0..1.
 TEST(ImageDuplicate, EveryTypePairConvertsPixelByPixel)
 {
-    const std::vector<uint8_t> palette = CubePalette();
+    const std::vector<uint8_t> palette = imagetest::CubePalette();
     std::vector<uint8_t> inverse(65536);
     ImageBuildInverseTable(palette.data(), inverse.data());
     const float odd[3] = {-0.5f, 1.5f, std::nanf("")};
@@ -266,10 +257,10 @@ TEST(ImageDuplicate, AreaCopiesTheRectangle)
 }
 
 // Every operation that makes a new image, swept: creation, duplication, resampling in every
-// mode, convolution and both blur paths.
+// mode, convolution and both blur paths, on one worker and on two.
 TEST(ImageOom, EveryOperationThatMakesAnImageAndPaletteWrites)
 {
-    static const std::vector<uint8_t> palette = CubePalette();
+    static const std::vector<uint8_t> palette = imagetest::CubePalette();
     static const float matrix[6] = {0.1f, 0.2f, 0.3f, 0.1f, 0.2f, 0.1f};
     using Make = std::function<VxImage *()>;
     using Op = std::function<VxImage *(VxImage *)>;
@@ -291,9 +282,12 @@ TEST(ImageOom, EveryOperationThatMakesAnImageAndPaletteWrites)
         {rgbaFloat, [](VxImage *s) { return ImageBlur(s, 3, 1.0, 2.0, 0); }}};
     for (int32_t mode = 0; mode < 6; ++mode)
         cases.emplace_back(rgb, [mode](VxImage *s) { return ImageResample(s, VX_PIXEL_RGBA, 9, 3, mode); });
-    for (size_t i = 0; i < cases.size(); ++i) {
-        SCOPED_TRACE(i);
-        imagetest::SweepImageOperation(cases[i].first, cases[i].second);
+    for (int32_t workers : {1, 2}) {  // with two, every allocation of the thread group fails once too
+        imagetest::WorkersScope scope(workers);
+        for (size_t i = 0; i < cases.size(); ++i) {
+            SCOPED_TRACE(std::to_string(i) + " with " + std::to_string(workers) + " workers");
+            imagetest::SweepImageOperation(cases[i].first, cases[i].second);
+        }
     }
     // A palette write, and the inverse table that a colour write into an index image builds.
     VxImage *image = nullptr;

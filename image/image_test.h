@@ -53,6 +53,15 @@ inline void FillRandom(VxImage *image, uint32_t seed)
     }
 }
 
+// 64 entries: every colour of 0, 85, 170 and 255 in each channel, then the ramp repeats.
+inline std::vector<uint8_t> CubePalette()
+{
+    std::vector<uint8_t> p(768);
+    for (int i = 0; i < 768; ++i)
+        p[i] = static_cast<uint8_t>(85 * (((i / 3) % 64) >> (2 * (2 - i % 3)) & 3));
+    return p;
+}
+
 inline VxImage *RandomImage(int32_t type, int32_t w, int32_t h, uint32_t seed)
 {
     VxImage *image = ImageCreate(type, w, h);
@@ -66,6 +75,18 @@ inline VxImage *FloatImage(int32_t type, int32_t w, int32_t h, const std::vector
     std::memcpy(image->priv->pixels, values.data(), values.size() * 4);
     return image;
 }
+
+// Sets the image operations' worker count for a scope, with parts as small as one row so
+// that even tiny images are split; restores the setting and the smallest part afterwards.
+struct WorkersScope {
+    int32_t previous;
+    explicit WorkersScope(int32_t workers) : previous(ImageSetWorkers(workers)) { vx::image::SetMinPartWork(1); }
+    ~WorkersScope()
+    {
+        ImageSetWorkers(previous);
+        vx::image::SetMinPartWork(vx::image::kDefaultMinPartWork);
+    }
+};
 
 // Two tests of one comparison: `plain` with the wide (AVX-512 VBMI) loops off, `wide` with them
 // on (their default where the processor has them), skipped with the reason where it has not.

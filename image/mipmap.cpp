@@ -205,11 +205,12 @@ VX_IMAGE_CLONES void HalveRgbaBytes(const uint8_t *__restrict upper, const uint8
     }
 }
 
-void BuildLevel(VxImage *prev, VxImage *level, const uint8_t *inverse, float *upper, float *lower, float *line)
+void BuildLevelRows(VxImage *prev, VxImage *level, const uint8_t *inverse, float *upper, float *lower, float *line,
+                    int32_t firstRow, int32_t endRow)
 {
     if (prev->type == VX_PIXEL_RGBA && level->type == VX_PIXEL_RGBA) {
         const bool wide = WidePathsAvailable();
-        for (int32_t y = 0; y < level->height; ++y) {
+        for (int32_t y = firstRow; y < endRow; ++y) {
             const uint8_t *top = Row(prev, 2 * y), *bottom = 2 * y + 1 < prev->height ? Row(prev, 2 * y + 1) : nullptr;
             uint8_t *out = Row(level, y);
             // The wide loop takes whole groups of 16 result pixels, the rest goes on below.
@@ -220,7 +221,7 @@ void BuildLevel(VxImage *prev, VxImage *level, const uint8_t *inverse, float *up
         }
         return;
     }
-    for (int32_t y = 0; y < level->height; ++y) {
+    for (int32_t y = firstRow; y < endRow; ++y) {
         const bool hasLower = 2 * y + 1 < prev->height;
         ReadLevelRow(prev, 2 * y, upper);
         if (hasLower)
@@ -232,6 +233,24 @@ void BuildLevel(VxImage *prev, VxImage *level, const uint8_t *inverse, float *up
                              static_cast<size_t>(level->width)))
             CkptRecover(kLocalFailure);
     }
+}
+
+// One level built by parts, each a run of rows with three float rows of its own.
+struct LevelJob {
+    VxImage *prev, *level;
+    const uint8_t *inverse;
+    float *rows;       // upper, lower and line of each part
+    size_t rowFloats;  // floats of each
+    int32_t parts;
+};
+
+void LevelPart(void *context, int32_t part)
+{
+    const LevelJob &job = *static_cast<const LevelJob *>(context);
+    float *upper = job.rows + 3 * job.rowFloats * static_cast<size_t>(part);
+    const int32_t h = job.level->height;
+    BuildLevelRows(job.prev, job.level, job.inverse, upper, upper + job.rowFloats, upper + 2 * job.rowFloats,
+                   PartStart(h, part, job.parts), PartStart(h, part + 1, job.parts));
 }
 
 // Samples one level at (u, v) in 0..1 as `type`.
@@ -331,16 +350,20 @@ VX_API VxMipmap *MipmapCreateSmall(VxImage *image, int32_t type, int32_t sharesL
     levels[0] = sharesLevel0 ? image : ImageDuplicate(image, type, nullptr);
     if (!levels[0])
         CkptRecover(kLocalFailure);
-    const size_t rowBytes = 16 * static_cast<size_t>(image->width);
-    float *upper = scratch.Take<float>(rowBytes), *lower = scratch.Take<float>(rowBytes);
-    float *line = scratch.Take<float>(rowBytes);
+    // Level 1 is the largest to build: its split decides how many parts have rows.
+    const int32_t firstHeight = std::max(1, (image->height + 1) >> 1);
+    const int32_t parts = PartsFor(firstHeight, static_cast<int64_t>(image->width) * image->height);
+    const size_t rowFloats = 4 * static_cast<size_t>(image->width);
+    float *rows = scratch.Take<float>(sizeof(float) * 3 * rowFloats * static_cast<size_t>(parts));
     for (int32_t i = 1; i < count; ++i) {
         VxImage *prev = levels[i - 1];
         if (prev->width < 2 && prev->height < 2)
             break;
         levels[i] = ImageCreate(type, std::max(1, (prev->width + 1) >> 1), std::max(1, (prev->height + 1) >> 1));
         CopyPalettes(levels[i], image);
-        BuildLevel(prev, levels[i], inverse, upper, lower, line);
+        LevelJob job{prev, levels[i], inverse, rows, rowFloats, 0};
+        job.parts = std::min(parts, PartsFor(levels[i]->height, static_cast<int64_t>(prev->width) * prev->height));
+        RunParts(job.parts, LevelPart, &job);
     }
     CkptEnd();
     scratch.Release();

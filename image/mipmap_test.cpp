@@ -174,11 +174,14 @@ TEST(MipmapOom, CreateAndCreateSmall)
     const std::pair<int32_t, Make> cases[] = {{VX_PIXEL_RGBA, [](VxImage *s) { return MipmapCreate(s, VX_PIXEL_RGB); }},
                                               {VX_PIXEL_RGBA, [](VxImage *s) { return MipmapCreateSmall(s, VX_PIXEL_RGBA, 1); }},
                                               {VX_PIXEL_INDEX, [](VxImage *s) { return MipmapCreate(s, VX_PIXEL_INDEX); }}};
-    for (const auto &[pixelType, make] : cases) {
-        const int32_t type = pixelType;  // a lambda cannot capture a structured binding before clang 16
-        imagetest::SweepOperation<VxMipmap>(
-            [type] { return type == VX_PIXEL_INDEX ? ImageIndexCreate(3, 2, 16) : imagetest::RandomImage(type, 7, 5, 1); },
-            make, [](VxMipmap *m) { MipmapDestroy(m); }, [](VxMipmap *m) { EXPECT_EQ(m->levels[m->count - 1]->width, 1); });
+    for (int32_t workers : {1, 2}) {  // on one worker and on two
+        imagetest::WorkersScope scope(workers);
+        for (const auto &[pixelType, make] : cases) {
+            const int32_t type = pixelType;  // a lambda cannot capture a structured binding before clang 16
+            imagetest::SweepOperation<VxMipmap>(
+                [type] { return type == VX_PIXEL_INDEX ? ImageIndexCreate(3, 2, 16) : imagetest::RandomImage(type, 7, 5, 1); },
+                make, [](VxMipmap *m) { MipmapDestroy(m); }, [](VxMipmap *m) { EXPECT_EQ(m->levels[m->count - 1]->width, 1); });
+        }
     }
 }
 

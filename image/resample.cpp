@@ -14,34 +14,63 @@ namespace {
 constexpr size_t kGatherBytes = 16384;
 constexpr int kGatherSamples = kGatherBytes / 16;
 
+// The source cells [lo, hi) of a footprint, with the coverage weight of each.
+struct Span {
+    int32_t lo, hi;
+    double firstWeight, lastWeight;  // coverage of the first and last cell (inner cells: 1)
+    double total;
+
+    double Weight(int32_t i) const { return i == lo ? firstWeight : i == hi - 1 ? lastWeight : 1.0; }
+};
+
+// The four taps of one result column or row: source indices with the edges repeated
+// outward, and their weights.
+struct CubicTap {
+    int32_t index[4];
+    float w[4];
+};
+
+// A resampling split by result rows. What every part reads (the source floats, the column
+// spans or taps) is made once; each part has its own result row and working rows.
 struct Job {
     VxImage *source;
     VxImage *result;
-    const float *pixels;  // source as RGBA floats (padded for the cubic modes)
+    const float *pixels;  // source as RGBA floats (the area and gather modes)
     size_t stride;        // floats per source row in `pixels`
     double sx, sy;
-    float *line;          // one result row
+    int32_t mode, parts;
+    float *lines;         // one result row per part
+    float *gather;        // mode 1: kGatherSamples samples per part
+    Span *spans;          // modes 2, 3: the result columns' footprints
+    int cells;            // modes 2, 3: cells of every column's footprint, or 0
+    bool sameTotal, halvesColumns;
+    double *acc;          // modes 2, 3: one row of double sums per part
+    CubicTap *taps;       // modes 4, 5: the result columns' taps
+    float *sums;          // modes 4, 5: four rows of horizontal sums per part
+    float *rows;          // modes 4, 5: one converted source row per part
+
+    float *Line(int32_t part) const { return lines + 4 * static_cast<size_t>(result->width) * part; }
 };
 
-void WriteLine(const Job &job, int32_t y)
+void WriteLine(const Job &job, int32_t y, const float *line)
 {
-    if (!job.result->setLine(job.result, VX_PIXEL_RGBA_FLOAT, y, job.line))
+    if (!job.result->setLine(job.result, VX_PIXEL_RGBA_FLOAT, y, line))
         CkptRecover(kLocalFailure);
 }
 
 // ---- mode 0: point sampling, or bilinear when enlarging ----
 
-void PointRows(const Job &job)
+void PointRows(const Job &job, float *line, int32_t firstRow, int32_t endRow)
 {
     const int32_t w = job.source->width, h = job.source->height;
-    for (int32_t y = 0; y < job.result->height; ++y) {
+    for (int32_t y = firstRow; y < endRow; ++y) {
         const int32_t row = std::min(h - 1, static_cast<int32_t>((y + 0.5) * job.sy));
         const float *src = job.pixels + job.stride * row;
         for (int32_t x = 0; x < job.result->width; ++x) {
             const int32_t col = std::min(w - 1, static_cast<int32_t>((x + 0.5) * job.sx));
-            std::memcpy(job.line + 4 * x, src + 4 * col, 16);
+            std::memcpy(line + 4 * x, src + 4 * col, 16);
         }
-        WriteLine(job, y);
+        WriteLine(job, y, line);
     }
 }
 
@@ -60,10 +89,10 @@ LinearTap LinearAt(int32_t i, double step, int32_t size)
     return tap;
 }
 
-void BilinearRows(const Job &job)
+void BilinearRows(const Job &job, float *line, int32_t firstRow, int32_t endRow)
 {
     const int32_t w = job.source->width, h = job.source->height;
-    for (int32_t y = 0; y < job.result->height; ++y) {
+    for (int32_t y = firstRow; y < endRow; ++y) {
         const LinearTap ty = LinearAt(y, job.sy, h);
         const float *top = job.pixels + job.stride * ty.i0, *bottom = job.pixels + job.stride * ty.i1;
         for (int32_t x = 0; x < job.result->width; ++x) {
@@ -71,23 +100,14 @@ void BilinearRows(const Job &job)
             for (int c = 0; c < 4; ++c) {
                 const float upper = top[4 * tx.i0 + c] * (1.0f - tx.f) + top[4 * tx.i1 + c] * tx.f;
                 const float lower = bottom[4 * tx.i0 + c] * (1.0f - tx.f) + bottom[4 * tx.i1 + c] * tx.f;
-                job.line[4 * x + c] = upper * (1.0f - ty.f) + lower * ty.f;
+                line[4 * x + c] = upper * (1.0f - ty.f) + lower * ty.f;
             }
         }
-        WriteLine(job, y);
+        WriteLine(job, y, line);
     }
 }
 
 // ---- modes 1, 2, 3: footprints ----
-
-// The source cells [lo, hi) of a footprint, with the coverage weight of each.
-struct Span {
-    int32_t lo, hi;
-    double firstWeight, lastWeight;  // coverage of the first and last cell (inner cells: 1)
-    double total;
-
-    double Weight(int32_t i) const { return i == lo ? firstWeight : i == hi - 1 ? lastWeight : 1.0; }
-};
 
 Span CoverSpan(double from, double to, int32_t size)
 {
@@ -124,9 +144,9 @@ Span GatherSpan(int32_t i, double step, int32_t size)
     return s;
 }
 
-void GatherRows(const Job &job, float *gather)
+void GatherRows(const Job &job, float *gather, float *line, int32_t firstRow, int32_t endRow)
 {
-    for (int32_t y = 0; y < job.result->height; ++y) {
+    for (int32_t y = firstRow; y < endRow; ++y) {
         const Span sy = GatherSpan(y, job.sy, job.source->height);
         for (int32_t x = 0; x < job.result->width; ++x) {
             const Span sx = GatherSpan(x, job.sx, job.source->width);
@@ -139,9 +159,9 @@ void GatherRows(const Job &job, float *gather)
                 for (int c = 0; c < 4; ++c)
                     sum[c] += gather[4 * k + c];
             for (int c = 0; c < 4; ++c)
-                job.line[4 * x + c] = static_cast<float>(sum[c] / n);
+                line[4 * x + c] = static_cast<float>(sum[c] / n);
         }
-        WriteLine(job, y);
+        WriteLine(job, y, line);
     }
 }
 
@@ -288,11 +308,13 @@ VX_IMAGE_CLONES void AreaAcross(int cells, double *acc, const float *src, const 
 // Separable weighted average: each source row of the footprint is summed across with the
 // column weights, the row sums are summed down with the row weights, both in double, and
 // the total is divided by the product of the weight totals.
-void AreaRows(const Job &job, int32_t mode, double *acc, Span *columns)
+// The result columns' footprints, and what holds for all of them.
+void AreaColumns(Job &job)
 {
     const int32_t width = job.result->width;
+    Span *columns = job.spans;
     for (int32_t x = 0; x < width; ++x)
-        columns[x] = AreaSpan(mode, x, job.sx, job.source->width);
+        columns[x] = AreaSpan(job.mode, x, job.sx, job.source->width);
     int cells = columns[0].hi - columns[0].lo;
     for (int32_t x = 1; x < width && cells > 0; ++x)
         if (columns[x].hi - columns[x].lo != cells)
@@ -304,10 +326,20 @@ void AreaRows(const Job &job, int32_t mode, double *acc, Span *columns)
     bool halvesColumns = cells == 2 && WidePathsAvailable();
     for (int32_t x = 0; x < width && halvesColumns; ++x)
         halvesColumns = columns[x].lo == 2 * x && columns[x].firstWeight == 1.0 && columns[x].lastWeight == 1.0;
+    job.cells = cells;
+    job.sameTotal = sameTotal;
+    job.halvesColumns = halvesColumns;
+}
+
+void AreaRows(const Job &job, double *acc, float *ownLine, int32_t firstRow, int32_t endRow)
+{
+    const int32_t width = job.result->width, mode = job.mode, cells = job.cells;
+    const Span *columns = job.spans;
+    const bool sameTotal = job.sameTotal, halvesColumns = job.halvesColumns;
     const bool inPlace = job.result->type == VX_PIXEL_RGBA_FLOAT;
-    for (int32_t y = 0; y < job.result->height; ++y) {
+    for (int32_t y = firstRow; y < endRow; ++y) {
         const Span sy = AreaSpan(mode, y, job.sy, job.source->height);
-        float *line = inPlace ? reinterpret_cast<float *>(Row(job.result, y)) : job.line;
+        float *line = inPlace ? reinterpret_cast<float *>(Row(job.result, y)) : ownLine;
         const int32_t count = sy.hi - sy.lo;
         if (count <= kMaxAreaRows) {
             const float *rows[kMaxAreaRows];
@@ -333,18 +365,11 @@ void AreaRows(const Job &job, int32_t mode, double *acc, Span *columns)
             }
         }
         if (!inPlace)
-            WriteLine(job, y);
+            WriteLine(job, y, line);
     }
 }
 
 // ---- modes 4, 5: separable cubics ----
-
-// The four taps of one result column or row: source indices with the edges repeated
-// outward, and their weights.
-struct CubicTap {
-    int32_t index[4];
-    float w[4];
-};
 
 CubicTap CubicAt(int32_t mode, int32_t i, double step, int32_t size)
 {
@@ -383,16 +408,15 @@ void CubicAcross(const float *src, const CubicTap *taps, int32_t width, float *_
 // The cubic modes read each needed source row once (in place for RGBA float sources,
 // else converted into `row`); `sums` keeps the horizontal sums of four rows, slot r & 3 for
 // source row r (the rows one result row needs are consecutive, so their slots differ).
-void CubicRows(const Job &job, int32_t mode, CubicTap *columns, float *sums, float *row)
+void CubicRows(const Job &job, float *sums, float *row, float *ownLine, int32_t firstRow, int32_t endRow)
 {
     VxImage *source = job.source;
-    const int32_t width = job.result->width;
+    const int32_t width = job.result->width, mode = job.mode;
     const size_t rowFloats = 4 * static_cast<size_t>(width);
-    for (int32_t x = 0; x < width; ++x)
-        columns[x] = CubicAt(mode, x, job.sx, source->width);
+    const CubicTap *columns = job.taps;
     int32_t tags[4] = {-1, -1, -1, -1};
     const bool inPlace = job.result->type == VX_PIXEL_RGBA_FLOAT;
-    for (int32_t y = 0; y < job.result->height; ++y) {
+    for (int32_t y = firstRow; y < endRow; ++y) {
         const CubicTap ty = CubicAt(mode, y, job.sy, source->height);
         const float *h[4];
         for (int k = 0; k < 4; ++k) {
@@ -410,11 +434,11 @@ void CubicRows(const Job &job, int32_t mode, CubicTap *columns, float *sums, flo
             h[k] = slot;
         }
         const float w0 = ty.w[0], w1 = ty.w[1], w2 = ty.w[2], w3 = ty.w[3];
-        float *__restrict line = inPlace ? reinterpret_cast<float *>(Row(job.result, y)) : job.line;
+        float *__restrict line = inPlace ? reinterpret_cast<float *>(Row(job.result, y)) : ownLine;
         for (size_t i = 0; i < rowFloats; ++i)
             line[i] = ((w0 * h[0][i] + w1 * h[1][i]) + w2 * h[2][i]) + w3 * h[3][i];
         if (!inPlace)
-            WriteLine(job, y);
+            WriteLine(job, y, line);
     }
 }
 
@@ -429,15 +453,56 @@ void ScaleAspect(VxImage *result, const VxImage *source)
     result->setAttribute(result, 0, &aspect);
 }
 
-void RunMode(Job &job, int32_t mode, Scratch &scratch)
+// Result rows [first, end) of part `part`.
+void RowsPart(void *context, int32_t part)
+{
+    const Job &job = *static_cast<const Job *>(context);
+    const int32_t h = job.result->height;
+    const int32_t first = PartStart(h, part, job.parts), end = PartStart(h, part + 1, job.parts);
+    const auto width = static_cast<size_t>(job.result->width);
+    const auto p = static_cast<size_t>(part);
+    float *line = job.Line(part);
+    switch (job.mode) {
+    case 0:
+        if (job.result->width > job.source->width || job.result->height > job.source->height)
+            BilinearRows(job, line, first, end);
+        else
+            PointRows(job, line, first, end);
+        break;
+    case 1: GatherRows(job, job.gather + 4 * kGatherSamples * p, line, first, end); break;
+    case 2:
+    case 3: AreaRows(job, job.acc + 4 * width * p, line, first, end); break;
+    default:
+        CubicRows(job, job.sums + 16 * width * p, job.rows + 4 * static_cast<size_t>(job.source->width) * p, line,
+                  first, end);
+        break;
+    }
+}
+
+// Source rows [first, end) of part `part` as RGBA floats.
+void ReadPart(void *context, int32_t part)
+{
+    const Job &job = *static_cast<const Job *>(context);
+    VxImage *source = job.source;
+    const int32_t h = source->height;
+    auto *pixels = const_cast<float *>(job.pixels);
+    for (int32_t y = PartStart(h, part, job.parts); y < PartStart(h, part + 1, job.parts); ++y)
+        if (!source->getLine(source, VX_PIXEL_RGBA_FLOAT, y, pixels + job.stride * static_cast<size_t>(y)))
+            CkptRecover(kLocalFailure);
+}
+
+void RunMode(Job &job, Scratch &scratch)
 {
     VxImage *source = job.source;
-    const size_t width = static_cast<size_t>(job.result->width);
-    job.line = scratch.Take<float>((16 * width));
-    if (mode >= 4) {
-        auto *columns = scratch.Take<CubicTap>(sizeof(CubicTap) * width);
-        auto *sums = scratch.Take<float>(64 * width);
-        CubicRows(job, mode, columns, sums, scratch.Take<float>(16 * static_cast<size_t>(source->width)));
+    const size_t width = static_cast<size_t>(job.result->width), parts = static_cast<size_t>(job.parts);
+    job.lines = scratch.Take<float>(16 * width * parts);
+    if (job.mode >= 4) {
+        job.taps = scratch.Take<CubicTap>(sizeof(CubicTap) * width);
+        for (int32_t x = 0; x < job.result->width; ++x)
+            job.taps[x] = CubicAt(job.mode, x, job.sx, source->width);
+        job.sums = scratch.Take<float>(64 * width * parts);
+        job.rows = scratch.Take<float>(16 * static_cast<size_t>(source->width) * parts);
+        RunParts(job.parts, RowsPart, &job);
         return;
     }
     job.stride = 4 * static_cast<size_t>(source->width);
@@ -445,20 +510,20 @@ void RunMode(Job &job, int32_t mode, Scratch &scratch)
         // Already the float RGBA buffer the other types are read into: used in place.
         job.pixels = reinterpret_cast<const float *>(source->priv->pixels);
     } else {
-        auto *pixels = scratch.Take<float>((4 * job.stride * static_cast<size_t>(source->height)));
-        if (!ReadRgbaFloat(source, pixels))
-            CkptRecover(kLocalFailure);
-        job.pixels = pixels;
+        job.pixels = scratch.Take<float>((4 * job.stride * static_cast<size_t>(source->height)));
+        const int32_t resultParts = job.parts;
+        job.parts = PartsFor(source->height, static_cast<int64_t>(source->width) * source->height);
+        RunParts(job.parts, ReadPart, &job);
+        job.parts = resultParts;
     }
-    if (mode == 0) {
-        const bool enlarging = job.result->width > source->width || job.result->height > source->height;
-        enlarging ? BilinearRows(job) : PointRows(job);
-    } else if (mode == 1) {
-        GatherRows(job, scratch.Take<float>((kGatherBytes)));
-    } else {
-        auto *acc = scratch.Take<double>((4 * sizeof(double) * width));
-        AreaRows(job, mode, acc, scratch.Take<Span>((sizeof(Span) * width)));
+    if (job.mode == 1) {
+        job.gather = scratch.Take<float>(kGatherBytes * parts);
+    } else if (job.mode >= 2) {
+        job.acc = scratch.Take<double>(4 * sizeof(double) * width * parts);
+        job.spans = scratch.Take<Span>(sizeof(Span) * width);
+        AreaColumns(job);
     }
+    RunParts(job.parts, RowsPart, &job);
 }
 
 }  // namespace
@@ -500,7 +565,14 @@ VX_API VxImage *ImageResample(VxImage *image, int32_t type, int32_t width, int32
     CopyPalettes(job.result, image);
     job.sx = static_cast<double>(image->width) / width;
     job.sy = static_cast<double>(image->height) / height;
-    RunMode(job, mode, scratch);
+    job.mode = mode;
+    // The work of a result row grows with the source rows and columns it covers as well.
+    const int64_t covered = std::max<int64_t>(1, static_cast<int64_t>(image->width) * image->height /
+                                                     (static_cast<int64_t>(width) * height));
+    job.parts = PartsFor(height, static_cast<int64_t>(width) * height * covered);
+    if (job.parts > 1 && type == VX_PIXEL_INDEX)
+        StoredInverse(job.result);  // built here, not by the first worker to write a row
+    RunMode(job, scratch);
     ScaleAspect(job.result, image);
     VxImage *result = job.result;
     CkptEnd();

@@ -80,6 +80,17 @@ typedef struct VxMipmap {
     VxImage **levels;
 } VxMipmap;
 
+/* Sets how many workers ImageBlur, ImageConvolve, ImageResample, ImageResample2 and the
+ * mipmap builders split their rows over, for the whole process, from the next operation on:
+ * 1 (the default) works on the calling thread alone and starts no thread; n > 1 runs up to n
+ * threads of a thread group (threads.h) for an image large enough to share; 0 means one per
+ * processor. At most 64 are used. Results are byte for byte the same for every count, and a
+ * failure in any worker makes the whole operation fail as it would on one thread. Returns
+ * the previous setting, or -1 (setting unchanged) for a negative count. */
+VX_API int32_t ImageSetWorkers(int32_t workers);
+/* Returns the worker setting (0 meaning one per processor). */
+VX_API int32_t ImageGetWorkers(void);
+
 /* Bytes per pixel of `type`, 0 for an unknown type. */
 VX_API uint32_t ImageBytesPerPixel(int32_t type);
 
