@@ -1,6 +1,10 @@
 // Image operations against OpenCV, single-threaded: blur, resampling, convolution, mipmap
 // building, and bilinear lookups. Results are reported per pixel (items are pixels). Like
 // ours, which return new images, the peers write into a fresh output every iteration.
+//
+// The "_4k" cases run 4K pictures on 1 and 2 workers (ImageSetWorkers) against OpenCV on 1
+// and 2 threads (cv::setNumThreads), the argument being the count: the ratio table pairs equal
+// counts. Run them alone with --benchmark_filter=_4k.
 #include <vxtools3/image.h>
 #include <vxtools3/memory.h>
 
@@ -10,6 +14,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <vector>
 
@@ -124,6 +129,63 @@ void BilinearOurs(benchmark::State &state)
     ImageDestroy(src);
 }
 
+// ---- 4K pictures on workers ----
+
+constexpr int32_t k4kW = 3840, k4kH = 2160;
+
+// Runs `op` on a source of `type` and size, with state.range(0) workers.
+void OnWorkers(benchmark::State &state, int32_t type, int32_t w, int32_t h, int64_t items,
+               const std::function<VxImage *(VxImage *)> &op)
+{
+    VxImage *src = Picture(type, w, h);
+    const int32_t previous = ImageSetWorkers(static_cast<int32_t>(state.range(0)));
+    for (auto _ : state) {
+        VxImage *out = op(src);
+        benchmark::DoNotOptimize(out);
+        ImageDestroy(out);
+    }
+    ImageSetWorkers(previous);
+    Pixels(state, items);
+    ImageDestroy(src);
+}
+
+void Blur4k(benchmark::State &state)
+{
+    OnWorkers(state, VX_PIXEL_RGB, k4kW, k4kH, int64_t{k4kW} * k4kH,
+              [](VxImage *s) { return ImageBlur(s, kBlurTaps, kBlurSigma, kBlurSigma, 7); });
+}
+
+void Convolve4k(benchmark::State &state, int size)
+{
+    const std::vector<float> k = Kernel(size);
+    OnWorkers(state, VX_PIXEL_RGBA_FLOAT, k4kW, k4kH, int64_t{k4kW} * k4kH, [&](VxImage *s) {
+        return ImageConvolve(s, VX_PIXEL_RGBA_FLOAT, k.data(), size, size, nullptr);
+    });
+}
+
+// Halving a 4K picture, or doubling a 2K one to 4K.
+void Resample4k(benchmark::State &state, Resample r)
+{
+    const int32_t w = r.scale < 1 ? k4kW : k4kW / 2, h = r.scale < 1 ? k4kH : k4kH / 2;
+    const auto W = static_cast<int32_t>(w * r.scale), H = static_cast<int32_t>(h * r.scale);
+    OnWorkers(state, VX_PIXEL_RGBA_FLOAT, w, h, int64_t{W} * H,
+              [&](VxImage *s) { return ImageResample(s, VX_PIXEL_RGBA_FLOAT, W, H, r.mode); });
+}
+
+void Mipmap4k(benchmark::State &state)
+{
+    VxImage *src = Picture(VX_PIXEL_RGBA, 4096, 4096);
+    const int32_t previous = ImageSetWorkers(static_cast<int32_t>(state.range(0)));
+    for (auto _ : state) {
+        VxMipmap *m = MipmapCreateSmall(src, VX_PIXEL_RGBA, 1);
+        benchmark::DoNotOptimize(m);
+        MipmapDestroy(m);
+    }
+    ImageSetWorkers(previous);
+    Pixels(state, 4096 * 4096);
+    ImageDestroy(src);
+}
+
 #if VX_BENCH_OPENCV
 
 cv::Mat ToMat(VxImage *image, int32_t type, int cvType)
@@ -201,6 +263,68 @@ void MipmapCv(benchmark::State &state)
     Pixels(state, 4096 * 4096);
 }
 
+// Runs a peer benchmark with cv::setNumThreads(state.range(0)), then back to one thread.
+template <class... Args>
+void CvThreads(benchmark::State &state, void (*run)(benchmark::State &, Args...), Args... args)
+{
+    cv::setNumThreads(static_cast<int>(state.range(0)));
+    run(state, args...);
+    cv::setNumThreads(0);
+}
+
+void BlurCv4k(benchmark::State &state)
+{
+    CvThreads(state, +[](benchmark::State &st) {
+        VxImage *image = Picture(VX_PIXEL_RGB, k4kW, k4kH);
+        const cv::Mat src = ToMat(image, VX_PIXEL_RGB, CV_8UC3);
+        ImageDestroy(image);
+        const double sigma = std::sqrt(5.0 * kBlurSigma);
+        for (auto _ : st) {
+            cv::Mat dst;
+            cv::GaussianBlur(src, dst, cv::Size(2 * kBlurTaps - 1, 2 * kBlurTaps - 1), sigma, sigma, cv::BORDER_REPLICATE);
+            benchmark::DoNotOptimize(dst.data);
+        }
+        Pixels(st, int64_t{k4kW} * k4kH);
+    });
+}
+
+void ConvolveCv4k(benchmark::State &state, int size)
+{
+    CvThreads(state, +[](benchmark::State &st, int n) {
+        VxImage *image = Picture(VX_PIXEL_RGBA_FLOAT, k4kW, k4kH);
+        const cv::Mat src = ToMat(image, VX_PIXEL_RGBA_FLOAT, CV_32FC4);
+        ImageDestroy(image);
+        const std::vector<float> k = Kernel(n);
+        const cv::Mat kernel(n, n, CV_32F, const_cast<float *>(k.data()));
+        for (auto _ : st) {
+            cv::Mat dst;
+            cv::filter2D(src, dst, -1, kernel, cv::Point(-1, -1), 0, cv::BORDER_REPLICATE);
+            benchmark::DoNotOptimize(dst.data);
+        }
+        Pixels(st, int64_t{k4kW} * k4kH);
+    }, size);
+}
+
+void ResampleCv4k(benchmark::State &state, Resample r)
+{
+    CvThreads(state, +[](benchmark::State &st, Resample rs) {
+        const int32_t w = rs.scale < 1 ? k4kW : k4kW / 2, h = rs.scale < 1 ? k4kH : k4kH / 2;
+        VxImage *image = Picture(VX_PIXEL_RGBA_FLOAT, w, h);
+        const cv::Mat src = ToMat(image, VX_PIXEL_RGBA_FLOAT, CV_32FC4);
+        ImageDestroy(image);
+        const auto W = static_cast<int32_t>(w * rs.scale), H = static_cast<int32_t>(h * rs.scale);
+        const int interpolation = rs.mode == 2 ? cv::INTER_AREA : cv::INTER_CUBIC;
+        for (auto _ : st) {
+            cv::Mat dst;
+            cv::resize(src, dst, cv::Size(W, H), 0, 0, interpolation);
+            benchmark::DoNotOptimize(dst.data);
+        }
+        Pixels(st, int64_t{W} * H);
+    }, r);
+}
+
+void MipmapCv4k(benchmark::State &state) { CvThreads(state, &MipmapCv<false>); }
+
 #endif
 
 // A benchmark of ours run on the plain C library heap without its trim, as the peers' memory
@@ -271,6 +395,23 @@ BENCHMARK(MipmapOurs)->Name("mipmap_rgba_4096:MipmapCreate")->Unit(benchmark::kM
 #if VX_BENCH_OPENCV
 BENCHMARK(MipmapCv<false>)->Name("mipmap_rgba_4096:cv::resize(INTER_AREA)")->Unit(benchmark::kMillisecond);
 BENCHMARK(MipmapCv<true>)->Name("mipmap_rgba_4096:cv::pyrDown")->Unit(benchmark::kMillisecond);
+#endif
+
+#define WORKERS_CASE(fn, name, ...) \
+    BENCHMARK_CAPTURE(fn, name, __VA_ARGS__)->Name(name)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+WORKERS_CASE(Resample4k, "resample_rgbaf_4k_half_mode2:ImageResample", Resample{2, 0.5})
+WORKERS_CASE(Resample4k, "resample_rgbaf_4k_double_mode5:ImageResample", Resample{5, 2.0})
+WORKERS_CASE(Convolve4k, "convolve_rgbaf_4k_3x3:ImageConvolve", 3)
+WORKERS_CASE(Convolve4k, "convolve_rgbaf_4k_5x5:ImageConvolve", 5)
+BENCHMARK(Blur4k)->Name("blur_rgb_4k_9taps:ImageBlur")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(Mipmap4k)->Name("mipmap_rgba_4k:MipmapCreate")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+#if VX_BENCH_OPENCV
+WORKERS_CASE(ResampleCv4k, "resample_rgbaf_4k_half_mode2:cv::resize(INTER_AREA)", Resample{2, 0.5})
+WORKERS_CASE(ResampleCv4k, "resample_rgbaf_4k_double_mode5:cv::resize(INTER_CUBIC)", Resample{5, 2.0})
+WORKERS_CASE(ConvolveCv4k, "convolve_rgbaf_4k_3x3:cv::filter2D", 3)
+WORKERS_CASE(ConvolveCv4k, "convolve_rgbaf_4k_5x5:cv::filter2D", 5)
+BENCHMARK(BlurCv4k)->Name("blur_rgb_4k_9taps:cv::GaussianBlur")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(MipmapCv4k)->Name("mipmap_rgba_4k:cv::resize(INTER_AREA)")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 #endif
 
 BENCHMARK(BilinearOurs)->Name("bilinear_coherent:ImageBiLinearPixel")->Unit(benchmark::kNanosecond);

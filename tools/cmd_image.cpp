@@ -48,8 +48,10 @@ constexpr const char *kHelp =
     ".psd .iff; the 32-bit saver when the picture has alpha) or by --saver, a server of\n"
     "class ImageSaver such as 'VX_PNG32(.png)'. --quality 1..100 for JPEG. 8-bit files are\n"
     "processed as bytes, 16-bit files as floats and written back with 16 bits where the\n"
-    "format can hold them; palettes stay palettes. Exit status: 0 done, 1 the operation or\n"
-    "the write failed, 2 bad command line, 3 unreadable input.\n";
+    "format can hold them; palettes stay palettes. --threads N (1..64) spreads blur,\n"
+    "resample, convolve and mipmap over N threads (default: one per processor; the result is\n"
+    "the same for any N). Exit status: 0 done, 1 the operation or the write failed, 2 bad\n"
+    "command line, 3 unreadable input.\n";
 
 struct Options {
     std::string operation;
@@ -336,7 +338,7 @@ bool ParseArguments(int argc, char **argv, Options &o, int &status)
     }
     static const char *const kKnown[] = {"taps",  "sigma",  "sigma-v", "channels", "width",  "height",
                                          "scale", "mode",   "shrink",  "grow",     "matrix", "columns", "offset", "normalize",
-                                         "saver", "quality"};
+                                         "saver", "quality", "threads"};
     for (const auto &[name, value] : o.values) {
         bool known = false;
         for (const char *k : kKnown)
@@ -379,8 +381,10 @@ int ImageMain(int argc, char **argv)
         return UsageError("wants a subcommand: convert, blur, resample, convolve, mipmap, checker or info");
     Options o;
     int status = kUsage;
-    if (!ParseArguments(argc, argv, o, status))
+    double threads;
+    if (!ParseArguments(argc, argv, o, status) || !Number(o, "threads", 1, 64, 0, threads, status))
         return status;
+    ImageSetWorkers(static_cast<int32_t>(threads));  // 0, the default: one per processor
     const ImageModules modules;
     if (!modules.Problem().empty()) {
         std::fprintf(stderr, "vxtool image: %s\n", modules.Problem().c_str());

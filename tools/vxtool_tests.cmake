@@ -95,6 +95,18 @@ add_test(NAME vxtool.image_convolve_normalize COMMAND sh -c
    '$<TARGET_FILE:vxtool>' image convolve in.png zero.png --matrix 1,-1 --normalize 2>&1; test $? -eq 2")
 set_tests_properties(vxtool.image_convolve_normalize PROPERTIES DEPENDS vxtool.image_operations PASS_REGULAR_EXPRESSION
   "wrote doubled\\.png \\(100x60\\)\nvxtool image: --normalize: the matrix's numbers add up to 0\n")
+# --threads: the same files from one thread and from three, on a picture large enough to split;
+# a count outside 1..64 is refused.
+add_test(NAME vxtool.image_threads COMMAND sh -c
+  "cd '${vx_image_dir}' && \
+   '$<TARGET_FILE:vxtool>' image checker big.png --width 640 --height 480 && \
+   for op in 'blur --taps 7' 'resample --scale 0.7 --mode 4' 'convolve --matrix 1,2,1,2,4,2,1,2,1 --normalize'; do \
+     '$<TARGET_FILE:vxtool>' image $op big.png one.png --threads 1 && \
+     '$<TARGET_FILE:vxtool>' image $op big.png three.png --threads 3 && cmp one.png three.png || exit 1; \
+   done && \
+   '$<TARGET_FILE:vxtool>' image blur big.png x.png --threads 0 2>&1; test $? -eq 2")
+set_tests_properties(vxtool.image_threads PROPERTIES DEPENDS vxtool.image_operations PASS_REGULAR_EXPRESSION
+  "vxtool image: --threads wants a number from 1 to 64, not '0'")
 vx_cli_test(image_missing_input 3 "absent\\.png: cannot read: No such file or directory" image blur ${vx_image_dir}/absent.png out.png)
 vx_cli_test(image_info_not_png 3 "CMakeLists\\.txt: cannot read: not a known image format \\(tried [^)]*VX_PNGLoader"
   image info ${CMAKE_CURRENT_SOURCE_DIR}/CMakeLists.txt)
