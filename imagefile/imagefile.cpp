@@ -19,13 +19,12 @@ constexpr const char *kSaverClass = "ImageSaver";
 
 uint64_t g_pixelLimit = IMAGEFILE_DEFAULT_PIXEL_LIMIT;
 const ImageFileMonitor *g_monitor = nullptr;
-// The limit of the activation in progress: `create` refuses images above it, so a module that
-// forgot its own check still cannot allocate a lying file's size.
-thread_local uint64_t t_activeLimit = IMAGEFILE_DEFAULT_PIXEL_LIMIT;
 
+// Refuses images above the pixel limit too, so that a module that forgot its own check still
+// cannot allocate a lying file's size.
 VxImage *CreateImage(int32_t type, int32_t width, int32_t height)
 {
-    if (width < 1 || height < 1 || static_cast<uint64_t>(width) * static_cast<uint64_t>(height) > t_activeLimit)
+    if (width < 1 || height < 1 || static_cast<uint64_t>(width) * static_cast<uint64_t>(height) > g_pixelLimit)
         return nullptr;
     if (CkptBegin())
         return nullptr;
@@ -73,10 +72,29 @@ VxIFFWriter *WriterCreate(VxWriteStrm *strm)
 }
 
 const ImageFileServices kServices = {
-    IMAGEFILE_PROTOCOL, CreateImage,   ImageDestroy, TryAlloc,        FreeHeap,        CkptBeginBuf,
-    CkptEnd,            ReadOpen,      StrmReadDestroy, WriteOpen,    StrmWriteDestroy, ReaderCreate,
-    IFFRFormType,       IFFRParse,     IFFRChunkLength, IFFReadBytes, IFFRDestroy,     WriterCreate,
-    IFFWChunkOpen,      IFFWChunkClose, IFFWriteBytes, IFFWriteShorts, IFFWDestroy,
+    .version = IMAGEFILE_PROTOCOL,
+    .create = CreateImage,
+    .destroy = ImageDestroy,
+    .alloc = TryAlloc,
+    .free = FreeHeap,
+    .ckptBeginBuf = CkptBeginBuf,
+    .ckptEnd = CkptEnd,
+    .readOpen = ReadOpen,
+    .readClose = StrmReadDestroy,
+    .writeOpen = WriteOpen,
+    .writeClose = StrmWriteDestroy,
+    .iffrCreate = ReaderCreate,
+    .iffrFormType = IFFRFormType,
+    .iffrParse = IFFRParse,
+    .iffrChunkLength = IFFRChunkLength,
+    .iffReadBytes = IFFReadBytes,
+    .iffrDestroy = IFFRDestroy,
+    .iffwCreate = WriterCreate,
+    .iffwChunkOpen = IFFWChunkOpen,
+    .iffwChunkClose = IFFWChunkClose,
+    .iffWriteBytes = IFFWriteBytes,
+    .iffWriteShorts = IFFWriteShorts,
+    .iffwDestroy = IFFWDestroy,
 };
 
 // Copies `text` into the caller's buffer as one line: control characters become spaces.
@@ -97,14 +115,11 @@ void TakeModuleMessage(char *out, size_t size, char (&message)[IMAGEFILE_MESSAGE
     SetMessage(out, size, message[0] ? message : fallback);
 }
 
-// Activates one server with the limit in force; the host's result (-1 no server, -2 module
-// not loaded) or the activation's.
+// Activates one server: the host's result (-1 no server, -2 module not loaded) or the
+// activation's.
 int32_t Activate(const char *className, const char *name, void *local)
 {
-    t_activeLimit = g_pixelLimit;
-    const int32_t status = HostActivateVer(className, name, local, IMAGEFILE_PROTOCOL);
-    t_activeLimit = g_pixelLimit;
-    return status;
+    return HostActivateVer(className, name, local, IMAGEFILE_PROTOCOL);
 }
 
 const char *HostFailure(int32_t status)
