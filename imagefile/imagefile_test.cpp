@@ -85,9 +85,9 @@ const Variant kVariants[] = {
     {"psd_rgb8", "convert {src} -alpha off -depth 8 {out}", "psd", VX_PIXEL_RGB, 8, "RGB", "VX_PShop24(.psd)", kMagickFirst},
     {"psd_rgb16", "convert {src} -alpha off -depth 16 {out}", "psd", VX_PIXEL_RGB_FLOAT, 16, "RGB", "VX_PShop24(.psd)", kMagickFirst},
     {"ilbm_rgb24_byterun1", "convert {src} -alpha off -depth 8 ppm:- | ppmtoilbm -24force > {out}", "iff", VX_PIXEL_RGB, 8, "RGB", "VX_ILBM(.iff)", kIlbmToPpm},
-    {"ilbm_rgb24_plain", "convert {src} -alpha off -depth 8 ppm:- | ppmtoilbm -24force -nocompress > {out}", "iff", VX_PIXEL_RGB, 8, "RGB", "VX_ILBM(.iff)", kIlbmToPpm},
+    {"ilbm_rgb24_plain", "convert {src} -alpha off -depth 8 ppm:- | ppmtoilbm -24force -nocompress > {out}", "iff", VX_PIXEL_RGB, 8, "RGB", "VX_ILBMPlain(.iff)", kIlbmToPpm},
     {"ilbm_palette8_byterun1", "convert {src} -alpha off -colors 200 -depth 8 ppm:- | ppmtoilbm -maxplanes 8 > {out}", "iff", VX_PIXEL_INDEX, 8, "palette", "VX_ILBM(.iff)", kIlbmToPpm},
-    {"ilbm_palette8_plain", "convert {src} -alpha off -colors 200 -depth 8 ppm:- | ppmtoilbm -maxplanes 8 -nocompress > {out}", "iff", VX_PIXEL_INDEX, 8, "palette", "VX_ILBM(.iff)", kIlbmToPpm},
+    {"ilbm_palette8_plain", "convert {src} -alpha off -colors 200 -depth 8 ppm:- | ppmtoilbm -maxplanes 8 -nocompress > {out}", "iff", VX_PIXEL_INDEX, 8, "palette", "VX_ILBMPlain(.iff)", kIlbmToPpm},
     {"ilbm_palette4_byterun1", "convert {src} -alpha off -colors 12 -depth 8 ppm:- | ppmtoilbm > {out}", "iff", VX_PIXEL_INDEX, 4, "palette", "VX_ILBM(.iff)", kIlbmToPpm},
     {"png_palette4_interlaced", "convert {src} -alpha off -colors 12 -interlace PNG -define png:bit-depth=4 -define png:color-type=3 {out}", "png", VX_PIXEL_INDEX, 4, "palette", "VX_PNG24(.png)"},
 };
@@ -363,7 +363,7 @@ TEST_F(ImageFiles, DamagedFilesFailInOneLine)
     const std::pair<const char *, VxImage *> savers[] = {
         {"VX_PNG32(.png)", image},   {"VX_PNG24(.png)", palette}, {"VX_JPEG(.jpg)", image},
         {"VX_TIFF32(.tif)", image},  {"VX_BMP32(.bmp)", image},   {"VX_TGA32(.tga)", image},
-        {"VX_PShop24(.psd)", image}, {"VX_ILBM(.iff)", image},    {"VX_ILBM(.iff)", palette},
+        {"VX_PShop24(.psd)", image}, {"VX_ILBM(.iff)", image},    {"VX_ILBMPlain(.iff)", palette},
     };
     uint32_t seed = 12345;
     int loads = 0, succeeded = 0;

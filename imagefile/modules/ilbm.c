@@ -7,6 +7,7 @@
  *   ImageSaver:VX_ILBM(.iff)  palette images with as many planes as their palette needs,
  *                             grey as 8 planes with a grey CMAP, everything else as 24 planes
  *                             (alpha dropped); BODY in ByteRun1
+ *   ImageSaver:VX_ILBMPlain(.iff)  the same with the BODY uncompressed
  *
  * IFF read failures are raised through the checkpoint block the loader opens, so a truncated
  * or lying file ends in one message with everything released. */
@@ -353,6 +354,7 @@ typedef struct IlbmWrite {
     int planes;
     int32_t fetch;    /* the type rows are fetched as */
     int colours;      /* CMAP entries, 0 for none */
+    int compress;     /* 1 ByteRun1, 0 plain */
     uint8_t cmap[768];
 } IlbmWrite;
 
@@ -401,7 +403,8 @@ static void PixelsToPlanes(const uint8_t *pixels, int32_t width, int planes, siz
 static int32_t WriteHeader(const ImageFileServices *svc, VxIFFWriter *w, VxImage *image, const IlbmWrite *l)
 {
     const uint16_t size[4] = {(uint16_t)image->width, (uint16_t)image->height, 0, 0};
-    const uint8_t flags[4] = {(uint8_t)l->planes, 0, 1, 0}; /* planes, no mask, ByteRun1, pad */
+    /* planes, no mask, compression, pad */
+    const uint8_t flags[4] = {(uint8_t)l->planes, 0, (uint8_t)l->compress, 0};
     const uint16_t transparent = 0;
     const uint8_t aspect[2] = {1, 1};
     const uint16_t page[2] = {(uint16_t)image->width, (uint16_t)image->height};
@@ -431,8 +434,11 @@ static int32_t WriteBody(ImageSaverLocal *local, VxIFFWriter *w, const IlbmWrite
         if (!image->getLine(image, l->fetch, y, pixels))
             return VX_ERR_FORMAT;
         PixelsToPlanes(pixels, image->width, l->planes, rowBytes, planes);
-        for (int p = 0; !error && p < l->planes; ++p)
-            error = svc->iffWriteBytes(w, packed, (int32_t)PackByteRun1(planes + (size_t)p * rowBytes, rowBytes, packed));
+        for (int p = 0; !error && p < l->planes; ++p) {
+            const uint8_t *plane = planes + (size_t)p * rowBytes;
+            const size_t n = l->compress ? PackByteRun1(plane, rowBytes, packed) : rowBytes;
+            error = svc->iffWriteBytes(w, l->compress ? packed : plane, (int32_t)n);
+        }
         if (!error && !ImfStep(local->monitor, &local->result, local->message, y, image->height))
             return VX_ERR_ABORT;
     }
@@ -440,7 +446,7 @@ static int32_t WriteBody(ImageSaverLocal *local, VxIFFWriter *w, const IlbmWrite
     return error ? error : svc->iffwChunkClose(w);
 }
 
-static void SaveIlbm(ImageSaverLocal *local)
+static void SaveIlbm(ImageSaverLocal *local, int compress)
 {
     const ImageFileServices *svc = local->services;
     VxImage *image = local->image;
@@ -449,7 +455,8 @@ static void SaveIlbm(ImageSaverLocal *local)
         ImfMessage(local->message, "ILBM: at most 65535 x 65535 pixels");
         return;
     }
-    const IlbmWrite layout = LayoutFor(image);
+    IlbmWrite layout = LayoutFor(image);
+    layout.compress = compress;
     const size_t rowBytes = (((size_t)image->width + 15) >> 4) << 1;
     const size_t size = (size_t)image->width * 3 + rowBytes * 24 + rowBytes + rowBytes / 128 + 2;
     uint8_t *buffer = svc->alloc(size);
@@ -470,23 +477,37 @@ static void SaveIlbm(ImageSaverLocal *local)
         remove(local->fileName);
 }
 
+static int32_t Save(int32_t version, void *local, int compress)
+{
+    IMF_CHECK_VERSION(version, local);
+    ImageSaverLocal *l = (ImageSaverLocal *)local;
+    if (ImfSaverReady(l))
+        SaveIlbm(l, compress);
+    return 0;
+}
+
 static int32_t ActivateSaver(int32_t version, HostGlobalFunc *global, void *local, void *serverData)
 {
     (void)global;
     (void)serverData;
-    IMF_CHECK_VERSION(version, local);
-    ImageSaverLocal *l = (ImageSaverLocal *)local;
-    if (ImfSaverReady(l))
-        SaveIlbm(l);
-    return 0;
+    return Save(version, local, 1);
+}
+
+static int32_t ActivatePlainSaver(int32_t version, HostGlobalFunc *global, void *local, void *serverData)
+{
+    (void)global;
+    (void)serverData;
+    return Save(version, local, 0);
 }
 
 static const ServerTagDef kLoaderTags[] = {{"IFF ILBM", 0}, {NULL, 0}};
 static const ServerTagDef kSaverTags[] = {{"IFF ILBM (.iff)", 0}, {NULL, 0}};
+static const ServerTagDef kPlainTags[] = {{"IFF ILBM uncompressed (.iff)", 0}, {NULL, 0}};
 
 static const ServerRecord kServers[] = {
     {"ImageLoader", "IFF-ILBM", ActivateLoader, kLoaderTags},
     {"ImageSaver", "VX_ILBM(.iff)", ActivateSaver, kSaverTags},
+    {"ImageSaver", "VX_ILBMPlain(.iff)", ActivatePlainSaver, kPlainTags},
     {NULL, NULL, NULL, NULL},
 };
 
