@@ -310,18 +310,7 @@ static void LoadIlbm(ImageLoaderLocal *local)
     ReleaseRead(st);
 }
 
-static int32_t ActivateLoader(int32_t version, HostGlobalFunc *global, void *local, void *serverData)
-{
-    (void)global;
-    (void)serverData;
-    IMF_CHECK_VERSION(version, local);
-    ImageLoaderLocal *l = (ImageLoaderLocal *)local;
-    l->result = IMAGEFILE_NOT_MINE;
-    l->image = NULL;
-    if (l->fileName && l->services)
-        LoadIlbm(l);
-    return 0;
-}
+IMF_LOADER(ActivateLoader, LoadIlbm)
 
 /* ---- Saving ----------------------------------------------------------------------------- */
 
@@ -477,28 +466,8 @@ static void SaveIlbm(ImageSaverLocal *local, int compress)
         remove(local->fileName);
 }
 
-static int32_t Save(int32_t version, void *local, int compress)
-{
-    IMF_CHECK_VERSION(version, local);
-    ImageSaverLocal *l = (ImageSaverLocal *)local;
-    if (ImfSaverReady(l))
-        SaveIlbm(l, compress);
-    return 0;
-}
-
-static int32_t ActivateSaver(int32_t version, HostGlobalFunc *global, void *local, void *serverData)
-{
-    (void)global;
-    (void)serverData;
-    return Save(version, local, 1);
-}
-
-static int32_t ActivatePlainSaver(int32_t version, HostGlobalFunc *global, void *local, void *serverData)
-{
-    (void)global;
-    (void)serverData;
-    return Save(version, local, 0);
-}
+IMF_SAVER(ActivateSaver, SaveIlbm, 1)
+IMF_SAVER(ActivatePlainSaver, SaveIlbm, 0)
 
 static const ServerTagDef kLoaderTags[] = {{"IFF ILBM", 0}, {NULL, 0}};
 static const ServerTagDef kSaverTags[] = {{"IFF ILBM (.iff)", 0}, {NULL, 0}};

@@ -157,18 +157,7 @@ static void LoadJpeg(ImageLoaderLocal *local)
     FinishRead(local, &st, &cinfo);
 }
 
-static int32_t ActivateLoader(int32_t version, HostGlobalFunc *global, void *local, void *serverData)
-{
-    (void)global;
-    (void)serverData;
-    IMF_CHECK_VERSION(version, local);
-    ImageLoaderLocal *l = (ImageLoaderLocal *)local;
-    l->result = IMAGEFILE_NOT_MINE;
-    l->image = NULL;
-    if (l->fileName && l->services)
-        LoadJpeg(l);
-    return 0;
-}
+IMF_LOADER(ActivateLoader, LoadJpeg)
 
 /* ---- Saving ----------------------------------------------------------------------------- */
 
@@ -193,8 +182,10 @@ static void FinishWrite(ImageSaverLocal *local, JpegWrite *st, struct jpeg_compr
         remove(local->fileName);
 }
 
-static void SaveJpeg(ImageSaverLocal *local)
+/* The module's one saver: JPEG keeps no alpha, so there is no variant to tell apart. */
+static void SaveJpeg(ImageSaverLocal *local, int variant)
 {
+    (void)variant;
     VxImage *image = local->image;
     struct jpeg_compress_struct cinfo;
     JpegError error;
@@ -245,16 +236,7 @@ static void SaveJpeg(ImageSaverLocal *local)
     FinishWrite(local, &st, &cinfo, 0);
 }
 
-static int32_t ActivateSaver(int32_t version, HostGlobalFunc *global, void *local, void *serverData)
-{
-    (void)global;
-    (void)serverData;
-    IMF_CHECK_VERSION(version, local);
-    ImageSaverLocal *l = (ImageSaverLocal *)local;
-    if (ImfSaverReady(l))
-        SaveJpeg(l);
-    return 0;
-}
+IMF_SAVER(ActivateSaver, SaveJpeg, 0)
 
 static const ServerTagDef kLoaderTags[] = {{"JPEG Loader", 0}, {NULL, 0}};
 static const ServerTagDef kSaverTags[] = {{"JPEG (.jpg)", 0}, {NULL, 0}};

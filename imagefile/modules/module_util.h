@@ -121,6 +121,46 @@ static inline int ImfSaverReady(ImageSaverLocal *local)
     if ((version) != IMAGEFILE_PROTOCOL || !(local)) \
         return 1
 
+/* The body of every loader's activation: the file is not the module's until its loader says
+ * otherwise, and `load` runs only on local data it can use. */
+static inline int32_t ImfRunLoader(int32_t version, void *local, void (*load)(ImageLoaderLocal *))
+{
+    IMF_CHECK_VERSION(version, local);
+    ImageLoaderLocal *l = (ImageLoaderLocal *)local;
+    l->result = IMAGEFILE_NOT_MINE;
+    l->image = NULL;
+    if (l->fileName && l->services)
+        load(l);
+    return 0;
+}
+
+/* The body of every saver's activation; `variant` tells the module's savers apart (alpha kept,
+ * compression). */
+static inline int32_t ImfRunSaver(int32_t version, void *local, void (*save)(ImageSaverLocal *, int), int variant)
+{
+    IMF_CHECK_VERSION(version, local);
+    ImageSaverLocal *l = (ImageSaverLocal *)local;
+    if (ImfSaverReady(l))
+        save(l, variant);
+    return 0;
+}
+
+/* Activation functions with the host's signature over the two bodies above. */
+#define IMF_LOADER(name, load) \
+    static int32_t name(int32_t version, HostGlobalFunc *global, void *local, void *serverData) \
+    { \
+        (void)global; \
+        (void)serverData; \
+        return ImfRunLoader(version, local, load); \
+    }
+#define IMF_SAVER(name, save, variant) \
+    static int32_t name(int32_t version, HostGlobalFunc *global, void *local, void *serverData) \
+    { \
+        (void)global; \
+        (void)serverData; \
+        return ImfRunSaver(version, local, save, variant); \
+    }
+
 #define IMF_MODULE(servers) \
     static void *ImfStartup(void) { return (void *)1; } \
     static void ImfShutdown(void *data) { (void)data; } \

@@ -247,18 +247,7 @@ static void LoadPng(ImageLoaderLocal *local)
     local->result = IMAGEFILE_OK;
 }
 
-static int32_t ActivateLoader(int32_t version, HostGlobalFunc *global, void *local, void *serverData)
-{
-    (void)global;
-    (void)serverData;
-    IMF_CHECK_VERSION(version, local);
-    ImageLoaderLocal *l = (ImageLoaderLocal *)local;
-    l->result = IMAGEFILE_NOT_MINE;
-    l->image = NULL;
-    if (l->fileName && l->services)
-        LoadPng(l);
-    return 0;
-}
+IMF_LOADER(ActivateLoader, LoadPng)
 
 /* ---- Saving ----------------------------------------------------------------------------- */
 
@@ -385,28 +374,11 @@ static void SavePng(ImageSaverLocal *local, PngLayout layout)
         ImfMessage(local->message, "PNG: the file could not be written completely");
 }
 
-static int32_t Save(int32_t version, void *local, int alpha)
-{
-    IMF_CHECK_VERSION(version, local);
-    ImageSaverLocal *l = (ImageSaverLocal *)local;
-    if (ImfSaverReady(l))
-        SavePng(l, LayoutFor(l->image, alpha));
-    return 0;
-}
+/* VX_PNG24 drops alpha, VX_PNG32 keeps it. */
+static void SaveVariant(ImageSaverLocal *local, int alpha) { SavePng(local, LayoutFor(local->image, alpha)); }
 
-static int32_t ActivatePng24(int32_t version, HostGlobalFunc *global, void *local, void *serverData)
-{
-    (void)global;
-    (void)serverData;
-    return Save(version, local, 0);
-}
-
-static int32_t ActivatePng32(int32_t version, HostGlobalFunc *global, void *local, void *serverData)
-{
-    (void)global;
-    (void)serverData;
-    return Save(version, local, 1);
-}
+IMF_SAVER(ActivatePng24, SaveVariant, 0)
+IMF_SAVER(ActivatePng32, SaveVariant, 1)
 
 static const ServerTagDef kLoaderTags[] = {{"PNG Loader", 0}, {NULL, 0}};
 static const ServerTagDef kPng24Tags[] = {{"PNG 24 bit (.png)", 0}, {NULL, 0}};

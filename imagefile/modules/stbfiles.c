@@ -160,18 +160,7 @@ static void LoadStb(ImageLoaderLocal *local)
     local->result = IMAGEFILE_OK;
 }
 
-static int32_t ActivateLoader(int32_t version, HostGlobalFunc *global, void *local, void *serverData)
-{
-    (void)global;
-    (void)serverData;
-    IMF_CHECK_VERSION(version, local);
-    ImageLoaderLocal *l = (ImageLoaderLocal *)local;
-    l->result = IMAGEFILE_NOT_MINE;
-    l->image = NULL;
-    if (l->fileName && l->services)
-        LoadStb(l);
-    return 0;
-}
+IMF_LOADER(ActivateLoader, LoadStb)
 
 /* ---- Saving ----------------------------------------------------------------------------- */
 
@@ -260,28 +249,8 @@ static void SaveStb(ImageSaverLocal *local, int alpha)
     }
 }
 
-static int32_t Save(int32_t version, void *local, int alpha)
-{
-    IMF_CHECK_VERSION(version, local);
-    ImageSaverLocal *l = (ImageSaverLocal *)local;
-    if (ImfSaverReady(l))
-        SaveStb(l, alpha);
-    return 0;
-}
-
-static int32_t Activate24(int32_t version, HostGlobalFunc *global, void *local, void *serverData)
-{
-    (void)global;
-    (void)serverData;
-    return Save(version, local, 0);
-}
-
-static int32_t Activate32(int32_t version, HostGlobalFunc *global, void *local, void *serverData)
-{
-    (void)global;
-    (void)serverData;
-    return Save(version, local, 1);
-}
+IMF_SAVER(Activate24, SaveStb, 0)
+IMF_SAVER(Activate32, SaveStb, 1)
 
 #if defined(IMF_BMP)
 static const ServerTagDef kLoaderTags[] = {{"BMP Loader", 0}, {NULL, 0}};

@@ -231,18 +231,7 @@ static void LoadTiff(ImageLoaderLocal *local)
     local->result = IMAGEFILE_OK;
 }
 
-static int32_t ActivateLoader(int32_t version, HostGlobalFunc *global, void *local, void *serverData)
-{
-    (void)global;
-    (void)serverData;
-    IMF_CHECK_VERSION(version, local);
-    ImageLoaderLocal *l = (ImageLoaderLocal *)local;
-    l->result = IMAGEFILE_NOT_MINE;
-    l->image = NULL;
-    if (l->fileName && l->services)
-        LoadTiff(l);
-    return 0;
-}
+IMF_LOADER(ActivateLoader, LoadTiff)
 
 /* ---- Saving ----------------------------------------------------------------------------- */
 
@@ -304,28 +293,8 @@ static void SaveTiff(ImageSaverLocal *local, int alpha)
         remove(local->fileName);
 }
 
-static int32_t Save(int32_t version, void *local, int alpha)
-{
-    IMF_CHECK_VERSION(version, local);
-    ImageSaverLocal *l = (ImageSaverLocal *)local;
-    if (ImfSaverReady(l))
-        SaveTiff(l, alpha);
-    return 0;
-}
-
-static int32_t Activate24(int32_t version, HostGlobalFunc *global, void *local, void *serverData)
-{
-    (void)global;
-    (void)serverData;
-    return Save(version, local, 0);
-}
-
-static int32_t Activate32(int32_t version, HostGlobalFunc *global, void *local, void *serverData)
-{
-    (void)global;
-    (void)serverData;
-    return Save(version, local, 1);
-}
+IMF_SAVER(Activate24, SaveTiff, 0)
+IMF_SAVER(Activate32, SaveTiff, 1)
 
 static const ServerTagDef kLoaderTags[] = {{"TIFF Loader", 0}, {NULL, 0}};
 static const ServerTagDef k24Tags[] = {{"TIFF 24 bit (.tif)", 0}, {NULL, 0}};
