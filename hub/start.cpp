@@ -1,0 +1,113 @@
+// Starting vxhubd: found beside the library (or the program that linked it), else in the
+// build tree; run in a session of its own so that it outlives the application that started it.
+#include "vxtools3/hub.h"
+
+#include "hub/wire.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+bool Executable(const char *path) { return path[0] && access(path, X_OK) == 0; }
+
+bool OwnDirectory(char *out, size_t size)
+{
+    Dl_info info{};
+    const char *file = nullptr;
+    if (dladdr(reinterpret_cast<void *>(&OwnDirectory), &info) && info.dli_fname && std::strstr(info.dli_fname, ".so"))
+        file = info.dli_fname;
+    char resolved[PATH_MAX];
+    if (!realpath(file ? file : "/proc/self/exe", resolved))
+        return false;
+    char *slash = std::strrchr(resolved, '/');
+    if (!slash)
+        return false;
+    *slash = '\0';
+    return std::snprintf(out, size, "%s", resolved) < static_cast<int>(size);
+}
+
+bool FindDaemon(char *out, size_t size)
+{
+    char dir[PATH_MAX];
+    if (OwnDirectory(dir, sizeof dir)) {
+        static const char *const kRelative[] = {VX_HUBD_FROM_LIBDIR, VX_HUBD_FROM_BINDIR};
+        for (const char *relative : kRelative)
+            if (std::snprintf(out, size, "%s/%s", dir, relative) < static_cast<int>(size) && Executable(out))
+                return true;
+    }
+    return std::snprintf(out, size, "%s", VX_HUBD_BUILD_PATH) < static_cast<int>(size) && Executable(out);
+}
+
+// Reads the daemon's first line (at most 10 s): true when it says it listens.
+bool ReadFirstLine(int fd, char *line, size_t size)
+{
+    size_t used = 0;
+    line[0] = '\0';
+    for (int waited = 0; used + 1 < size && waited < 100;) {
+        pollfd p{fd, POLLIN, 0};
+        const int ready = poll(&p, 1, 100);
+        if (ready < 0 && errno != EINTR)
+            break;
+        if (ready <= 0) {
+            ++waited;
+            continue;
+        }
+        const ssize_t n = read(fd, line + used, size - 1 - used);
+        if (n <= 0)
+            break;
+        used += static_cast<size_t>(n);
+        line[used] = '\0';
+        if (char *end = std::strchr(line, '\n')) {
+            *end = '\0';
+            break;
+        }
+    }
+    return std::strstr(line, "listening on") != nullptr;
+}
+
+}  // namespace
+
+int32_t HubStartDaemon(const char *directory, char *line, size_t size)
+{
+    char own[PATH_MAX], program[PATH_MAX], scratch[512];
+    if (!line || size < 2)
+        line = scratch, size = sizeof scratch;
+    if (!directory && !vxhub::DefaultDirectory(own, sizeof own))
+        return std::snprintf(line, size, "the hub directory name is too long"), 0;
+    if (!FindDaemon(program, sizeof program))
+        return std::snprintf(line, size, "the hub daemon vxhubd was not found"), 0;
+    const char *dir = directory ? directory : own;
+    int pipeFds[2];
+    if (pipe2(pipeFds, O_CLOEXEC) != 0)
+        return std::snprintf(line, size, "cannot start vxhubd: %s", std::strerror(errno)), 0;
+    const pid_t child = fork();
+    if (child == 0) {  // a middle process, so that the daemon is nobody's child
+        setsid();
+        if (fork() == 0) {
+            dup2(pipeFds[1], 1), dup2(pipeFds[1], 2);
+            execl(program, "vxhubd", "--dir", dir, static_cast<char *>(nullptr));
+        }
+        _exit(0);
+    }
+    close(pipeFds[1]);
+    if (child > 0)
+        while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+        }
+    const bool started = child > 0 && ReadFirstLine(pipeFds[0], line, size);
+    close(pipeFds[0]);
+    if (child < 0)
+        std::snprintf(line, size, "cannot start vxhubd: %s", std::strerror(errno));
+    else if (!line[0])
+        std::snprintf(line, size, "vxhubd said nothing");
+    return started ? 1 : 0;
+}
