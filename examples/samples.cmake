@@ -11,4 +11,5 @@ set(VX_SAMPLES
   plugin_port plugin_scan
   envelope_bounce envelope_shapes
   iff_roundtrip save_state
-  config_file)
+  config_file
+  hub_share)

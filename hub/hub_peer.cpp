@@ -1,11 +1,12 @@
 // hub_peer: a small application for the hub's process tests. It connects to the hub of the
 // directory in argv[1] and runs the steps that follow, printing one line per step:
 //   add KIND FILE     lock STATE     unlock     count KIND     save TEXT (write the file
-//   through a temporary name)     event N (dispatch until event N arrives)     cycles N
-//   (N lock-2/unlock cycles, printing each grant and release time)     next (until a line comes
+//   through a temporary name)     event N (dispatch until event N arrives)
+//   cycles N TOKEN (N lock-2/unlock cycles, see Cycles)     next (until a line comes
 //   on stdin)     wait (until stdin closes)
 #include "vxtools3/hub.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <time.h>
 #include <unistd.h>
@@ -54,21 +55,31 @@ long long NowNs()
     return now.tv_sec * 1000000000LL + now.tv_nsec;
 }
 
-// Lock-2/unlock cycles: every grant is printed as "grant <start> <end> <rtt>" so that the test
-// can check that no two grants overlap; a refused lock is retried.
-void Cycles(HubAsset *asset, int count)
+// Lock-2/unlock cycles on the asset, a refused lock retried. While it holds the lock the peer
+// owns `token`, a file created exclusively and removed before the unlock: a lock granted twice
+// shows as a token that already exists. Prints "rtt <ns>" per grant, then "double <n>".
+void Cycles(HubAsset *asset, int count, const char *token)
 {
+    int doubles = 0;
     for (int done = 0; done < count;) {
         const long long asked = NowNs();
         if (!HubAssetLock(asset, HUB_HELD)) {
-            HubDispatch();
+            pollfd p{HubFileDescriptor(), POLLIN, 0};
+            poll(&p, 1, 1);
+            if (HubDispatch() < 0)
+                break;
             continue;
         }
         const long long granted = NowNs();
-        const long long released = (HubAssetUnlock(asset), NowNs());
-        std::printf("grant %lld %lld %lld\n", granted, released, granted - asked);
+        const int fd = open(token, O_CREAT | O_EXCL | O_WRONLY, 0600);
+        doubles += fd < 0;
+        if (fd >= 0)
+            close(fd), unlink(token);
+        HubAssetUnlock(asset);
+        std::printf("rtt %lld\n", granted - asked);
         ++done;
     }
+    std::printf("double %d\n", doubles);
 }
 
 }  // namespace
@@ -98,8 +109,8 @@ int main(int argc, char **argv)
             std::printf("save %d\n", Save(asset, arg)), ++i;
         } else if (step == "event") {
             std::printf("awaited %d\n", AwaitEvent(std::atoi(arg))), ++i;
-        } else if (step == "cycles") {
-            Cycles(asset, std::atoi(arg)), ++i;
+        } else if (step == "cycles" && i + 2 < argc) {
+            Cycles(asset, std::atoi(arg), argv[i + 2]), i += 2;
         } else if (step == "next") {
             char c = 0;
             while (c != '\n' && read(0, &c, 1) > 0) {

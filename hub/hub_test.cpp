@@ -390,4 +390,96 @@ TEST_F(HubTest, OutOfMemoryInTheCallsThatAllocate)
                          [&] { return HubAssetTempName(asset) != nullptr; }, [] {}, [] { HubDisconnect(); }});
 }
 
+// A client of another user reaches the socket (the test opens the directory for it) and is
+// refused on its credentials: its connection is closed before any request is answered.
+TEST_F(HubTest, AnotherUsersConnectionIsRefused)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "running a client under another uid needs root";
+    ASSERT_EQ(chmod(root_.c_str(), 0711), 0);
+    ASSERT_EQ(chmod(dir_.c_str(), 0711), 0);
+    ASSERT_EQ(chmod((dir_ + "/hub.sock").c_str(), 0777), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        const bool dropped = setgid(65534) == 0 && setuid(65534) == 0;
+        _exit(dropped && HubConnect(dir_.c_str(), 0) == 1 && HubAssetCount("Plugins") == -1 ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "uid 65534 was answered";
+    ASSERT_EQ(HubConnect(dir_.c_str(), 0), 1);
+    EXPECT_EQ(HubAssetCount("Plugins"), 0) << "the owner is served";
+}
+
+double Percentile(std::vector<long long> values, double p)
+{
+    std::sort(values.begin(), values.end());
+    return values.empty() ? 0 : static_cast<double>(values[static_cast<size_t>(p * static_cast<double>(values.size() - 1))]) / 1000.0;
+}
+
+// Round trips of one byte over a plain Unix-domain socket pair to a child process that echoes.
+std::vector<long long> EchoRoundTrips(int count)
+{
+    int pair[2];
+    std::vector<long long> times;
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0)
+        return times;
+    const pid_t child = fork();
+    if (child == 0) {
+        close(pair[0]);
+        char c;
+        while (read(pair[1], &c, 1) == 1 && write(pair[1], &c, 1) == 1) {
+        }
+        _exit(0);
+    }
+    close(pair[1]);
+    for (int i = 0; i < count; ++i) {
+        timespec a, b;
+        char c = 'x';
+        clock_gettime(CLOCK_MONOTONIC, &a);
+        if (write(pair[0], &c, 1) != 1 || read(pair[0], &c, 1) != 1)
+            break;
+        clock_gettime(CLOCK_MONOTONIC, &b);
+        times.push_back((b.tv_sec - a.tv_sec) * 1000000000LL + (b.tv_nsec - a.tv_nsec));
+    }
+    close(pair[0]);
+    waitpid(child, nullptr, 0);
+    return times;
+}
+
+// Many applications cycling one lock: every cycle is granted once and only once (each holder
+// owns a token file exclusively while it holds the lock), none is lost (each peer finishes its
+// cycles). VXHUB_LOAD=<clients>x<cycles> sets the size (default 8x200; 100x1000 for the full run).
+TEST_F(HubTest, ManyApplicationsCyclingOneLock)
+{
+    int clients = 8, cycles = 200;
+    if (const char *load = std::getenv("VXHUB_LOAD"))
+        std::sscanf(load, "%dx%d", &clients, &cycles);
+    const std::string token = root_ + "/token";
+    std::vector<std::unique_ptr<Child>> peers;
+    for (int i = 0; i < clients; ++i)
+        peers.push_back(Peer({"add", "Plugins", file_, "cycles", std::to_string(cycles), token}));
+    std::vector<long long> rtts;
+    int grants = 0, doubles = 0;
+    for (auto &peer : peers) {
+        ASSERT_EQ(peer->Line(), "add 1");
+        for (std::string line = peer->Line(); !line.empty(); line = peer->Line()) {
+            if (line.rfind("rtt ", 0) == 0)
+                rtts.push_back(std::stoll(line.substr(4))), ++grants;
+            else if (line.rfind("double ", 0) == 0)
+                doubles += std::stoi(line.substr(7));
+            else if (line == "done")
+                break;
+        }
+        EXPECT_EQ(peer->Wait(), 0);
+    }
+    EXPECT_EQ(grants, clients * cycles) << "no grant lost";
+    EXPECT_EQ(doubles, 0) << "no lock granted twice";
+    const std::vector<long long> echo = EchoRoundTrips(std::max(1000, grants));
+    std::printf("[ load     ] %d clients x %d cycles: lock round trip median %.1f us, p99 %.1f us "
+                "; plain Unix-socket echo median %.1f us, p99 %.1f us\n",
+                clients, cycles, Percentile(rtts, 0.5), Percentile(rtts, 0.99), Percentile(echo, 0.5),
+                Percentile(echo, 0.99));
+}
+
 }  // namespace

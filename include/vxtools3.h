@@ -21,5 +21,6 @@
 #include "vxtools3/undo.h"
 #include "vxtools3/config.h"
 #include "vxtools3/threads.h"
+#include "vxtools3/hub.h"
 
 #endif

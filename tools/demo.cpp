@@ -20,7 +20,7 @@ extern "C" {
 VX_SAMPLE(shot) VX_SAMPLE(ordered) VX_SAMPLE(global_list) VX_SAMPLE(word_count) VX_SAMPLE(btree_zone_actions)
 VX_SAMPLE(port_clients) VX_SAMPLE(undo_edits) VX_SAMPLE(image_blur) VX_SAMPLE(image_mipmap) VX_SAMPLE(thread_sum)
 VX_SAMPLE(thread_control) VX_SAMPLE(plugin_port) VX_SAMPLE(plugin_scan) VX_SAMPLE(envelope_bounce)
-VX_SAMPLE(envelope_shapes) VX_SAMPLE(iff_roundtrip) VX_SAMPLE(save_state) VX_SAMPLE(config_file)
+VX_SAMPLE(envelope_shapes) VX_SAMPLE(iff_roundtrip) VX_SAMPLE(save_state) VX_SAMPLE(config_file) VX_SAMPLE(hub_share)
 #undef VX_SAMPLE
 }
 
@@ -113,6 +113,7 @@ constexpr DemoSection kSections[] = {
      {envelope_bounce_sample, envelope_shapes_sample, PlotEnvelopes}},
     {"streams, IFF files and save states", {iff_roundtrip_sample, DumpScene, save_state_sample}},
     {"configuration: write a settings file and read it back", {config_file_sample}},
+    {"asset hub: a scene locked, replaced through a temporary file, the hub stopped", {hub_share_sample}},
 };
 
 constexpr const char *kHelp =

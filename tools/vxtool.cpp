@@ -20,6 +20,7 @@ constexpr Command kCommands[] = {
     {"env", "evaluate the envelopes of a saved file, or plot them as SVG", vxtool::EnvMain},
     {"iff", "print the chunk tree of an IFF file, extract or show one chunk", vxtool::IffMain},
     {"config", "list, get or set the entries of a configuration file", vxtool::ConfigMain},
+    {"hub", "start, stop or inspect the asset hub shared by running applications", vxtool::HubMain},
 };
 
 void Usage(FILE *out)

@@ -34,5 +34,6 @@ int PluginsMain(int argc, char **argv);  // `vxtool plugins`
 int EnvMain(int argc, char **argv);    // `vxtool env`
 int IffMain(int argc, char **argv);    // `vxtool iff`
 int ConfigMain(int argc, char **argv); // `vxtool config`
+int HubMain(int argc, char **argv);    // `vxtool hub`
 
 }  // namespace vxtool

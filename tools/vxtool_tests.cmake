@@ -14,7 +14,7 @@ vx_cli_test(help 0 "^usage: vxtool <command>" --help)
 add_test(NAME vxtool.help_everywhere COMMAND sh -c
   "for words in demo iff 'iff dump' 'iff extract' 'iff hex' env 'env eval' 'env plot' image 'image blur' \
      'image convert' 'image resample' 'image convolve' 'image mipmap' 'image checker' 'image info' plugins 'plugins scan' \
-     'plugins list' 'plugins activate' config 'config list' 'config get' 'config set'; do \
+     'plugins list' 'plugins activate' config 'config list' 'config get' 'config set' hub; do \
      for flag in --help -h; do \
        \"$0\" $words $flag | grep -q '^usage: vxtool' || { echo \"no help from: $words $flag\"; exit 1; }; \
      done; \
@@ -281,3 +281,11 @@ set_tests_properties(vxtool.plugins_scan_failures PROPERTIES PASS_REGULAR_EXPRES
 vx_cli_test(plugins_missing_directory 3 "absent: no such directory" plugins scan ${vx_plugins_dir}/absent)
 vx_cli_test(plugins_missing_database 3 "no plug-in database at [^\n]*absent\\.cfg" plugins list --db ${vx_plugins_dir}/absent.cfg)
 vx_cli_test(plugins_bad_command_line 2 "unknown subcommand 'frobnicate'" plugins frobnicate)
+
+# `vxtool hub`: a hub started in a fresh directory, its status listed, then stopped.
+set(vx_hub_dir ${CMAKE_CURRENT_BINARY_DIR}/hub_test_dir)
+add_test(NAME vxtool.hub_start_status_stop COMMAND sh -c
+  "rm -rf '${vx_hub_dir}' && \"$0\" hub start --dir '${vx_hub_dir}' && \"$0\" hub status --dir '${vx_hub_dir}' && \
+   \"$0\" hub stop --dir '${vx_hub_dir}'; \"$0\" hub frobnicate; echo status $?" $<TARGET_FILE:vxtool>)
+set_tests_properties(vxtool.hub_start_status_stop PROPERTIES PASS_REGULAR_EXPRESSION
+  "^vxhubd: listening on [^\n]*/hub_test_dir/hub.sock\nconnection pid [0-9]+: 0 asset\\(s\\)\nhub stopped\nstatus 2\n$")
