@@ -43,6 +43,7 @@ public:
         int in[2], out[2];
         if (pipe(in) != 0 || pipe(out) != 0)
             return;
+        std::fflush(nullptr);  // a child must not print the parent's buffered output again
         pid_ = fork();
         if (pid_ == 0) {
             dup2(in[0], 0), dup2(out[1], 1);
@@ -399,6 +400,7 @@ TEST_F(HubTest, AnotherUsersConnectionIsRefused)
     ASSERT_EQ(chmod(root_.c_str(), 0711), 0);
     ASSERT_EQ(chmod(dir_.c_str(), 0711), 0);
     ASSERT_EQ(chmod((dir_ + "/hub.sock").c_str(), 0777), 0);
+    std::fflush(nullptr);
     const pid_t child = fork();
     if (child == 0) {
         const bool dropped = setgid(65534) == 0 && setuid(65534) == 0;
@@ -424,6 +426,7 @@ std::vector<long long> EchoRoundTrips(int count)
     std::vector<long long> times;
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0)
         return times;
+    std::fflush(nullptr);
     const pid_t child = fork();
     if (child == 0) {
         close(pair[0]);
