@@ -12,6 +12,7 @@
 
 #include "host/host_internal.h"
 #include "host/scan_reply.h"
+#include "platform/programs.h"
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -53,43 +54,12 @@ bool SameStamp(const FileStamp &a, const FileStamp &b)
 
 // ---- Finding the scanner ----------------------------------------------------------------
 
-bool Executable(const char *path) { return path[0] && access(path, X_OK) == 0; }
-
-// The directory of the file holding this code: the shared library, or the program that
-// linked the static one.
-bool OwnDirectory(char *out, size_t size)
-{
-    Dl_info info{};
-    const char *file = nullptr;
-    if (dladdr(reinterpret_cast<void *>(&OwnDirectory), &info) && info.dli_fname && std::strstr(info.dli_fname, ".so"))
-        file = info.dli_fname;
-    char resolved[PATH_MAX];
-    if (!realpath(file ? file : "/proc/self/exe", resolved))
-        return false;
-    char *slash = std::strrchr(resolved, '/');
-    if (!slash)
-        return false;
-    *slash = '\0';
-    return std::snprintf(out, size, "%s", resolved) < static_cast<int>(size);
-}
-
-// The installed scanner relative to the library's folder or the program's, else the one of
-// the build tree this library was built in.
+// The scanner found once by FindHelperProgram, looked for again while it is missing.
 const char *SearchHelper()
 {
-    if (Executable(g_found))
+    if (g_found[0] && access(g_found, X_OK) == 0)
         return g_found;
-    char dir[PATH_MAX];
-    if (OwnDirectory(dir, sizeof dir)) {
-        static const char *const kRelative[] = {VX_MODSCAN_FROM_LIBDIR, VX_MODSCAN_FROM_BINDIR};
-        for (const char *relative : kRelative) {
-            if (std::snprintf(g_found, sizeof g_found, "%s/%s", dir, relative) < static_cast<int>(sizeof g_found) &&
-                Executable(g_found))
-                return g_found;
-        }
-    }
-    std::snprintf(g_found, sizeof g_found, "%s", VX_MODSCAN_BUILD_PATH);
-    if (Executable(g_found))
+    if (vx::FindHelperProgram("vxmodscan", g_found, sizeof g_found))
         return g_found;
     g_found[0] = '\0';
     return nullptr;

@@ -3,8 +3,8 @@
 #include "vxtools3/hub.h"
 
 #include "hub/wire.h"
+#include "platform/programs.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
@@ -17,36 +17,6 @@
 #include <cstring>
 
 namespace {
-
-bool Executable(const char *path) { return path[0] && access(path, X_OK) == 0; }
-
-bool OwnDirectory(char *out, size_t size)
-{
-    Dl_info info{};
-    const char *file = nullptr;
-    if (dladdr(reinterpret_cast<void *>(&OwnDirectory), &info) && info.dli_fname && std::strstr(info.dli_fname, ".so"))
-        file = info.dli_fname;
-    char resolved[PATH_MAX];
-    if (!realpath(file ? file : "/proc/self/exe", resolved))
-        return false;
-    char *slash = std::strrchr(resolved, '/');
-    if (!slash)
-        return false;
-    *slash = '\0';
-    return std::snprintf(out, size, "%s", resolved) < static_cast<int>(size);
-}
-
-bool FindDaemon(char *out, size_t size)
-{
-    char dir[PATH_MAX];
-    if (OwnDirectory(dir, sizeof dir)) {
-        static const char *const kRelative[] = {VX_HUBD_FROM_LIBDIR, VX_HUBD_FROM_BINDIR};
-        for (const char *relative : kRelative)
-            if (std::snprintf(out, size, "%s/%s", dir, relative) < static_cast<int>(size) && Executable(out))
-                return true;
-    }
-    return std::snprintf(out, size, "%s", VX_HUBD_BUILD_PATH) < static_cast<int>(size) && Executable(out);
-}
 
 // Reads the daemon's first line (at most 10 s): true when it says it listens.
 bool ReadFirstLine(int fd, char *line, size_t size)
@@ -84,7 +54,7 @@ int32_t HubStartDaemon(const char *directory, char *line, size_t size)
         line = scratch, size = sizeof scratch;
     if (!directory && !vxhub::DefaultDirectory(own, sizeof own))
         return std::snprintf(line, size, "the hub directory name is too long"), 0;
-    if (!FindDaemon(program, sizeof program))
+    if (!vx::FindHelperProgram("vxhubd", program, sizeof program))
         return std::snprintf(line, size, "the hub daemon vxhubd was not found"), 0;
     const char *dir = directory ? directory : own;
     int pipeFds[2];
