@@ -432,7 +432,9 @@ TEST_F(ImageFiles, IlbmLiesAreRefused)
         std::vector<uint8_t> file;
         int32_t result;
         const char *message;
+        std::vector<uint8_t> row0 = {};  // the first row's indices, where checked
     };
+    const std::vector<uint8_t> halves = {1, 1, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1};
     const Case cases[] = {
         {"huge", form({bmhd(65535, 65535, 24, 1), chunk("BODY", {0, 0})}), IMAGEFILE_TOO_LARGE,
          "ILBM: 65535 x 65535 pixels is more than the limit of 268435456 pixels"},
@@ -445,6 +447,8 @@ TEST_F(ImageFiles, IlbmLiesAreRefused)
          "ILBM: 12 planes with compression 0 cannot be read"},
         {"truncated form", std::vector<uint8_t>{'F', 'O', 'R', 'M', 0, 0, 1, 0, 'I', 'L', 'B', 'M', 'B', 'M', 'H', 'D', 0, 0, 0, 20, 1},
          IMAGEFILE_BAD_FILE, "ILBM: the file is truncated or its chunks do not fit"},
+        // The HAM flag on one plane is ignored: the planes are palette indices.
+        {"ham on one plane", form({bmhd(16, 1, 1, 0), chunk("CAMG", {0, 0, 8, 0}), cmap, chunk("BODY", {0xF0, 0x0F})}), IMAGEFILE_OK, "", halves},
         // Row 0 a literal of two bytes, row 1 a run of two 0xAA.
         {"two rows", form({bmhd(16, 2, 1, 1), cmap, chunk("BODY", {1, 0xF0, 0x0F, 0xFF, 0xAA})}), IMAGEFILE_OK, ""},
     };
@@ -455,6 +459,12 @@ TEST_F(ImageFiles, IlbmLiesAreRefused)
         imftest::Load(File("lie.iff"), in);
         EXPECT_EQ(in.result, c.result);
         EXPECT_EQ(in.message, c.message);
+        if (!c.row0.empty()) {
+            ASSERT_NE(in.image, nullptr);
+            std::vector<uint8_t> row(c.row0.size());
+            in.image->getLine(in.image, VX_PIXEL_INDEX, 0, row.data());
+            EXPECT_EQ(row, c.row0);
+        }
     }
     Loaded rows;
     imftest::Load(File("lie.iff"), rows);

@@ -137,6 +137,10 @@ static int ReadPlaneRow(IlbmRead *st, uint8_t *out, size_t n)
     return 1;
 }
 
+/* HAM holds 4 or 6 bits of colour and 2 of control per pixel: only 6 and 8 planes are HAM; the
+ * flag on any other plane count is ignored and the planes are read as palette indices. */
+static int IsHam(const IlbmRead *st) { return (st->camg & CAMG_HAM) && (st->bmhd.planes == 6 || st->bmhd.planes == 8); }
+
 /* Colour of HAM code `v` after `prev` (RGB bytes). */
 static void HamPixel(const IlbmRead *st, unsigned v, uint8_t *rgb, const uint8_t *prev)
 {
@@ -153,7 +157,7 @@ static void HamPixel(const IlbmRead *st, unsigned v, uint8_t *rgb, const uint8_t
 /* Turns one row of planes into pixels of the image's type. */
 static void PlanesToPixels(IlbmRead *st, size_t rowBytes, int32_t width)
 {
-    const int planes = st->bmhd.planes, deep = planes >= 24, ham = (st->camg & CAMG_HAM) && !deep;
+    const int planes = st->bmhd.planes, deep = planes >= 24, ham = IsHam(st);
     uint8_t prev[3] = {st->cmap[0], st->cmap[1], st->cmap[2]};
     for (int32_t x = 0; x < width; ++x) {
         const size_t byte = (size_t)x >> 3;
@@ -205,7 +209,7 @@ static int32_t ChooseType(IlbmRead *st, const char **colour)
     }
     if (planes < 1 || planes > 8)
         return -1;
-    if ((st->camg & CAMG_HAM) && (planes == 6 || planes == 8)) {
+    if (IsHam(st)) {
         *colour = "HAM";
         return VX_PIXEL_RGB;
     }
