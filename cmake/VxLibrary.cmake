@@ -22,6 +22,16 @@ endfunction()
 
 # Tests of one subsystem: one binary, linked against the static library so that the
 # tests can reach the subsystem's private functions.
+# A helper program the library starts (module scanner, hub daemon): built into and installed in
+# libexec/vxtools3, where FindHelperProgram (platform/programs.cpp) looks for it.
+function(vx_helper_program name source)
+  add_executable(${name} ${source})
+  target_link_libraries(${name} PRIVATE vxtools3_static vx_warnings)
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/libexec/vxtools3)
+  install(TARGETS ${name} RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/vxtools3)
+endfunction()
+
 function(vx_test name)
   if(NOT VX_BUILD_TESTS)
     return()
