@@ -170,19 +170,6 @@ void OnPortAttach(uintptr_t, uintptr_t, int32_t mode, uintptr_t x)
         Replay(x);
 }
 
-const char *DatabaseName() { return ConfigGenerateName(g_host.databaseDir, "vxext3", "Vexmark Extensions 3"); }
-
-int WriteDatabase()
-{
-    if (g_host.database == DatabaseState::Catalogue)
-        return 0;
-    const char *name = DatabaseName();
-    if (!name || !WriteDatabaseFile(name))
-        return 0;
-    g_host.database = DatabaseState::Saved;
-    return 1;
-}
-
 void OnApplicationEvent(uintptr_t, uintptr_t, int32_t event, uintptr_t)
 {
     if (event == kEventSave && g_host.database == DatabaseState::Changed)
@@ -386,10 +373,23 @@ bool DatabaseModifiable()
 {
     if (g_host.readingDatabase)
         return true;
-    if (g_host.database == DatabaseState::Catalogue)
+    if (g_host.database == DatabaseState::Catalogue || (g_host.hubAsset && !HubAllowsChange()))
         return false;
     g_host.database = DatabaseState::Changed;
     return true;
+}
+
+const char *DatabaseName() { return ConfigGenerateName(g_host.databaseDir, "vxext3", "Vexmark Extensions 3"); }
+
+int WriteDatabase()
+{
+    if (g_host.database == DatabaseState::Catalogue)
+        return 0;
+    const char *name = DatabaseName();
+    if (!name || !WriteDatabaseFile(name))
+        return 0;
+    g_host.database = DatabaseState::Saved;
+    return 1;
 }
 
 void Notify(int32_t subject, HostServer *server, HostClass *cls)
@@ -603,6 +603,7 @@ VX_API void HostShutdown(void)
     if (g_host.database != DatabaseState::Catalogue) {
         if (eventsAttached)
             GlobalPortDetach(kEventsPort, HostIdentity());
+        HostDetachHub();  // an application that did not detach still shares what it changed
         if (g_host.database == DatabaseState::Changed)
             WriteDatabase();
     }

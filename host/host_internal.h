@@ -2,6 +2,7 @@
 #pragma once
 
 #include <vxtools3/host.h>
+#include <vxtools3/hub.h>
 #include <vxtools3/lists.h>
 #include <vxtools3/ports.h>
 #include <vxtools3/streams.h>
@@ -127,6 +128,10 @@ struct HostState {
     int32_t globalNesting;  // global-service activations in progress
     HostModule *scanning;   // the module HostAddModule is reading, the only loaded one that takes servers
     VxPort *port;
+    // Sharing the database through the asset hub (hub_coupling.cpp): the "Plugins" asset while
+    // attached, and whether the catalogue as it stands went to the hub since the last change.
+    HubAsset *hubAsset;
+    bool savedToHub;
 };
 
 extern HostState g_host;
@@ -140,7 +145,13 @@ HostClass *FindClass(const char *name);
 HostServer *FindServer(const char *className, const char *name);
 HostServer *FindServerIn(HostClass *cls, const char *name);
 int32_t DeclareClass(const char *name, int32_t version);
+// Whether module servers may change now (asking the hub for the database when attached);
+// true marks the database changed.
 bool DatabaseModifiable();
+// The database file's name (a shared buffer), or NULL.
+const char *DatabaseName();
+// Writes the database file now: 1, or 0 when it could not be written or in catalogue mode.
+int WriteDatabase();
 void Notify(int32_t subject, HostServer *server, HostClass *cls);
 void TxnBegin(Txn *txn);
 void TxnArmRollback(Txn *txn);
@@ -193,5 +204,10 @@ void FreeAllChecks();
 // `path`; returns how many, or -3 when memory ran out (nothing registered).
 int32_t RegisterReply(const void *reply, size_t size, const char *path);
 int32_t CatalogueRowCount();
+
+// The hub coupling (hub_coupling.cpp).
+// Whether the hub lets this application change the database: takes the asset when it is
+// not held yet; false (said once on the debug output) when refused or the hub is gone.
+bool HubAllowsChange();
 
 }  // namespace vx::host

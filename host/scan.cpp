@@ -431,7 +431,12 @@ bool ScanFile(const char *path, HostScanReport *report, void *data)
     return true;
 }
 
-bool Scannable() { return HostRunning() && g_host.database != DatabaseState::Catalogue; }
+// A scan changes module servers: it needs a running host whose database may change (which,
+// through the hub, takes the database for this application).
+bool Scannable()
+{
+    return HostRunning() && g_host.database != DatabaseState::Catalogue && (!g_host.hubAsset || HubAllowsChange());
+}
 
 bool ModuleName(const char *name)
 {

@@ -355,7 +355,13 @@ int32_t HubAssetLock(HubAsset *asset, int32_t state)
 
 int32_t HubAssetUnlock(HubAsset *asset) { return HubAssetLock(asset, HUB_FREE); }
 
-int32_t HubAssetState(const HubAsset *asset) { return asset ? asset->state : 0; }
+int32_t HubAssetState(const HubAsset *asset)
+{
+    // A lock held on a hub that went away no longer exists: look at the connection first.
+    if (g_client.fd >= 0 && !ReadAvailable())
+        Lost();
+    return asset ? asset->state : 0;
+}
 
 const char *HubAssetTempName(HubAsset *asset)
 {

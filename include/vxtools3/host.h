@@ -28,6 +28,7 @@
 #define VXTOOLS3_HOST_H
 
 #include "common.h"
+#include "hub.h"
 
 VX_BEGIN_DECLS
 
@@ -144,6 +145,24 @@ VX_API const char *HostDatabaseFile(void);
 /* Writes the plug-in database now; returns 1, or 0 when the file could not be written (the
  * previous file is then kept). Catalogue mode writes nothing and returns 0. */
 VX_API int HostWriteDatabase(void);
+
+/* ---- Sharing the database with other applications through the asset hub (hub.h) -------- */
+
+/* Shares the database file through the hub the application connected to (HubConnect): adds a
+ * "Plugins" asset for it. From then on a change to module servers first takes the asset (it
+ * fails, said once on the debug output, while another application holds it, while this one
+ * locked it with HUB_REFUSE, or while the hub is gone); an asked-for or shut-down asset is
+ * saved through the hub, and a file another application replaced is read again. Events arrive
+ * through HubDispatch, which the application calls outside host calls. Returns 1 (also when
+ * already attached), or 0 when the host is not running, is in catalogue mode, or the hub
+ * could not add the asset. */
+VX_API int HostAttachHub(void);
+/* Stops sharing: saves unsaved changes through the hub, removes the asset and, when no other
+ * application holds a "Plugins" asset, writes the database file. The last HostShutdown does
+ * this too. Does nothing when not attached. */
+VX_API void HostDetachHub(void);
+/* Returns the hub asset of the database while attached, else NULL. */
+VX_API HubAsset *HostHubAsset(void);
 /* Copies `path` (cut to 511 bytes) into the host's module directory buffer. */
 VX_API void HostPathSet(const char *path);
 /* Returns the module directory buffer ("" until set). */

@@ -62,7 +62,8 @@ VX_API int32_t HubAssetRemove(HubAsset *asset);
 VX_API int32_t HubAssetLock(HubAsset *asset, int32_t state);
 /* Sets the lock state back to free: 1, or 0 when the hub is gone. */
 VX_API int32_t HubAssetUnlock(HubAsset *asset);
-/* Returns the asset's lock state as last granted (0, 1 or 2). */
+/* Returns the asset's lock state as last granted (0, 1 or 2); 0 once the hub is found gone
+ * (this reads what the connection holds, without delivering events). */
 VX_API int32_t HubAssetState(const HubAsset *asset);
 /* Returns a temporary file name in the asset's directory to write a new version of the file
  * to (owned by the asset, valid until the next call for it), or NULL when the hub is gone or
