@@ -90,10 +90,8 @@ PowerCubic Bezier2Y(const VxEnvKey *s, const VxEnvKey *e)
     return PowerCubic::Of(s->value, y1, e->value + e->p[1], e->value);
 }
 
-long g_solves = 0;
 double Bezier2Solve(const PowerCubic &x, double t)
 {
-    ++g_solves;
     double lo = 0.0, hi = 1.0, mid = 0.0;
     for (int i = 0;; ++i) {
         mid = lo + (hi - lo) * 0.5;
@@ -305,16 +303,6 @@ double AfterLast(VxEnvelope *env, VxEnvKey *first, VxEnvKey *last, double t, int
 
 }  // namespace
 
-// The curve value at t, not stored. The tables answer the common case, a time inside the key
-// range, on their own.
-[[gnu::always_inline]] inline double CurveValue(VxEnvelope *env, double t)
-{
-    double value;
-    if (TablesInnerValue(env, t, value))
-        return value;
-    return Steps(env, t);
-}
-
 }  // namespace vx::env
 
 using namespace vx::env;
@@ -322,7 +310,7 @@ using namespace vx::env;
 namespace {
 
 // The modifiers in order, each replacing the last value, up to one flagged to stop the walk.
-[[gnu::noinline]] void RunFilters(VxEnvelope *env, double t)
+void RunFilters(VxEnvelope *env, double t)
 {
     for (VxNode *n = env->filters.head; n->succ; n = n->succ) {
         auto *filter = reinterpret_cast<VxEnvFilter *>(n);
@@ -333,17 +321,44 @@ namespace {
     }
 }
 
-}  // namespace
-
-double EnvKeyEvaluate(VxEnvelope *env, double t) { return env->lastValue = CurveValue(env, t); }
-
-double EnvEvaluate(VxEnvelope *env, double t)
+// The curve value at t, not stored.
+double CurveValue(VxEnvelope *env, double t)
 {
-    env->lastValue = CurveValue(env, t);
-    if (env->filters.head->succ)
-        RunFilters(env, t);
+    double value;
+    return TablesInnerValue(env, t, value) ? value : Steps(env, t);
+}
+
+// The last value after the modifiers.
+[[gnu::noinline]] double Filtered(VxEnvelope *env, double t)
+{
+    RunFilters(env, t);
     return env->lastValue;
 }
+
+// The curve value by the steps of evaluation, stored, and the modifiers.
+[[gnu::noinline]] double EvaluateBySteps(VxEnvelope *env, double t, bool filters)
+{
+    env->lastValue = Steps(env, t);
+    return filters ? Filtered(env, t) : env->lastValue;
+}
+
+// The curve value at t, stored, and the modifiers when `filters`. The tables answer the common
+// case, a time inside the key range, on their own; every other case ends in a call made last,
+// so that the common one needs no stack frame.
+[[gnu::always_inline]] inline double Evaluate(VxEnvelope *env, double t, bool filters)
+{
+    double value;
+    if (!TablesInnerValue(env, t, value))
+        return EvaluateBySteps(env, t, filters);
+    env->lastValue = value;
+    return filters ? Filtered(env, t) : value;
+}
+
+}  // namespace
+
+double EnvKeyEvaluate(VxEnvelope *env, double t) { return Evaluate(env, t, false); }
+
+double EnvEvaluate(VxEnvelope *env, double t) { return Evaluate(env, t, env->filters.head->succ != nullptr); }
 
 double EnvModEvaluate(VxEnvelope *env, double t, double value)
 {

@@ -184,7 +184,7 @@ VxEnvTables *Rebuild(VxEnvelope *env)
         tables->ticks[i] = k->tick;
         tables->segments[i].kind = kUnfilled;
     }
-    env->tablesCurrent = true;
+    env->current = tables;
     return tables;
 }
 
@@ -192,26 +192,19 @@ VxEnvTables *Rebuild(VxEnvelope *env)
 
 bool TablesValue(VxEnvelope *env, double t, int32_t n, double offset, double &value)
 {
-    VxEnvTables *tables = env->tablesCurrent ? env->tables : Rebuild(env);
+    VxEnvTables *tables = env->current ? env->current : Rebuild(env);
     if (!tables)
         return false;
-    const int32_t lastKey = tables->count - 1;
-    int32_t at;  // the key whose value it is, if any
-    if (n <= tables->ticks[0]) {
-        at = 0;
-    } else if (n >= tables->ticks[lastKey]) {
-        at = lastKey;
-    } else {
-        const int32_t i = FindSegment(tables, n);
-        if (n != tables->ticks[i]) {
-            if (tables->segments[i].kind == kUnfilled)
-                FillSegment(tables, i);
-            value = FilledValue(tables, i, t, offset);
-            return true;
-        }
-        at = i;
+    const int32_t i = FindSegment(tables, n);
+    if (i < 0 || n == tables->ticks[i]) {
+        // On a key, or outside the keys (then n is the first or last key's tick).
+        const int32_t at = i >= 0 ? i : n <= tables->ticks[0] ? 0 : tables->count - 1;
+        value = offset + tables->keys[at]->value;
+        return true;
     }
-    value = offset + tables->keys[at]->value;
+    if (tables->segments[i].kind == kUnfilled)
+        FillSegment(tables, i);
+    value = FilledValue(tables, i, t, offset);
     return true;
 }
 
@@ -220,7 +213,7 @@ void FreeTables(VxEnvelope *env)
     if (env->tables)
         FreeHeap(env->tables, env->tables->bytes);
     env->tables = nullptr;
-    env->tablesCurrent = false;
+    env->current = nullptr;
 }
 
 }  // namespace vx::env

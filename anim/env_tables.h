@@ -65,14 +65,17 @@ double Bezier2Value(const VxEnvTables *tables, int32_t i, double t, double offse
     }
 }
 
-// The segment i with ticks[i] <= n < ticks[i + 1], for n strictly inside the key range: the
-// segment evaluated last when it holds n (playback), else found by halving.
+// The segment i with ticks[i] <= n < ticks[i + 1], or -1 when n lies before the first key or
+// on or after the last: the segment evaluated last when it holds n (playback), else found by
+// halving.
 [[gnu::always_inline]] inline int32_t FindSegment(VxEnvTables *tables, int32_t n)
 {
     const int32_t *ticks = tables->ticks;
     int32_t i = tables->last;
     if (ticks[i] <= n && n < ticks[i + 1])
         return i;
+    if (!(n >= ticks[0] && n < ticks[tables->count - 1]))
+        return -1;
     i = 0;
     for (int32_t len = tables->count - 1; len > 1;) {
         const int32_t half = len / 2;
@@ -83,23 +86,23 @@ double Bezier2Value(const VxEnvTables *tables, int32_t i, double t, double offse
     return i;
 }
 
-// The curve at t from current tables when t's tick n lies strictly between the first and last
-// key's (with the offset 0.0 of that case); false for any other time, or stale tables.
+// The curve at t from current tables when t's tick lies in a filled segment (with the offset
+// 0.0 of the key range); false for any other time, or stale tables.
 [[gnu::always_inline]] inline bool TablesInnerValue(VxEnvelope *env, double t, double &value)
 {
-    if (!env->tablesCurrent)
+    VxEnvTables *tables = env->current;
+    if (!tables)
         return false;
-    VxEnvTables *tables = env->tables;
     const int32_t n = TickOf(t);
-    if (!(n > tables->ticks[0] && n < tables->ticks[tables->count - 1]))
-        return false;
     const int32_t i = FindSegment(tables, n);
+    if (i < 0)
+        return false;
     if (n == tables->ticks[i]) {
         value = 0.0 + tables->keys[i]->value;
         return true;
     }
     if (tables->segments[i].kind == kUnfilled)
-        FillSegment(tables, i);
+        return false;
     value = FilledValue(tables, i, t, 0.0);
     return true;
 }

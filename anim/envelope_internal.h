@@ -41,9 +41,10 @@ struct VxEnvelope {
     double lastValue;
     double second;
     char nameBuffer[kNameMax + 1];
-    // Evaluation tables (env_tables.cpp): built on demand, stale after any change to the keys.
+    // Evaluation tables (env_tables.cpp): built on demand and kept for reuse; `current` is the
+    // same block while it matches the keys, and null after any change to them.
     struct VxEnvTables *tables;
-    bool tablesCurrent;
+    struct VxEnvTables *current;
 };
 
 namespace vx::env {
@@ -87,7 +88,7 @@ inline VxEnvKey *PrevKey(const VxEnvKey *k)
 
 // Marks the evaluation tables stale after any change to the keys: their number, order,
 // ticks, values, shapes or parameters.
-inline void KeysChanged(VxEnvelope *env) { env->tablesCurrent = false; }
+inline void KeysChanged(VxEnvelope *env) { env->current = nullptr; }
 
 // The value of an empty envelope and the last value of a new one: 1.0 for the scale channels.
 inline double EmptyValue(int32_t type) { return type >= ENV_TYPE_SCALE_FIRST && type <= ENV_TYPE_SCALE_LAST ? 1.0 : 0.0; }
@@ -162,9 +163,9 @@ double Bezier2Solve(const PowerCubic &x, double t);
 
 // ---- Evaluation tables (env_tables.cpp) ----------------------------------------------------
 
-// The curve at t plus `offset` from the tables, rebuilt first when stale, for a tick n
-// strictly between the first and last key's. False when n is not, or when the tables cannot
-// be had for want of memory (the caller then walks the keys).
+// The curve at t plus `offset` from the tables, rebuilt first when stale, for a tick n from
+// the first key's to the last key's. False when the tables cannot be had for want of memory
+// (the caller then walks the keys).
 bool TablesValue(VxEnvelope *env, double t, int32_t n, double offset, double &value);
 void FreeTables(VxEnvelope *env);
 
