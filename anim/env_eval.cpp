@@ -343,8 +343,8 @@ double CurveValue(VxEnvelope *env, double t)
 }
 
 // The curve value at t, stored, and the modifiers when `filters`. The tables answer the common
-// case, a time inside the key range, on their own; every other case ends in a call made last,
-// so that the common one needs no stack frame.
+// case, a time inside the key range, on their own; every other case ends in a call made last
+// (a jump), which keeps the common case's saved registers few.
 [[gnu::always_inline]] inline double Evaluate(VxEnvelope *env, double t, bool filters)
 {
     double value;
