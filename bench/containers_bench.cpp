@@ -187,24 +187,63 @@ using AbslHashMap = StdLikeMap<
 // ---- Table benchmarks ------------------------------------------------------------------------
 
 template <class C>
+void Build(C &c, const uintptr_t *keys, size_t n)
+{
+    for (size_t i = 0; i < n; ++i)
+        c.Insert(keys[i]);
+}
+
+template <class C>
 void Build(C &c, const std::vector<uintptr_t> &keys)
 {
-    for (uintptr_t k : keys)
-        c.Insert(k);
+    Build(c, keys.data(), keys.size());
 }
+
+// Passes over the keys, each holding every key once in an order of its own, for the timed
+// loops: repeating one order of a few hundred keys pass after pass lets the branch predictor
+// learn the outcome of every comparison std::set makes, so that it times a replay rather than
+// searches (1.1 us instead of 4.0 us for finding each of 100 keys). Enough passes for a
+// quarter of a million keys are made, at least one; both contestants of a case get the same.
+class KeyPasses {
+public:
+    KeyPasses(const std::vector<uintptr_t> &keys, uint64_t seed) : n_(keys.size())
+    {
+        std::mt19937_64 rng(seed);
+        std::vector<uintptr_t> pass = keys;
+        for (size_t made = 0; made == 0 || made + n_ <= kPoolKeys; made += n_) {
+            std::shuffle(pass.begin(), pass.end(), rng);
+            pool_.insert(pool_.end(), pass.begin(), pass.end());
+        }
+    }
+    // The next pass (n keys); after the last pass the first comes again.
+    const uintptr_t *Next()
+    {
+        const uintptr_t *pass = pool_.data() + next_;
+        next_ = next_ + n_ < pool_.size() ? next_ + n_ : 0;
+        return pass;
+    }
+    size_t Size() const { return n_; }
+
+private:
+    static constexpr size_t kPoolKeys = size_t{1} << 18;
+    size_t n_;
+    size_t next_ = 0;
+    std::vector<uintptr_t> pool_;
+};
 
 // Builds a container of n keys and destroys it; reports its heap bytes per entry.
 template <class C>
 void Insert(benchmark::State &state)
 {
     const std::vector<uintptr_t> keys = RandomKeys(static_cast<size_t>(state.range(0)), 1);
+    KeyPasses passes(keys, 4);
     double bytesPerEntry = 0;
     for (auto _ : state) {
         CountLibraryHeap counting;
         const size_t before = g_liveBytes;
         {
             C c;
-            Build(c, keys);
+            Build(c, passes.Next(), passes.Size());
             bytesPerEntry = double(g_liveBytes - before) / double(keys.size());
             benchmark::DoNotOptimize(&c);
         }
@@ -217,15 +256,15 @@ template <class C>
 void Find(benchmark::State &state)
 {
     const std::vector<uintptr_t> keys = RandomKeys(static_cast<size_t>(state.range(0)), 1);
-    std::vector<uintptr_t> probes = keys;
-    std::shuffle(probes.begin(), probes.end(), std::mt19937_64(2));
+    KeyPasses passes(keys, 2);
     C c;
     Build(c, keys);
     for (auto _ : state) {
+        const uintptr_t *probes = passes.Next();
         size_t found = 0;
-        for (uintptr_t k : probes)
-            found += c.Find(k);
-        if (found != probes.size())
+        for (size_t i = 0; i < passes.Size(); ++i)
+            found += c.Find(probes[i]);
+        if (found != passes.Size())
             state.SkipWithError("a key was not found");
         benchmark::DoNotOptimize(found);
     }

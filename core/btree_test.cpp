@@ -212,44 +212,55 @@ TEST_P(BTreeModel, TablesAndMapsFollowTheStandardContainers)
 INSTANTIATE_TEST_SUITE_P(Orders, BTreeModel, ::testing::Values(1, 2, 3, 16),
                          [](const auto &param) { return "m" + std::to_string(param.param); });
 
-// The word-keyed search of tables and maps (tables of small nodes count where the processor
-// has AVX2, the others halve)
-// against the plain search through a caller's callback: the same found keys, insertion points
-// and shapes after every step of a random run of adds and removals.
+// The word-keyed searches of tables and maps (counting where the processor has AVX2 and the
+// node's key slots span 4 to 64 words, else halving) against the plain search through a
+// caller's callback: the same found keys, insertion points and shapes after every step of a
+// random run of adds and removals.
 class WordSearch : public ::testing::TestWithParam<int32_t> {};
 
 TEST_P(WordSearch, FindsWhatThePlainSearchFinds)
 {
     const int32_t m = GetParam();
     for (int32_t keySize : {8, 16}) {
-        BTree *fast = BTCreate(m, keySize, vx::btree::CompareFirstWord), *plain = BTCreate(m, keySize, CompareWord);
+        BTree *counting = BTCreate(m, keySize, vx::btree::CompareFirstWord);
+        vx::btree::AllowCounting(false);
+        BTree *halving = BTCreate(m, keySize, vx::btree::CompareFirstWord);
+        vx::btree::AllowCounting(true);
+        BTree *plain = BTCreate(m, keySize, CompareWord);
+        BTree *const trees[] = {counting, halving, plain};
         std::mt19937_64 rng(static_cast<uint64_t>(m * keySize));
         for (int step = 0; step < 4000; ++step) {
             const uintptr_t key = (rng() % 700) | (step % 5 == 0 ? uintptr_t{1} << 63 : 0);
-            BTPos pf, pp;
-            void *inFast = BTSearch(fast, key, &pf), *inPlain = BTSearch(plain, key, &pp);
-            ASSERT_EQ(inFast != nullptr, inPlain != nullptr) << "step " << step;
-            ASSERT_EQ(pf.index, pp.index) << "step " << step;
-            ASSERT_EQ(pf.node ? Shape(fast, pf.node) : "", pp.node ? Shape(plain, pp.node) : "") << "step " << step;
+            BTPos pos[3];
+            bool in[3];
+            for (int t = 2; t >= 0; --t) {
+                in[t] = BTSearch(trees[t], key, &pos[t]) != nullptr;
+                ASSERT_EQ(in[t], in[2]) << "tree " << t << " step " << step;
+                ASSERT_EQ(pos[t].index, pos[2].index) << "tree " << t << " step " << step;
+                ASSERT_EQ(pos[t].node ? Shape(trees[t], pos[t].node) : "", pos[2].node ? Shape(plain, pos[2].node) : "")
+                    << "tree " << t << " step " << step;
+            }
             const bool grow = step % 1000 < 600;
-            if (!inFast && rng() % 100 < (grow ? 70u : 30u)) {
-                Add(fast, key);
-                Add(plain, key);
-            } else if (inFast && rng() % 100 < (grow ? 30u : 70u)) {
-                BTDelete(fast, &pf);
-                BTDelete(plain, &pp);
+            if (!in[2] && rng() % 100 < (grow ? 70u : 30u)) {
+                for (BTree *tree : trees)
+                    Add(tree, key);
+            } else if (in[2] && rng() % 100 < (grow ? 30u : 70u)) {
+                for (int t = 0; t < 3; ++t)
+                    BTDelete(trees[t], &pos[t]);
             }
             if (step % 20 == 0) {
-                ASSERT_EQ(Shape(fast), Shape(plain)) << "step " << step;
+                ASSERT_EQ(Shape(counting), Shape(plain)) << "step " << step;
+                ASSERT_EQ(Shape(halving), Shape(plain)) << "step " << step;
             }
         }
-        EXPECT_EQ(BTValidate(fast, WordAt), BTValidate(plain, WordAt));
-        BTDestroy(fast);
-        BTDestroy(plain);
+        EXPECT_EQ(BTValidate(counting, WordAt), BTValidate(plain, WordAt));
+        EXPECT_EQ(BTValidate(halving, WordAt), BTValidate(plain, WordAt));
+        for (BTree *tree : trees)
+            BTDestroy(tree);
     }
 }
 
-// Tables of orders up to 32 count (a node of 2 keys under a mask); 33 and 48 halve.
+// Tables of orders 2 to 32 count and maps of orders 1 to 16; the others halve.
 INSTANTIATE_TEST_SUITE_P(Orders, WordSearch, ::testing::Values(1, 2, 5, 7, 16, 32, 33, 48),
                          [](const auto &param) { return "m" + std::to_string(param.param); });
 

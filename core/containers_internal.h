@@ -62,9 +62,13 @@ struct BZone {
     BZChunk **lastWithFree;
 };
 
+// A tree's search, BTSearch's contract.
+using BTFindFn = void *(const BTree *tree, uintptr_t key, BTPos *pos);
+
 struct BTree {
     BTNode *root;
     BTCompare *cmp;
+    BTFindFn *find;  // chosen when the tree is made, from its comparison, key size and order
     BZone *nodeZone;        // nodes: header, 2m + 1 child slots, 2m keys
     BZone *splitKeyZone;    // a split's 2m + 1 keys
     BZone *splitChildZone;  // a split's 2m + 2 children
@@ -90,5 +94,12 @@ namespace vx::btree {
 
 // The comparison of LTab, LMap and KTable: the key word against the stored key's first word.
 int CompareFirstWord(uintptr_t key, const void *storedKey);
+
+// BTSearch without the call into it, for the tables and maps.
+inline void *Search(const BTree *tree, uintptr_t key, BTPos *pos) { return tree->find(tree, key, pos); }
+
+// Whether trees made from now on may search by counting where the processor allows it (the
+// default); tests turn it off to compare the two searches.
+void AllowCounting(bool allowed);
 
 }  // namespace vx::btree

@@ -32,7 +32,7 @@ uintptr_t ValueOf(const void *storedPair)
 int AddPair(BTree *tree, uintptr_t key, uintptr_t value)
 {
     BTPos pos;
-    if (BTSearch(tree, key, &pos))
+    if (vx::btree::Search(tree, key, &pos))
         return 0;
     const WordPair pair{key, value};
     return BTInsert(tree, &pair, &pos) ? 1 : -1;
@@ -41,7 +41,7 @@ int AddPair(BTree *tree, uintptr_t key, uintptr_t value)
 int RemoveKey(BTree *tree, uintptr_t key)
 {
     BTPos pos;
-    if (!BTSearch(tree, key, &pos))
+    if (!vx::btree::Search(tree, key, &pos))
         return 0;
     return BTDelete(tree, &pos);
 }
@@ -55,14 +55,14 @@ VX_API LTab *LTabCreate(int32_t m) { return CreateWordTree(m, 1); }
 VX_API int LTabAdd(LTab *tab, uintptr_t value)
 {
     BTPos pos;
-    if (BTSearch(tab, value, &pos))
+    if (vx::btree::Search(tab, value, &pos))
         return 0;
     return BTInsert(tab, &value, &pos) ? 1 : -1;
 }
 
 VX_API int LTabRem(LTab *tab, uintptr_t value) { return RemoveKey(tab, value); }
 
-VX_API int LTabTest(const LTab *tab, uintptr_t value) { return BTSearch(tab, value, nullptr) != nullptr; }
+VX_API int LTabTest(const LTab *tab, uintptr_t value) { return vx::btree::Search(tab, value, nullptr) != nullptr; }
 
 VX_API void LTabClear(LTab *tab) { BTClear(tab); }
 
@@ -73,7 +73,7 @@ VX_API LMap *LMapCreate(int32_t m) { return CreateWordTree(m, 2); }
 VX_API int LMapSet(LMap *map, uintptr_t key, uintptr_t value)
 {
     BTPos pos;
-    if (void *stored = BTSearch(map, key, &pos)) {
+    if (void *stored = vx::btree::Search(map, key, &pos)) {
         std::memcpy(static_cast<unsigned char *>(stored) + offsetof(WordPair, value), &value, sizeof value);
         return 0;
     }
@@ -83,7 +83,7 @@ VX_API int LMapSet(LMap *map, uintptr_t key, uintptr_t value)
 
 VX_API int LMapGet(const LMap *map, uintptr_t key, uintptr_t *valueOut)
 {
-    const void *stored = BTSearch(map, key, nullptr);
+    const void *stored = vx::btree::Search(map, key, nullptr);
     if (!stored)
         return 0;
     if (valueOut)
@@ -106,14 +106,14 @@ VX_API int KTableAdd(KTable *table, uintptr_t key, void *entry)
 
 VX_API void *KTableFind(const KTable *table, uintptr_t key)
 {
-    const void *stored = BTSearch(table, key, nullptr);
+    const void *stored = vx::btree::Search(table, key, nullptr);
     return stored ? reinterpret_cast<void *>(ValueOf(stored)) : nullptr;
 }
 
 VX_API void *KTableRem(KTable *table, uintptr_t key)
 {
     BTPos pos;
-    const void *stored = BTSearch(table, key, &pos);
+    const void *stored = vx::btree::Search(table, key, &pos);
     if (!stored)
         return nullptr;
     void *entry = reinterpret_cast<void *>(ValueOf(stored));
