@@ -129,38 +129,6 @@ int CompareWordInline(uintptr_t key, const void *storedKey)
     return (key > stored) - (key < stored);
 }
 
-// Asks for the cache lines from `from` up to `bytes` further at once, so that their misses
-// overlap rather than follow one another.
-void PrefetchRange(const void *from, size_t bytes)
-{
-    const auto *p = static_cast<const char *>(from);
-#pragma GCC unroll 4
-    for (size_t offset = 0; offset < bytes; offset += 64)
-        __builtin_prefetch(p + offset);
-    __builtin_prefetch(p + bytes - 1);
-}
-
-// Node memory beyond which the searches ask for a node's lines ahead: a smaller tree stays in
-// the core's caches, where the requests only cost instructions (finding each of 1,000 random
-// keys of a table takes about a tenth less time without them, containers_bench medians of 5).
-constexpr size_t kPrefetchBytes = size_t{256} << 10;
-
-bool WorthPrefetching(const BTree *tree)
-{
-    const BZone *zone = tree->nodeZone;
-    return static_cast<size_t>(zone->chunkCount) * zone->chunkBytes > kPrefetchBytes;
-}
-
-// Asks for a node's keys, and for its child slots when it is an inner node.
-inline void PrefetchNode(const unsigned char *keys, size_t keyBytes, BTNode *const *children, size_t childSlots,
-                         bool leaf)
-{
-    PrefetchRange(keys, keyBytes);
-    __builtin_prefetch(children);
-    if (!leaf)
-        PrefetchRange(children + 1, (childSlots - 1) * sizeof(BTNode *));
-}
-
 // Moves lo or hi after a probe that did not match: hi = mid when the key lies below the probe,
 // else lo = mid + 1. Written as conditional moves: the outcome of a probe of a random key is
 // not predictable, and the moves add a single cycle to the chain of probes in a node, where the
@@ -189,18 +157,11 @@ inline void PrefetchNode(const unsigned char *keys, size_t keyBytes, BTNode *con
 // unsigned word comparison inlined instead of called through the tree's pointer, and the key
 // size a constant where it is one or two words. Where the processor has AVX2, small nodes of
 // tables and maps are searched by counting instead (FindCounted).
-//
-// In a large tree each node's header and keys are asked for at once on arrival. Its child
-// slots are asked for only in an inner node (a leaf's are all null and never read past the first): on a large tree
-// the leaves hold nearly all the memory, and fetching their child slots would fill the cache
-// with lines nobody reads.
 template <size_t kStride>
 void *FindWordOf(const BTree *tree, uintptr_t key, BTPos *pos)
 {
     const size_t stride = kStride ? kStride : static_cast<size_t>(tree->keySize);
-    const size_t keyBytes = stride * static_cast<size_t>(tree->maxKeys);
     const auto childSlots = static_cast<size_t>(tree->maxKeys) + 1;
-    const bool prefetch = WorthPrefetching(tree);
     BTNode *node = tree->root;
     BTPos where{nullptr, 0};
     void *found = nullptr;
@@ -209,8 +170,6 @@ void *FindWordOf(const BTree *tree, uintptr_t key, BTPos *pos)
         BTNode **children = reinterpret_cast<BTNode **>(node + 1);
         unsigned char *keys = reinterpret_cast<unsigned char *>(children + childSlots);
         const bool leaf = children[0] == nullptr;
-        if (prefetch)
-            PrefetchNode(keys, keyBytes, children, childSlots, leaf);
         uint32_t lo = 0, hi = static_cast<uint32_t>(node->count);
         while (lo < hi) {
             const uint32_t mid = (lo + hi) / 2;
@@ -279,7 +238,6 @@ VX_AVX2 void *FindCounted(const BTree *tree, uintptr_t key, BTPos *pos)
     const uint32_t slotWords = static_cast<uint32_t>(tree->maxKeys) * kKeyWords;
     const uint64_t firstWords = kKeyWords == 1 ? ~uint64_t{0} : 0x5555555555555555u;
     const size_t childSlots = static_cast<size_t>(tree->maxKeys) + 1;
-    const bool prefetch = WorthPrefetching(tree);
     const __m256i flip = _mm256_set1_epi64x(INT64_MIN);
     const __m256i wanted = _mm256_xor_si256(_mm256_set1_epi64x(static_cast<long long>(key)), flip);
     BTNode *node = tree->root;
@@ -289,9 +247,6 @@ VX_AVX2 void *FindCounted(const BTree *tree, uintptr_t key, BTPos *pos)
         BTNode **children = reinterpret_cast<BTNode **>(node + 1);
         const auto *keys = reinterpret_cast<const uint64_t *>(children + childSlots);
         const bool leaf = children[0] == nullptr;
-        if (prefetch)
-            PrefetchNode(reinterpret_cast<const unsigned char *>(keys), sizeof(uint64_t) * slotWords, children,
-                         childSlots, leaf);
         uint64_t below = 0;
 #pragma GCC unroll 16
         for (int v = 0; v + 1 < kVectors; ++v)
