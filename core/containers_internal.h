@@ -68,7 +68,6 @@ using BTFindFn = void *(const BTree *tree, uintptr_t key, BTPos *pos);
 struct BTree {
     BTNode *root;
     BTCompare *cmp;
-    BTFindFn *find;  // chosen when the tree is made, from its comparison, key size and order
     BZone *nodeZone;        // nodes: header, 2m + 1 child slots, 2m keys
     BZone *splitKeyZone;    // a split's 2m + 1 keys
     BZone *splitChildZone;  // a split's 2m + 2 children
@@ -79,6 +78,7 @@ struct BTree {
     int32_t keySize;
     int32_t minKeys;  // m
     int32_t maxKeys;  // 2m
+    BTFindFn *find;   // chosen when the tree is made, from its comparison, key size and order
 };
 
 namespace vx::zone {
