@@ -353,9 +353,14 @@ void SplitInsert(BTree *tree, BTNode *node, int32_t index, const void *key, BTNo
     CopyKeys(tree, keyBuf, node->keys, index);
     std::memcpy(keyBuf + KeyBytes(tree, index), key, static_cast<size_t>(tree->keySize));
     CopyKeys(tree, keyBuf + KeyBytes(tree, index + 1), KeyAt(tree, node, index), full - index);
-    CopyChildren(childBuf, node->children, index);
-    childBuf[index] = child;
-    CopyChildren(childBuf + index + 1, node->children + index, full + 1 - index);
+    // The child slots of a leaf, of the fresh buffer and of the fresh node L are all null: a
+    // leaf's split leaves them alone.
+    const bool leaf = IsLeaf(node);
+    if (!leaf) {
+        CopyChildren(childBuf, node->children, index);
+        childBuf[index] = child;
+        CopyChildren(childBuf + index + 1, node->children + index, full + 1 - index);
+    }
 
     const unsigned char *median = keyBuf + KeyBytes(tree, m);
     if (node->parent) {
@@ -372,12 +377,14 @@ void SplitInsert(BTree *tree, BTNode *node, int32_t index, const void *key, BTNo
     }
     // From here on nothing allocates: distribute the halves.
     CopyKeys(tree, lower->keys, keyBuf, m);
-    AdoptChildren(lower, childBuf, m + 1);
     lower->count = m;
     CopyKeys(tree, node->keys, keyBuf + KeyBytes(tree, m + 1), m);
-    AdoptChildren(node, childBuf + m + 1, m + 1);
-    ClearChildrenFrom(tree, node, m + 1);
     node->count = m;
+    if (!leaf) {
+        AdoptChildren(lower, childBuf, m + 1);
+        AdoptChildren(node, childBuf + m + 1, m + 1);
+        ClearChildrenFrom(tree, node, m + 1);
+    }
     BZFree(tree->splitKeyZone, keyBuf);
     BZFree(tree->splitChildZone, childBuf);
 }
