@@ -203,9 +203,7 @@ bool SyncFile(const char *path)
 void SyncDirectory(const char *path)
 {
     char dir[4096];
-    const char *slash = std::strrchr(path, '/');
-    if (std::snprintf(dir, sizeof dir, "%.*s", slash ? static_cast<int>(slash - path) + (slash == path) : 1,
-                      slash ? path : ".") >= static_cast<int>(sizeof dir))
+    if (!FolderOf(path, dir, sizeof dir))
         return;
     const int fd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd >= 0) {
@@ -228,6 +226,13 @@ VxWriteStrm *OpenWrite(const char *path)
 }
 
 }  // namespace
+
+bool FolderOf(const char *path, char *out, size_t size)
+{
+    const char *slash = std::strrchr(path, '/');
+    return std::snprintf(out, size, "%.*s", slash ? static_cast<int>(slash - path) + (slash == path) : 1,
+                         slash ? path : ".") < static_cast<int>(size);
+}
 
 bool ReadDatabaseStream(VxReadStrm *stream, const char *name)
 {

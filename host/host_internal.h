@@ -190,6 +190,9 @@ bool ReadDatabaseFile(const char *path);
 // The same over an open stream; `name` names it in the damage message.
 bool ReadDatabaseStream(VxReadStrm *stream, const char *name);
 bool WriteDatabaseFile(const char *path);
+// The folder part of a file name ("." when it has none, "/" for a file in the root); false
+// when it does not fit in `size` bytes.
+bool FolderOf(const char *path, char *out, size_t size);
 void RegisterCatalogue();
 
 // Module checks (scan.cpp).

@@ -40,27 +40,40 @@ bool Refuse(Refusal why)
     return false;
 }
 
+// The hub's temporary name for the asset, or NULL. Memory running out is caught here: a save
+// runs inside the application's HubDispatch, which must not be unwound.
+const char *TempName(HubAsset *asset)
+{
+    if (CkptBegin()) {
+        CkptLatchCode();
+        return nullptr;
+    }
+    const char *temp = HubAssetTempName(asset);
+    CkptEnd();
+    return temp;
+}
+
+void SaveFailed() { DBprintf("plug-in database could not be saved through the asset hub\n"); }
+
 // Writes the catalogue to the hub's temporary name and has the hub put it in place (the
 // other applications then get event 2); the asset is free again afterwards. `mayLock` takes
 // the asset first when it is not held; a hub that is shutting down grants no locks but still
-// takes the file of a holder. False, with the temporary file removed, when any step failed.
-bool SaveToHub(bool mayLock)
+// takes the file of a holder. When any step fails the temporary file is removed and the
+// debug output says so.
+void SaveToHub(bool mayLock)
 {
     HubAsset *asset = g_host.hubAsset;
     if (mayLock && HubAssetState(asset) != HUB_HELD && !HubAssetLock(asset, HUB_HELD))
-        return false;
-    CKPT_BEGIN_OR_RETURN(false);
-    const char *temp = HubAssetTempName(asset);
-    CkptEnd();
+        return SaveFailed();
+    const char *temp = TempName(asset);
     if (!temp)
-        return false;
+        return SaveFailed();
     if (!WriteDatabaseFile(temp) || !HubAssetNewTemp(asset)) {
         unlink(temp);
-        return false;
+        return SaveFailed();
     }
     HubAssetUnlock(asset);
     g_host.savedToHub = true;
-    return true;
 }
 
 // Reads the file another application put in place; a reload that runs out of memory keeps the
@@ -80,8 +93,7 @@ void OnAssetChange(HubAsset *, int32_t event, const char *file, void *)
     if (event == HUB_EVENT_REPLACED) {
         Reload(file);
     } else if ((event == HUB_EVENT_WANTED || event == HUB_EVENT_SHUTDOWN) && !g_host.savedToHub) {
-        if (!SaveToHub(event == HUB_EVENT_WANTED))
-            DBprintf("plug-in database could not be saved through the asset hub\n");
+        SaveToHub(event == HUB_EVENT_WANTED);
     }
 }
 
@@ -89,15 +101,10 @@ void OnAssetChange(HubAsset *, int32_t event, const char *file, void *)
 // applications have working folders of their own. False when it does not fit.
 bool AbsoluteName(const char *name, char *out, size_t size)
 {
+    char folder[PATH_MAX], resolved[PATH_MAX];
+    if (!FolderOf(name, folder, sizeof folder) || !realpath(folder, resolved))
+        return false;
     const char *slash = std::strrchr(name, '/');
-    char folder[PATH_MAX];
-    const int folderLength = slash ? static_cast<int>(slash - name) : 1;
-    if (std::snprintf(folder, sizeof folder, "%.*s", folderLength, slash ? (slash == name ? "/" : name) : ".") >=
-        static_cast<int>(sizeof folder))
-        return false;
-    char resolved[PATH_MAX];
-    if (!realpath(folder, resolved))
-        return false;
     const char *base = slash ? slash + 1 : name;
     return std::snprintf(out, size, "%s/%s", std::strcmp(resolved, "/") ? resolved : "", base) < static_cast<int>(size);
 }
@@ -152,8 +159,8 @@ VX_API void HostDetachHub(void)
     HubAsset *asset = g_host.hubAsset;
     if (!asset)
         return;
-    if (!g_host.savedToHub && !SaveToHub(true))
-        DBprintf("plug-in database could not be saved through the asset hub\n");
+    if (!g_host.savedToHub)
+        SaveToHub(true);
     g_host.hubAsset = nullptr;
     HubAssetRemove(asset);
     // The last application to leave writes the file. With the hub gone nobody can tell, so
