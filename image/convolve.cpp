@@ -521,10 +521,10 @@ void SeparableBlur(BlurJob &job, int32_t taps, double sigmaH, double sigmaV, uin
     const int32_t h = image->height;
     const size_t bpp = image->bytesPerPixel, rowBytes = static_cast<size_t>(image->width) * bpp;
     BuildBlurKernel(taps, sigmaH, job.kernel);
-    job.wide = WidePathsAvailable() && LanesStayApart(job.kernel);
+    job.wide = VbmiPathsAvailable() && LanesStayApart(job.kernel);
     RunParts(job.parts, BlurRowsPart, &job);
     BuildBlurKernel(taps, sigmaV, job.kernel);
-    job.wide = WidePathsAvailable() && LanesStayApart(job.kernel);
+    job.wide = VbmiPathsAvailable() && LanesStayApart(job.kernel);
     const auto units = static_cast<int32_t>((rowBytes + kColumnUnit - 1) / kColumnUnit);
     const int32_t rowParts = job.parts;
     job.parts = std::min(rowParts, units);

@@ -169,7 +169,7 @@ void ExpectBlursEqualThePlainRules()
 }
 
 PLAIN_AND_WIDE_TESTS(ImageBlur, FixedPointBlurEqualsThePlainRulesByteForByte, WideBlurEqualsThePlainRulesByteForByte,
-                     "the wide byte-blur passes", ExpectBlursEqualThePlainRules())
+                     vx::image::VbmiPathsAvailable(), "the wide byte-blur passes (AVX-512 VBMI)", ExpectBlursEqualThePlainRules())
 
 TEST(ImageBlur, OtherTypesConvolveWithTheGaussianMatrix)
 {

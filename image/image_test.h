@@ -88,9 +88,9 @@ struct WorkersScope {
     }
 };
 
-// Two tests of one comparison: `plain` with the wide (AVX-512 VBMI) loops off, `wide` with them
-// on (their default where the processor has them), skipped with the reason where it has not.
-#define PLAIN_AND_WIDE_TESTS(suite, plain, wide, what, check)                                              \
+// Two tests of one comparison: `plain` with the wide loops off, `wide` with them on (their
+// default where the processor has them), skipped with the reason where `available` is false.
+#define PLAIN_AND_WIDE_TESTS(suite, plain, wide, available, what, check)                                   \
     TEST(suite, plain)                                                                                     \
     {                                                                                                      \
         vx::image::SetWidePaths(false);                                                                    \
@@ -99,8 +99,8 @@ struct WorkersScope {
     }                                                                                                      \
     TEST(suite, wide)                                                                                      \
     {                                                                                                      \
-        if (!vx::image::WidePathsAvailable())                                                              \
-            GTEST_SKIP() << "no AVX-512 VBMI on this machine: " what " cannot run";                        \
+        if (!(available))                                                                                  \
+            GTEST_SKIP() << "this processor lacks the instructions of " what;                              \
         check;                                                                                             \
     }
 

@@ -116,88 +116,18 @@ void ReadLevelRow(VxImage *prev, int32_t y, float *out)
 // a division.
 [[gnu::always_inline]] inline float ByteUnit(uint8_t v) { return static_cast<float>(static_cast<double>(v) * (1.0 / 255.0)); }
 
-// Vectors of RGBA pixels: sixteen pixels as words, four pixels' 16 channels as integers,
-// doubles and floats.
-using Words16 = uint32_t __attribute__((vector_size(64)));
-using Ints16 = int32_t __attribute__((vector_size(64)));
-using Doubles16 = double __attribute__((vector_size(128)));
-using Floats16 = float __attribute__((vector_size(64)));
-using Bytes16 = uint8_t __attribute__((vector_size(16)));
-
-// ByteUnit of the 16 channels of the four pixels kFirst, kFirst + 2, kFirst + 4 and
-// kFirst + 6 among the sixteen of `pixels`. Vectors pass by reference: their value passing
-// would depend on the target's ABI.
-template <int kFirst>
-[[gnu::always_inline]] inline void UnitsOf(Floats16 &units, const Words16 &pixels)
-{
-    const Words16 shifts = {0, 8, 16, 24, 0, 8, 16, 24, 0, 8, 16, 24, 0, 8, 16, 24};
-    const Words16 picked = __builtin_shufflevector(pixels, pixels, kFirst, kFirst, kFirst, kFirst, kFirst + 2, kFirst + 2,
-                                                   kFirst + 2, kFirst + 2, kFirst + 4, kFirst + 4, kFirst + 4, kFirst + 4,
-                                                   kFirst + 6, kFirst + 6, kFirst + 6, kFirst + 6);
-    const Words16 channels = (picked >> shifts) & 0xFFu;
-    const Doubles16 d = __builtin_convertvector(reinterpret_cast<const Ints16 &>(channels), Doubles16) * (1.0 / 255.0);
-    units = __builtin_convertvector(d, Floats16);
-}
-
-// FloatToByteFlat on every lane.
-[[gnu::always_inline]] inline void StoreBytes(uint8_t *out, const Floats16 &f)
-{
-    const Floats16 zero = {}, one = zero + 1.0f;
-    const Floats16 low = f > zero ? f : zero;
-    const Floats16 clamped = low < one ? low : one;
-    const Bytes16 b = __builtin_convertvector(__builtin_convertvector(clamped * 255.0f, Ints16), Bytes16);
-    std::memcpy(out, &b, 16);
-}
-
 // HalveRow on RGBA byte rows, straight from bytes to bytes: each channel takes the steps of
-// the byte-to-float conversion, HalveRow and FloatToByteFlat, eight result pixels at a time
-// as vectors of channels (the same operations on every lane), the rest one by one.
-VX_IMAGE_CLONES void HalveRgbaBytes(const uint8_t *__restrict upper, const uint8_t *__restrict lower, int32_t prevWidth,
-                                    int32_t width, uint8_t *__restrict out)
+// the byte-to-float conversion, HalveRow and FloatToByteFlat. The wide loops take the bulk of
+// a row where the processor has them; this one is their reference and takes the rest.
+void HalveRgbaBytes(const uint8_t *upper, const uint8_t *lower, int32_t prevWidth, int32_t width, uint8_t *out)
 {
     const size_t pairs = static_cast<size_t>(prevWidth / 2);
-    size_t x = 0;
-    Words16 u, l;
-    Floats16 u0, u1, l0, l1;
-    if (lower) {
-        for (; x + 8 <= pairs; x += 8) {
-            std::memcpy(&u, upper + 8 * x, 64);
-            std::memcpy(&l, lower + 8 * x, 64);
-            UnitsOf<0>(u0, u);
-            UnitsOf<1>(u1, u);
-            UnitsOf<0>(l0, l);
-            UnitsOf<1>(l1, l);
-            const Floats16 mean = (((u0 + u1) + l0) + l1) * 0.25f;
-            StoreBytes(out + 4 * x, mean);
-            UnitsOf<8>(u0, u);
-            UnitsOf<9>(u1, u);
-            UnitsOf<8>(l0, l);
-            UnitsOf<9>(l1, l);
-            const Floats16 next = (((u0 + u1) + l0) + l1) * 0.25f;
-            StoreBytes(out + 4 * x + 16, next);
+    for (size_t x = 0; x < pairs; ++x)
+        for (size_t c = 0; c < 4; ++c) {
+            const float top = ByteUnit(upper[8 * x + c]) + ByteUnit(upper[8 * x + 4 + c]);
+            out[4 * x + c] = lower ? FloatToByteFlat(((top + ByteUnit(lower[8 * x + c])) + ByteUnit(lower[8 * x + 4 + c])) * 0.25f)
+                                   : FloatToByteFlat(top * 0.5f);
         }
-        for (; x < pairs; ++x)
-            for (size_t c = 0; c < 4; ++c) {
-                const float sum = ((ByteUnit(upper[8 * x + c]) + ByteUnit(upper[8 * x + 4 + c])) + ByteUnit(lower[8 * x + c])) +
-                                  ByteUnit(lower[8 * x + 4 + c]);
-                out[4 * x + c] = FloatToByteFlat(sum * 0.25f);
-            }
-    } else {
-        for (; x + 8 <= pairs; x += 8) {
-            std::memcpy(&u, upper + 8 * x, 64);
-            UnitsOf<0>(u0, u);
-            UnitsOf<1>(u1, u);
-            const Floats16 mean = (u0 + u1) * 0.5f;
-            StoreBytes(out + 4 * x, mean);
-            UnitsOf<8>(u0, u);
-            UnitsOf<9>(u1, u);
-            const Floats16 next = (u0 + u1) * 0.5f;
-            StoreBytes(out + 4 * x + 16, next);
-        }
-        for (; x < pairs; ++x)
-            for (size_t c = 0; c < 4; ++c)
-                out[4 * x + c] = FloatToByteFlat((ByteUnit(upper[8 * x + c]) + ByteUnit(upper[8 * x + 4 + c])) * 0.5f);
-    }
     if (pairs < static_cast<size_t>(width)) {  // the odd last column: one or two pixels
         const size_t i = 4 * pairs, j = 8 * pairs;
         for (size_t c = 0; c < 4; ++c)
@@ -213,7 +143,7 @@ void BuildLevelRows(VxImage *prev, VxImage *level, const uint8_t *inverse, float
         for (int32_t y = firstRow; y < endRow; ++y) {
             const uint8_t *top = Row(prev, 2 * y), *bottom = 2 * y + 1 < prev->height ? Row(prev, 2 * y + 1) : nullptr;
             uint8_t *out = Row(level, y);
-            // The wide loop takes whole groups of 16 result pixels, the rest goes on below.
+            // The wide loop takes whole groups of result pixels (8 or 16), the rest goes on below.
             const size_t done = wide ? HalveRgbaBytesWide(top, bottom, static_cast<size_t>(prev->width / 2), out) : 0;
             const auto skip = static_cast<int32_t>(done);
             HalveRgbaBytes(top + 8 * done, bottom ? bottom + 8 * done : nullptr, prev->width - 2 * skip,

@@ -79,7 +79,8 @@ void ExpectLevelsEqualThePlainMeans()
         }
 }
 
-PLAIN_AND_WIDE_TESTS(Mipmap, LevelsEqualThePlainMeans, WideLevelsEqualThePlainMeans, "the wide RGBA byte halving",
+PLAIN_AND_WIDE_TESTS(Mipmap, LevelsEqualThePlainMeans, WideLevelsEqualThePlainMeans,
+                     vx::image::WidePathsAvailable(), "the wide RGBA byte halving (AVX2 or AVX-512 VBMI)",
                      ExpectLevelsEqualThePlainMeans())
 
 TEST(Mipmap, IndexPyramidsNeedAPalette)

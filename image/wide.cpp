@@ -1,5 +1,6 @@
 // The loops built for AVX-512 VBMI that are not the blur's: the switch, mipmap halving and
-// float halving.
+// float halving. Where the processor has AVX2 but not VBMI, the halvings take the AVX2 loops of
+// wide_avx2.cpp.
 //
 // Mipmap halving: every byte becomes v / 255 as a float through a lookup (the float's four
 // bytes as four byte planes of 256 entries), which gives the value of the byte conversions
@@ -145,7 +146,7 @@ VX_VBMI size_t HalveFloats(const float *upper, const float *lower, size_t pairs,
 
 void SetWidePaths(bool on) { wideEnabled = on; }
 
-bool WidePathsAvailable()
+bool VbmiPathsAvailable()
 {
 #if VX_WIDE
     static const bool has = CpuHasVbmi();
@@ -155,9 +156,21 @@ bool WidePathsAvailable()
 #endif
 }
 
+bool WidePathsAvailable()
+{
+#if VX_WIDE
+    static const bool has = __builtin_cpu_supports("avx2");
+    return VbmiPathsAvailable() || (wideEnabled && has);
+#else
+    return false;
+#endif
+}
+
 size_t HalveRgbaBytesWide(const uint8_t *upper, const uint8_t *lower, size_t pairs, uint8_t *out)
 {
 #if VX_WIDE
+    if (!VbmiPathsAvailable())
+        return HalveRgbaBytesAvx2(upper, lower, pairs, out);
     return lower ? Halve<true>(upper, lower, pairs, out) : Halve<false>(upper, nullptr, pairs, out);
 #else
     (void)upper, (void)lower, (void)pairs, (void)out;
@@ -168,7 +181,7 @@ size_t HalveRgbaBytesWide(const uint8_t *upper, const uint8_t *lower, size_t pai
 size_t HalveRgbaFloatsWide(const float *upper, const float *lower, size_t pairs, float *out)
 {
 #if VX_WIDE
-    return HalveFloats(upper, lower, pairs, out);
+    return VbmiPathsAvailable() ? HalveFloats(upper, lower, pairs, out) : HalveRgbaFloatsAvx2(upper, lower, pairs, out);
 #else
     (void)upper, (void)lower, (void)pairs, (void)out;
     return 0;

@@ -1,6 +1,7 @@
 // Pieces shared by the image loops built for AVX-512 VBMI (64 bytes per step), and the switch
 // that chooses them. Every such loop has a plain counterpart that gives the same bytes; the
-// wide loops run where the processor has the instructions and the switch is on.
+// wide loops run where the processor has the instructions and the switch is on. The halvings
+// also have loops built for AVX2, which run where VBMI is missing.
 #pragma once
 
 #include <cstddef>
@@ -16,8 +17,11 @@
 
 namespace vx::image {
 
-// True when the wide loops can run here and have not been switched off.
+// True when some wide loops (AVX2 or VBMI) can run here and have not been switched off.
 bool WidePathsAvailable();
+// True when the VBMI loops can run here and have not been switched off (the blur's and the
+// convolution's wide loops need them).
+bool VbmiPathsAvailable();
 // Switches the wide loops on or off (tests run the byte-exact checks both ways).
 void SetWidePaths(bool on);
 
@@ -87,5 +91,9 @@ size_t HalveRgbaBytesWide(const uint8_t *upper, const uint8_t *lower, size_t pai
 // scale a quarter (its 0 + first term only turns -0 into +0, which the outer 0 + does as
 // well). Returns the number of result pixels written (even, at most `pairs`).
 size_t HalveRgbaFloatsWide(const float *upper, const float *lower, size_t pairs, float *out);
+
+// The AVX2 loops of the two halvings above (bytes: eight result pixels at a time; floats: all).
+size_t HalveRgbaBytesAvx2(const uint8_t *upper, const uint8_t *lower, size_t pairs, uint8_t *out);
+size_t HalveRgbaFloatsAvx2(const float *upper, const float *lower, size_t pairs, float *out);
 
 }  // namespace vx::image
