@@ -220,8 +220,9 @@ VxEnvelope *RandomKeys(std::mt19937 &rng, int count)
     return env;
 }
 
-// Times at random, on the keys, and 0.0001 s give or take a few ulps from the time curve at a
-// bisection probe, where the bisection stops turns on the last bits.
+// Times at random, on the keys and half a tick either side (where the tick changes), and
+// 0.0001 s from the time curve at a bisection probe (where the bisection stops); all but the
+// random ones moved by a few ulps, since the outcome turns on the last bits.
 std::vector<double> TestTimes(VxEnvelope *env, std::mt19937 &rng)
 {
     auto uni = [&](double lo, double hi) { return Uni(rng, lo, hi); };
@@ -232,7 +233,7 @@ std::vector<double> TestTimes(VxEnvelope *env, std::mt19937 &rng)
     std::vector<double> times;
     for (int i = 0; i < 1200; ++i) {
         const VxEnvKey *s = keys[rng() % (keys.size() - 1)], *e = EnvKeyNext(env, s);
-        double t = i % 3 == 0 ? uni(tF - 3 * span - 1, tL + 3 * span + 1) : i % 3 == 1 ? EnvKeyTime(s) : 0.0;
+        double t = i % 3 == 0 ? uni(tF - 3 * span - 1, tL + 3 * span + 1) : i % 3 == 1 ? EnvKeyTime(s) + kTick / 2 * (static_cast<int>(rng() % 3) - 1) : 0.0;
         if (i % 3 == 2) {
             const double x0 = EnvKeyTime(s), x3 = EnvKeyTime(e);
             const double x1 = x0 + (EnvKeyType(s) == ENV_SHAPE_BEZIER2 ? EnvKeyGetParam(s, 2) : (x3 - x0) / 3);
@@ -241,9 +242,9 @@ std::vector<double> TestTimes(VxEnvelope *env, std::mt19937 &rng)
             const int level = 1 + static_cast<int>(rng() % 17);
             const double sp = static_cast<double>(2 * (rng() % (1u << (level - 1))) + 1) * std::ldexp(1.0, -level);
             t = x0 + a * sp + b * (sp * sp) + d * (sp * sp * sp) + (rng() & 1 ? 0.0001 : -0.0001);
-            for (int step = static_cast<int>(rng() % 7) - 3; step != 0; step -= step > 0 ? 1 : -1)
-                t = std::nextafter(t, step > 0 ? HUGE_VAL : -HUGE_VAL);
         }
+        for (int step = i % 3 ? static_cast<int>(rng() % 7) - 3 : 0; step != 0; step -= step > 0 ? 1 : -1)
+            t = std::nextafter(t, step > 0 ? HUGE_VAL : -HUGE_VAL);
         times.push_back(t);
     }
     return times;

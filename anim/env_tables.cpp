@@ -95,8 +95,7 @@ double Bezier2Parameter(const Segment &seg, double t)
     return Bezier2Solve(x, t);
 }
 
-}  // namespace
-
+// Fills segment i from its keys when it is first evaluated after an edit.
 void FillSegment(VxEnvTables *tables, int32_t i)
 {
     Segment &seg = tables->segments[i];
@@ -143,14 +142,35 @@ void FillSegment(VxEnvTables *tables, int32_t i)
     }
 }
 
-double Bezier2Value(const VxEnvTables *tables, int32_t i, double t, double offset)
+}  // namespace
+
+double OtherValue(VxEnvTables *tables, int32_t i, double t, double offset)
 {
-    const Segment &seg = tables->segments[i];
+    Segment &seg = tables->segments[i];
+    if (seg.kind == kUnfilled) {
+        FillSegment(tables, i);
+        if (seg.kind < kUnfilled)
+            return TableCurve(tables, i, t, offset);
+    }
     const PowerCubic y = seg.kind == kBezier2 ? seg.y : Bezier2Y(tables->keys[i], tables->keys[i + 1]);
     return y.At(Bezier2Parameter(seg, t)) + offset;
 }
 
 namespace {
+
+// The least time whose tick is `tick` or later (TickOf never decreases as t grows): first
+// guessed, then moved by single steps of the last bit.
+double FirstTimeOfTick(int32_t tick)
+{
+    if (tick == INT32_MIN)
+        return -HUGE_VAL;
+    double t = (static_cast<double>(tick) - 0.5) * kTickSeconds;
+    while (TickOf(t) >= tick)
+        t = std::nextafter(t, -HUGE_VAL);
+    while (TickOf(t) < tick)
+        t = std::nextafter(t, HUGE_VAL);
+    return t;
+}
 
 // Current tables for an envelope of two keys or more; NULL when memory runs out.
 VxEnvTables *Rebuild(VxEnvelope *env)
@@ -165,7 +185,7 @@ VxEnvTables *Rebuild(VxEnvelope *env)
         FreeTables(env), tables = nullptr;
     if (!tables) {
         const auto n = static_cast<size_t>(count);
-        const size_t bytes = sizeof(VxEnvTables) + n * (sizeof(Segment) + sizeof(VxEnvKey *) + sizeof(int32_t));
+        const size_t bytes = sizeof(VxEnvTables) + n * (sizeof(Segment) + sizeof(VxEnvKey *) + sizeof(int64_t));
         tables = static_cast<VxEnvTables *>(StdTryAlloc(bytes));
         if (!tables)
             return nullptr;
@@ -173,7 +193,7 @@ VxEnvTables *Rebuild(VxEnvelope *env)
         tables->capacity = count;
         tables->segments = reinterpret_cast<Segment *>(tables + 1);
         tables->keys = reinterpret_cast<VxEnvKey **>(tables->segments + count);
-        tables->ticks = reinterpret_cast<int32_t *>(tables->keys + count);
+        tables->starts = reinterpret_cast<int64_t *>(tables->keys + count);
         env->tables = tables;
     }
     tables->count = count;
@@ -181,8 +201,13 @@ VxEnvTables *Rebuild(VxEnvelope *env)
     int32_t i = 0;
     for (VxEnvKey *k = FirstKey(env); k; k = NextKey(k), ++i) {
         tables->keys[i] = k;
-        tables->ticks[i] = k->tick;
+        tables->starts[i] = OrderKey(FirstTimeOfTick(k->tick));
         tables->segments[i].kind = kUnfilled;
+        if (i > 0) {
+            Segment &seg = tables->segments[i - 1];
+            seg.from = OrderKey(FirstTimeOfTick(tables->keys[i - 1]->tick + 1));
+            seg.width = static_cast<uint64_t>(tables->starts[i]) - static_cast<uint64_t>(seg.from);
+        }
     }
     env->current = tables;
     return tables;
@@ -193,18 +218,16 @@ VxEnvTables *Rebuild(VxEnvelope *env)
 bool TablesValue(VxEnvelope *env, double t, int32_t n, double offset, double &value)
 {
     VxEnvTables *tables = env->current ? env->current : Rebuild(env);
-    if (!tables)
+    if (!tables || std::isnan(t))
         return false;
-    const int32_t i = FindSegment(tables, n);
-    if (i < 0 || n == tables->ticks[i]) {
-        // On a key, or outside the keys (then n is the first or last key's tick).
-        const int32_t at = i >= 0 ? i : n <= tables->ticks[0] ? 0 : tables->count - 1;
-        value = offset + tables->keys[at]->value;
+    const int32_t i = SegmentAt(tables, OrderKey(t));
+    if (Inside(tables, i, OrderKey(t))) {
+        value = TableCurve(tables, i, t, offset);
         return true;
     }
-    if (tables->segments[i].kind == kUnfilled)
-        FillSegment(tables, i);
-    value = FilledValue(tables, i, t, offset);
+    // On a key: the one on tick n, the first or the last.
+    const int32_t at = n <= tables->keys[i]->tick ? i : i + 1;
+    value = offset + tables->keys[at]->value;
     return true;
 }
 

@@ -7,14 +7,18 @@
 
 #include "anim/envelope_internal.h"
 
+#include <cstring>
+
 namespace vx::env {
 
+// Which curve a segment holds. The kinds evaluated inline come first; the others (an
+// unfilled segment included) go to OtherValue.
 enum SegmentKind : int32_t {
-    kUnfilled,  // not evaluated since the tables were built
     kHold,      // stepped, or linear over one tick: c[0] = start value
     kLinear,    // c = start value, end value
     kBezier,    // c = start value, first and second control value, end value
     kHermite,   // c = start value, end value, out tangent, in tangent
+    kUnfilled,  // not evaluated since the tables were built
     kBezier2,   // x and y: the time and value curves
     // x only: the value curve reads the start key's cached out tangent, which the tangent rules
     // may rewrite, so it is built from the keys at each evaluation.
@@ -22,6 +26,10 @@ enum SegmentKind : int32_t {
 };
 
 struct Segment {
+    // The times whose ticks lie strictly between the keys' are those whose OrderKey k has
+    // k - from < width as unsigned numbers: a lookup never converts a time to its tick.
+    int64_t from;
+    uint64_t width;
     SegmentKind kind;
     bool increasing;  // 2-D Bezier: x(s) as computed rises from each bisection probe to the next
     bool straight;    // 2-D Bezier: and its time curve is all but a straight line
@@ -40,19 +48,18 @@ struct VxEnvTables {
     int32_t count;     // keys
     int32_t last;      // the segment evaluated last, tried first
     VxEnvKey **keys;
-    int32_t *ticks;
+    int64_t *starts;  // per key, OrderKey of the least time whose tick is the key's or later
     vx::env::Segment *segments;
 };
 
 namespace vx::env {
 
-// Fills segment i from its keys when it is first evaluated after an edit.
-void FillSegment(VxEnvTables *tables, int32_t i);
-// A 2-D Bezier segment i at t, plus `offset`.
-double Bezier2Value(const VxEnvTables *tables, int32_t i, double t, double offset);
+// The segment i at t, whose tick lies strictly inside it, plus `offset`, for the kinds not
+// evaluated inline: 2-D Bezier, and an unfilled segment, which it fills first.
+double OtherValue(VxEnvTables *tables, int32_t i, double t, double offset);
 
-// The filled segment i at t, whose tick lies strictly inside it, plus `offset`.
-[[gnu::always_inline]] inline double FilledValue(const VxEnvTables *tables, int32_t i, double t, double offset)
+// The segment i at t, whose tick lies strictly inside it, plus `offset`.
+[[gnu::always_inline]] inline double TableCurve(VxEnvTables *tables, int32_t i, double t, double offset)
 {
     const Segment &seg = tables->segments[i];
     const double *c = seg.c;
@@ -61,49 +68,67 @@ double Bezier2Value(const VxEnvTables *tables, int32_t i, double t, double offse
     case kLinear: return LinearCurve(offset, c[0], c[1], (t + seg.base) / seg.span);
     case kBezier: return BezierCurve(offset, c[0], c[1], c[2], c[3], (t + seg.base) / seg.span);
     case kHermite: return HermiteCurve(offset, c[0], c[1], c[2], c[3], (t + seg.base) / seg.span);
-    default: return Bezier2Value(tables, i, t, offset);
+    default: return OtherValue(tables, i, t, offset);
     }
 }
 
-// The segment i with ticks[i] <= n < ticks[i + 1], or -1 when n lies before the first key or
-// on or after the last: the segment evaluated last when it holds n (playback), else found by
-// halving.
-[[gnu::always_inline]] inline int32_t FindSegment(VxEnvTables *tables, int32_t n)
+// The bits of t as an integer that orders as t does, NaN aside (-0.0 comes just before 0.0):
+// negative numbers have all bits but the sign flipped.
+inline int64_t OrderKey(double t)
 {
-    const int32_t *ticks = tables->ticks;
-    int32_t i = tables->last;
-    if (ticks[i] <= n && n < ticks[i + 1])
-        return i;
-    if (!(n >= ticks[0] && n < ticks[tables->count - 1]))
-        return -1;
-    i = 0;
+    int64_t bits;
+    std::memcpy(&bits, &t, sizeof bits);
+    return bits ^ ((bits >> 63) & INT64_MAX);
+}
+
+// True when segment i holds the time whose OrderKey is `key` strictly inside its ticks.
+inline bool Inside(const VxEnvTables *tables, int32_t i, int64_t key)
+{
+    const Segment &seg = tables->segments[i];
+    return static_cast<uint64_t>(key) - static_cast<uint64_t>(seg.from) < seg.width;
+}
+
+// The segment i with starts[i] <= key < starts[i + 1], or the first or last one when key lies
+// outside them, by halving without branches.
+[[gnu::always_inline]] inline int32_t SegmentAt(const VxEnvTables *tables, int64_t key)
+{
+    const int64_t *starts = tables->starts;
+    int32_t i = 0;
     for (int32_t len = tables->count - 1; len > 1;) {
         const int32_t half = len / 2;
-        i = ticks[i + half] <= n ? i + half : i;
+        i = starts[i + half] <= key ? i + half : i;
         len -= half;
     }
-    tables->last = i;
     return i;
 }
 
-// The curve at t from current tables when t's tick lies in a filled segment (with the offset
-// 0.0 of the key range); false for any other time, or stale tables.
+// The segment whose ticks strictly inside it hold t's, or -1 when t's tick is a key's or lies
+// outside the keys, or t is NaN: the segment evaluated last when it holds t (playback), else
+// found by halving.
+[[gnu::always_inline]] inline int32_t InnerSegment(VxEnvTables *tables, double t)
+{
+    const int64_t key = OrderKey(t);
+    int32_t i = tables->last;
+    if (!Inside(tables, i, key)) {
+        i = SegmentAt(tables, key);
+        tables->last = i;
+        if (!Inside(tables, i, key))
+            return -1;
+    }
+    return i;
+}
+
+// The curve at t from current tables when t's tick lies strictly inside a segment (with the
+// offset 0.0 of the key range); false for any other time, or stale tables.
 [[gnu::always_inline]] inline bool TablesInnerValue(VxEnvelope *env, double t, double &value)
 {
     VxEnvTables *tables = env->current;
     if (!tables)
         return false;
-    const int32_t n = TickOf(t);
-    const int32_t i = FindSegment(tables, n);
+    const int32_t i = InnerSegment(tables, t);
     if (i < 0)
         return false;
-    if (n == tables->ticks[i]) {
-        value = 0.0 + tables->keys[i]->value;
-        return true;
-    }
-    if (tables->segments[i].kind == kUnfilled)
-        return false;
-    value = FilledValue(tables, i, t, 0.0);
+    value = TableCurve(tables, i, t, 0.0);
     return true;
 }
 
