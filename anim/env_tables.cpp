@@ -4,6 +4,7 @@
 #include <vxtools3/memory.h>
 
 #include <algorithm>
+#include <bit>
 
 namespace vx::env {
 namespace {
@@ -15,8 +16,6 @@ namespace {
 // its choices at the two probes that bracket the end point: so a guessed end point that passes
 // the checks at those two probes (and at itself) is the bisection's, to the bit.
 constexpr double kProbeScale = 131072.0;  // 2^17: probes per unit of the parameter
-constexpr int64_t kLastProbe = 131071;
-constexpr double kEndUnit = 0x1p-18;  // the end points are multiples of it
 constexpr double kReach = 0.0001;     // the bisection stops within this many seconds of t
 constexpr double kUlp = 0x1p-53;
 
@@ -38,61 +37,71 @@ bool IncreasingAtProbes(const PowerCubic &x)
     return least - slopeError > 4.0 * error * kProbeScale;
 }
 
-// Where the bisection of an increasing x(s) ends for time t, from a guess: `scaled` is the
-// guessed parameter s * 2^17 + 1 and `reach` is 0.0001 * ds/dx * 2^17, the parameters within
-// 0.0001 seconds of t in units of the probes. False when the guess is not confirmed.
-bool ConfirmEnd(const PowerCubic &x, double t, double scaled, double reach, double &mid)
+// The double whose bits are b.
+double FromBits(uint64_t b)
 {
-    // The probes within reach lie in [floor(lo) + 1, floor(hi)] for lo and hi one lower, so
-    // truncation stands in for the floor. A rounding that moves the candidate only costs a
-    // failed check below.
-    const double lo = scaled - reach, hi = scaled + reach;
-    if (!(lo > 0.0 && hi > lo && hi < kProbeScale + 2.0))
-        return false;
-    const int64_t jLo = std::max<int64_t>(static_cast<int64_t>(lo), 1);
-    const int64_t jHi = std::min<int64_t>(static_cast<int64_t>(hi) - 1, kLastProbe);
-    int64_t k;  // the end point in units of 2^-18
-    if (jLo <= jHi) {
-        // The probe in [jLo, jHi] with the most trailing zero bits is reached first; the
-        // bisection stops there when it is within reach of t.
-        const int top = 63 - __builtin_clzll(static_cast<uint64_t>((jLo - 1) ^ jHi));
-        k = 2 * (jHi & ~((int64_t{1} << top) - 1));
-        if (!(std::fabs(t - x.At(static_cast<double>(k) * kEndUnit)) < kReach))
-            return false;
-    } else {
-        // No probe within reach: the bisection runs out between the two that bracket s.
-        k = 2 * std::clamp<int64_t>(static_cast<int64_t>(scaled), 1, kLastProbe + 1) - 1;
-    }
-    // The probes k -+ lowest bracket k when the bisection reaches it: t must lie more than the
-    // reach above the one and below the other. (At 0 or 1 they are no probes; the checks pass
-    // there for a t inside the segment.)
-    const int64_t lowest = k & -k;
-    if (!(t - x.At(static_cast<double>(k - lowest) * kEndUnit) >= kReach))
-        return false;
-    if (!(t - x.At(static_cast<double>(k + lowest) * kEndUnit) <= -kReach))
-        return false;
-    mid = static_cast<double>(k) * kEndUnit;
-    return true;
+    double x;
+    std::memcpy(&x, &b, sizeof x);
+    return x;
 }
 
-// The bisection's end point for an increasing x, from a guess confirmed; else the bisection
-// itself. A nearly straight time curve (handles near a third of the segment, as a conversion to
-// 2-D Bezier leaves them) is guessed on the straight line through its ends; others from there
-// by two Newton steps.
-double Bezier2Parameter(const Segment &seg, double t)
+uint64_t BitsOf(double x)
+{
+    uint64_t b;
+    std::memcpy(&b, &x, sizeof b);
+    return b;
+}
+
+// Two cubics at one parameter, or one at two, side by side: each lane as PowerCubic::At.
+using Pair = double __attribute__((vector_size(16)));
+Pair AtPair(Pair c0, Pair a, Pair b, Pair d, Pair s) { return c0 + a * s + b * (s * s) + d * (s * s * s); }
+
+// y where the bisection of an increasing x(s) ends for time t, from guessed bounds 1 + s of
+// the parameters within 0.0001 seconds of t. False when the guess is not confirmed.
+//
+// The sums 1 + s hold s in the low bits of the mantissa, so those bits order like s and bits
+// 35 up count the probes below it: the probe in reach with the most trailing zero bits is
+// reached first, and the bisection stops there when it is within reach of t; with none, it
+// runs out between the two that bracket s. A rounding that moves the candidate only costs a
+// failed check below.
+[[gnu::always_inline]] inline bool ConfirmEnd(const PowerCubic &x, const PowerCubic &y, double t, double onePlusLo,
+                                              double onePlusHi, double &value)
+{
+    constexpr int kProbeShift = 35;          // mantissa bits below the probe index
+    constexpr uint64_t kOne = 0x3FF << 17;  // 1.0 over kProbeShift
+    const uint64_t lo = BitsOf(onePlusLo) >> kProbeShift, hi = BitsOf(onePlusHi) >> kProbeShift;
+    if ((lo >> 17 << 17) != kOne || (hi >> 17 << 17) != kOne)
+        return false;
+    const bool probe = lo != hi;
+    const auto top = static_cast<int>(std::bit_width(lo ^ hi)) - 1;
+    const uint64_t end = probe ? hi >> top << top << kProbeShift : lo << kProbeShift | uint64_t{1} << (kProbeShift - 1);
+    // The probes end -+ lowest bracket the end point when the bisection reaches it: t must lie
+    // more than the reach above the one and below the other. (At 0 or 1 they are no probes;
+    // the checks pass there for a t inside the segment.)
+    const uint64_t lowest = end & -end;
+    const double mid = FromBits(end) - 1.0;
+    const Pair xy = AtPair(Pair{x.c0, y.c0}, Pair{x.a, y.a}, Pair{x.b, y.b}, Pair{x.d, y.d}, Pair{mid, mid});
+    const Pair around = AtPair(Pair{x.c0, x.c0}, Pair{x.a, x.a}, Pair{x.b, x.b}, Pair{x.d, x.d},
+                               Pair{FromBits(end - lowest), FromBits(end + lowest)} - 1.0);
+    value = xy[1];
+    return (!probe || std::fabs(t - xy[0]) < kReach) && t - around[0] >= kReach && t - around[1] <= -kReach;
+}
+
+// y where the bisection of an increasing x for t ends, from a confirmed guess; false when the
+// guess fails. A nearly straight time curve (handles near a third of the segment, as a
+// conversion to 2-D Bezier leaves them) is guessed on the straight line through its ends;
+// others from there by two Newton steps.
+[[gnu::always_inline]] inline bool GuessedValue(const Segment &seg, const PowerCubic &y, double t, double &value)
 {
     const PowerCubic &x = seg.x;
-    double mid, s = (t - x.c0) * seg.invRange;
-    if (seg.straight && ConfirmEnd(x, t, s * kProbeScale + 1.0, kReach * seg.invRange * kProbeScale, mid))
-        return mid;
-    if (seg.increasing) {
-        const double r = 1.0 / (x.a + 2.0 * x.b * s + 3.0 * x.d * (s * s));
-        s -= (x.At(s) - t) * r;
-        s -= (x.At(s) - t) * r;
-        if (ConfirmEnd(x, t, s * kProbeScale + 1.0, kReach * r * kProbeScale, mid))
-            return mid;
-    }
-    return Bezier2Solve(x, t);
+    if (seg.straight)
+        return ConfirmEnd(x, y, t, t * seg.invRange + seg.onePlusLo, t * seg.invRange + seg.onePlusHi, value);
+    double s = (t - x.c0) * seg.invRange;
+    const double r = 1.0 / (x.a + 2.0 * x.b * s + 3.0 * x.d * (s * s));
+    s -= (x.At(s) - t) * r;
+    s -= (x.At(s) - t) * r;
+    const double reach = kReach * r;
+    return ConfirmEnd(x, y, t, 1.0 + (s - reach), 1.0 + (s + reach), value);
 }
 
 // Fills segment i from its keys when it is first evaluated after an edit.
@@ -127,6 +136,8 @@ void FillSegment(VxEnvTables *tables, int32_t i)
     case ENV_SHAPE_BEZIER2:
         seg.x = Bezier2X(s, e);
         seg.invRange = 1.0 / (seg.x.a + seg.x.b + seg.x.d);
+        seg.onePlusLo = 1.0 - (seg.x.c0 + kReach) * seg.invRange;
+        seg.onePlusHi = 1.0 - (seg.x.c0 - kReach) * seg.invRange;
         seg.increasing = IncreasingAtProbes(seg.x);
         seg.straight = seg.increasing && std::fabs(seg.x.b) + std::fabs(seg.x.d) <= 1e-3 * std::fabs(seg.x.a);
         seg.y = Bezier2Y(s, e);
@@ -142,9 +153,9 @@ void FillSegment(VxEnvTables *tables, int32_t i)
     }
 }
 
-}  // namespace
-
-double OtherValue(VxEnvTables *tables, int32_t i, double t, double offset)
+// OtherValue where a guess does not settle it: fills the segment first when unfilled; a 2-D
+// Bezier segment that reads its keys, or whose guess fails, bisects when it must.
+[[gnu::noinline]] double UnguessedValue(VxEnvTables *tables, int32_t i, double t, double offset)
 {
     Segment &seg = tables->segments[i];
     if (seg.kind == kUnfilled) {
@@ -153,7 +164,21 @@ double OtherValue(VxEnvTables *tables, int32_t i, double t, double offset)
             return TableCurve(tables, i, t, offset);
     }
     const PowerCubic y = seg.kind == kBezier2 ? seg.y : Bezier2Y(tables->keys[i], tables->keys[i + 1]);
-    return y.At(Bezier2Parameter(seg, t)) + offset;
+    double value;
+    if (!seg.increasing || !GuessedValue(seg, y, t, value))
+        value = y.At(Bezier2Solve(seg.x, t));
+    return value + offset;
+}
+
+}  // namespace
+
+double OtherValue(VxEnvTables *tables, int32_t i, double t, double offset)
+{
+    const Segment &seg = tables->segments[i];
+    double value;
+    if (seg.kind == kBezier2 && seg.increasing && GuessedValue(seg, seg.y, t, value))
+        return value + offset;
+    return UnguessedValue(tables, i, t, offset);
 }
 
 namespace {

@@ -38,6 +38,9 @@ struct Segment {
     double c[4];
     PowerCubic x, y;
     double invRange;  // 2-D Bezier: 1 / (x(1) - x(0)), for a first guess of the parameter
+    // 2-D Bezier: 1 + the parameter 0.0001 seconds before and after t, at that rate, are
+    // t * invRange plus these.
+    double onePlusLo, onePlusHi;
 };
 
 }  // namespace vx::env
