@@ -4,7 +4,7 @@
 #include "anim/env_tables.h"
 
 #include <algorithm>
-#include <cstring>
+#include <bit>
 
 namespace vx::env {
 namespace {
@@ -162,19 +162,11 @@ double ValueAt(VxEnvelope *env, double t, int32_t n, double offset, bool probeBe
     return WalkValue(env, t, n, offset, probeBefore);
 }
 
-// 64 bits of x.
-uint64_t Bits(double x)
-{
-    uint64_t b;
-    std::memcpy(&b, &x, sizeof b);
-    return b;
-}
-
 // True when a and b have the same sign and exponent, and are normal numbers.
 bool SameBinade(double a, double b)
 {
-    const uint64_t top = Bits(a) >> 52;
-    return top == Bits(b) >> 52 && (top & 0x7FF) != 0 && (top & 0x7FF) != 0x7FF;
+    const uint64_t top = std::bit_cast<uint64_t>(a) >> 52;
+    return top == std::bit_cast<uint64_t>(b) >> 52 && (top & 0x7FF) != 0 && (top & 0x7FF) != 0x7FF;
 }
 
 // How many more rounds of subtracting `amount` keep x, a normal number, clear of the edges of
@@ -182,9 +174,7 @@ bool SameBinade(double a, double b)
 // rounds on x's grid.
 int64_t RoundsInBinade(double x, double amount)
 {
-    uint64_t lowBits = Bits(x) & 0x7FF0000000000000u;
-    double low;
-    std::memcpy(&low, &lowBits, sizeof low);
+    const double low = std::bit_cast<double>(std::bit_cast<uint64_t>(x) & 0x7FF0000000000000u);
     const double magnitude = std::fabs(x);
     const double distance = (x > 0.0) == (amount > 0.0) ? magnitude - low : 2.0 * low - magnitude;
     const double rounds = std::floor(distance / std::fabs(amount)) - 2.0;

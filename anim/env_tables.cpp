@@ -4,7 +4,6 @@
 #include <vxtools3/memory.h>
 
 #include <algorithm>
-#include <bit>
 
 namespace vx::env {
 namespace {
@@ -37,21 +36,6 @@ bool IncreasingAtProbes(const PowerCubic &x)
     return least - slopeError > 4.0 * error * kProbeScale;
 }
 
-// The double whose bits are b.
-double FromBits(uint64_t b)
-{
-    double x;
-    std::memcpy(&x, &b, sizeof x);
-    return x;
-}
-
-uint64_t BitsOf(double x)
-{
-    uint64_t b;
-    std::memcpy(&b, &x, sizeof b);
-    return b;
-}
-
 // Two cubics at one parameter, or one at two, side by side: each lane as PowerCubic::At.
 using Pair = double __attribute__((vector_size(16)));
 Pair AtPair(Pair c0, Pair a, Pair b, Pair d, Pair s) { return c0 + a * s + b * (s * s) + d * (s * s * s); }
@@ -69,7 +53,8 @@ Pair AtPair(Pair c0, Pair a, Pair b, Pair d, Pair s) { return c0 + a * s + b * (
 {
     constexpr int kProbeShift = 35;          // mantissa bits below the probe index
     constexpr uint64_t kOne = 0x3FF << 17;  // 1.0 over kProbeShift
-    const uint64_t lo = BitsOf(onePlusLo) >> kProbeShift, hi = BitsOf(onePlusHi) >> kProbeShift;
+    const uint64_t lo = std::bit_cast<uint64_t>(onePlusLo) >> kProbeShift;
+    const uint64_t hi = std::bit_cast<uint64_t>(onePlusHi) >> kProbeShift;
     if ((lo >> 17 << 17) != kOne || (hi >> 17 << 17) != kOne)
         return false;
     const bool probe = lo != hi;
@@ -79,10 +64,10 @@ Pair AtPair(Pair c0, Pair a, Pair b, Pair d, Pair s) { return c0 + a * s + b * (
     // more than the reach above the one and below the other. (At 0 or 1 they are no probes;
     // the checks pass there for a t inside the segment.)
     const uint64_t lowest = end & -end;
-    const double mid = FromBits(end) - 1.0;
+    const double mid = std::bit_cast<double>(end) - 1.0;
     const Pair xy = AtPair(Pair{x.c0, y.c0}, Pair{x.a, y.a}, Pair{x.b, y.b}, Pair{x.d, y.d}, Pair{mid, mid});
     const Pair around = AtPair(Pair{x.c0, x.c0}, Pair{x.a, x.a}, Pair{x.b, x.b}, Pair{x.d, x.d},
-                               Pair{FromBits(end - lowest), FromBits(end + lowest)} - 1.0);
+                               Pair{std::bit_cast<double>(end - lowest), std::bit_cast<double>(end + lowest)} - 1.0);
     value = xy[1];
     return (!probe || std::fabs(t - xy[0]) < kReach) && t - around[0] >= kReach && t - around[1] <= -kReach;
 }

@@ -7,7 +7,7 @@
 
 #include "anim/envelope_internal.h"
 
-#include <cstring>
+#include <bit>
 
 namespace vx::env {
 
@@ -79,8 +79,7 @@ double OtherValue(VxEnvTables *tables, int32_t i, double t, double offset);
 // negative numbers have all bits but the sign flipped.
 inline int64_t OrderKey(double t)
 {
-    int64_t bits;
-    std::memcpy(&bits, &t, sizeof bits);
+    const auto bits = std::bit_cast<int64_t>(t);
     return bits ^ ((bits >> 63) & INT64_MAX);
 }
 
