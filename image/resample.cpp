@@ -323,7 +323,7 @@ void AreaColumns(Job &job)
     for (int32_t x = 1; x < width && sameTotal; ++x)
         sameTotal = columns[x].total == columns[0].total;
     // Exactly half the width: every result pixel covers source columns 2x and 2x + 1 whole.
-    bool halvesColumns = cells == 2 && WidePathsAvailable();
+    bool halvesColumns = cells == 2 && VbmiPathsAvailable();
     for (int32_t x = 0; x < width && halvesColumns; ++x)
         halvesColumns = columns[x].lo == 2 * x && columns[x].firstWeight == 1.0 && columns[x].lastWeight == 1.0;
     job.cells = cells;

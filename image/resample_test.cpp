@@ -213,7 +213,7 @@ void ExpectAreaModesEqualThePlainCoverageAverage()
 }
 
 PLAIN_AND_WIDE_TESTS(ImageResample, AreaModesEqualThePlainCoverageAverage, WideAreaHalvingEqualsThePlainCoverageAverage,
-                     vx::image::WidePathsAvailable(), "the wide RGBA float halving (AVX2 or AVX-512 VBMI)", ExpectAreaModesEqualThePlainCoverageAverage())
+                     vx::image::VbmiPathsAvailable(), "the wide RGBA float halving (AVX-512 VBMI)", ExpectAreaModesEqualThePlainCoverageAverage())
 
 TEST(ImageResample, BadArgumentsAndTheAspectAttribute)
 {

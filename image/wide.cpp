@@ -1,6 +1,6 @@
 // The loops built for AVX-512 VBMI that are not the blur's: the switch, mipmap halving and
-// float halving. Where the processor has AVX2 but not VBMI, the halvings take the AVX2 loops of
-// wide_avx2.cpp.
+// float halving. Where the processor has AVX2 but not VBMI, the mipmap halving takes the AVX2
+// loop of wide_avx2.cpp.
 //
 // Mipmap halving: every byte becomes v / 255 as a float through a lookup (the float's four
 // bytes as four byte planes of 256 entries), which gives the value of the byte conversions
@@ -181,7 +181,7 @@ size_t HalveRgbaBytesWide(const uint8_t *upper, const uint8_t *lower, size_t pai
 size_t HalveRgbaFloatsWide(const float *upper, const float *lower, size_t pairs, float *out)
 {
 #if VX_WIDE
-    return VbmiPathsAvailable() ? HalveFloats(upper, lower, pairs, out) : HalveRgbaFloatsAvx2(upper, lower, pairs, out);
+    return HalveFloats(upper, lower, pairs, out);
 #else
     (void)upper, (void)lower, (void)pairs, (void)out;
     return 0;

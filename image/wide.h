@@ -1,7 +1,7 @@
 // Pieces shared by the image loops built for AVX-512 VBMI (64 bytes per step), and the switch
 // that chooses them. Every such loop has a plain counterpart that gives the same bytes; the
-// wide loops run where the processor has the instructions and the switch is on. The halvings
-// also have loops built for AVX2, which run where VBMI is missing.
+// wide loops run where the processor has the instructions and the switch is on. The mipmap
+// halving also has a loop built for AVX2, which runs where VBMI is missing.
 #pragma once
 
 #include <cstddef>
@@ -92,8 +92,7 @@ size_t HalveRgbaBytesWide(const uint8_t *upper, const uint8_t *lower, size_t pai
 // well). Returns the number of result pixels written (even, at most `pairs`).
 size_t HalveRgbaFloatsWide(const float *upper, const float *lower, size_t pairs, float *out);
 
-// The AVX2 loops of the two halvings above (bytes: eight result pixels at a time; floats: all).
+// The AVX2 loop of the byte halving above, eight result pixels at a time.
 size_t HalveRgbaBytesAvx2(const uint8_t *upper, const uint8_t *lower, size_t pairs, uint8_t *out);
-size_t HalveRgbaFloatsAvx2(const float *upper, const float *lower, size_t pairs, float *out);
 
 }  // namespace vx::image

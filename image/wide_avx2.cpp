@@ -1,5 +1,5 @@
-// The halving loops built for AVX2, for processors without AVX-512 VBMI: the same float steps
-// as the plain loops, four channels of a pixel side by side.
+// The mipmap halving built for AVX2, for processors without AVX-512 VBMI: the float steps of
+// the plain loop on two result pixels' channels side by side.
 //
 // Mipmap halving: every byte becomes v / 255 rounded to float (the value of the byte
 // conversions), then the upper row's two pixels are summed, the lower row's two added in turn,
@@ -71,31 +71,11 @@ VX_AVX2 size_t HalveBytes(const uint8_t *upper, const uint8_t *lower, size_t pai
     return x;
 }
 
-// Area halving of RGBA floats: per channel the pair sums of each row in double, then
-// ((0 + upper) + lower) * 0.25, rounded to float.
-VX_AVX2 size_t HalveFloats(const float *upper, const float *lower, size_t pairs, float *out)
-{
-    const __m256d zero = _mm256_setzero_pd(), quarter = _mm256_set1_pd(0.25);
-    for (size_t x = 0; x < pairs; ++x) {
-        const float *u = upper + 8 * x, *l = lower + 8 * x;
-        const __m256d top = _mm256_add_pd(_mm256_cvtps_pd(_mm_loadu_ps(u)), _mm256_cvtps_pd(_mm_loadu_ps(u + 4)));
-        const __m256d bottom = _mm256_add_pd(_mm256_cvtps_pd(_mm_loadu_ps(l)), _mm256_cvtps_pd(_mm_loadu_ps(l + 4)));
-        const __m256d sum = _mm256_add_pd(_mm256_add_pd(zero, top), bottom);
-        _mm_storeu_ps(out + 4 * x, _mm256_cvtpd_ps(_mm256_mul_pd(sum, quarter)));
-    }
-    return pairs;
-}
-
 }  // namespace
 
 size_t HalveRgbaBytesAvx2(const uint8_t *upper, const uint8_t *lower, size_t pairs, uint8_t *out)
 {
     return lower ? HalveBytes<true>(upper, lower, pairs, out) : HalveBytes<false>(upper, nullptr, pairs, out);
-}
-
-size_t HalveRgbaFloatsAvx2(const float *upper, const float *lower, size_t pairs, float *out)
-{
-    return HalveFloats(upper, lower, pairs, out);
 }
 
 }  // namespace vx::image
