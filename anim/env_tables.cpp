@@ -230,8 +230,9 @@ bool TablesValue(VxEnvelope *env, double t, int32_t n, double offset, double &va
     VxEnvTables *tables = env->current ? env->current : Rebuild(env);
     if (!tables || std::isnan(t))
         return false;
-    const int32_t i = SegmentAt(tables, OrderKey(t));
-    if (Inside(tables, i, OrderKey(t))) {
+    const int64_t key = OrderKey(t);
+    const int32_t i = SegmentAt(tables, key);
+    if (Inside(tables, i, key)) {
         value = TableCurve(tables, i, t, offset);
         return true;
     }
