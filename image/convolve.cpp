@@ -192,7 +192,7 @@ void ConvolveRows(VxImage *result, const float *matrix, int32_t columns, int32_t
     }
 }
 
-// A convolution split by rows: part i computes its run of result rows with a ring and a row
+// A convolution split by rows: each worker computes runs of result rows with a ring and a row
 // of sums of its own.
 struct ConvolveJob {
     VxImage *result;
@@ -201,16 +201,14 @@ struct ConvolveJob {
     const float *offset;
     RowRing *rings;
     float *acc;
-    size_t accFloats;  // per part
+    size_t accFloats;  // per worker
 };
 
-void ConvolvePart(void *context, int32_t part)
+void ConvolvePiece(void *context, int32_t worker, int32_t first, int32_t end)
 {
     const ConvolveJob &job = *static_cast<const ConvolveJob *>(context);
-    const int32_t h = job.result->height;
-    ConvolveRows(job.result, job.matrix, job.columns, job.rows, job.offset, job.rings[part],
-                 job.acc + job.accFloats * static_cast<size_t>(part), PartStart(h, part, job.parts),
-                 PartStart(h, part + 1, job.parts));
+    ConvolveRows(job.result, job.matrix, job.columns, job.rows, job.offset, job.rings[worker],
+                 job.acc + job.accFloats * static_cast<size_t>(worker), first, end);
 }
 
 // ---- the separable fixed-point blur ----
@@ -450,8 +448,8 @@ BlurWork BlurWorkLayout(const VxImage *image, int32_t taps)
     return layout;
 }
 
-// A separable blur split over parts: the rows pass by runs of rows, then the columns pass by
-// runs of column strips, each part with a work area (one BlurWorkLayout) of its own.
+// A separable blur split over workers: the rows pass by runs of rows, then the columns pass by
+// runs of column strips, each worker with a work area (one BlurWorkLayout) of its own.
 struct BlurJob {
     const VxImage *image;
     VxImage *result;
@@ -459,21 +457,20 @@ struct BlurJob {
     bool wide;          // the pass runs the wide loops
     uint8_t *work;
     BlurWork layout;
-    int32_t parts;
+    int32_t parts;  // workers
 };
 
 // Column strips are handed out in runs of this many bytes: a whole number of the strips of
 // every columns loop, plain and wide.
 constexpr size_t kColumnUnit = 512;
 
-void BlurRowsPart(void *context, int32_t part)
+void BlurRowsPiece(void *context, int32_t worker, int32_t first, int32_t end)
 {
     const BlurJob &job = *static_cast<const BlurJob *>(context);
     const VxImage *image = job.image;
-    const int32_t w = image->width, h = image->height;
-    const int32_t first = PartStart(h, part, job.parts), end = PartStart(h, part + 1, job.parts);
+    const int32_t w = image->width;
     const size_t bpp = image->bytesPerPixel, rowBytes = static_cast<size_t>(w) * bpp;
-    uint8_t *work = job.work + job.layout.total * static_cast<size_t>(part);
+    uint8_t *work = job.work + job.layout.total * static_cast<size_t>(worker);
     const size_t wordsBytes = (job.layout.line - job.layout.rowWords) / 4;
     RowWork rowWork;
     rowWork.line = work + job.layout.line;
@@ -491,15 +488,15 @@ void BlurRowsPart(void *context, int32_t part)
     }
 }
 
-void BlurColumnsPart(void *context, int32_t part)
+// Column units [firstUnit, endUnit), of kColumnUnit bytes each.
+void BlurColumnsPiece(void *context, int32_t worker, int32_t firstUnit, int32_t endUnit)
 {
     const BlurJob &job = *static_cast<const BlurJob *>(context);
     const int32_t h = job.image->height;
     const size_t rowBytes = static_cast<size_t>(job.image->width) * job.image->bytesPerPixel;
-    const auto units = static_cast<int32_t>((rowBytes + kColumnUnit - 1) / kColumnUnit);
-    const size_t first = kColumnUnit * static_cast<size_t>(PartStart(units, part, job.parts));
-    const size_t end = std::min(rowBytes, kColumnUnit * static_cast<size_t>(PartStart(units, part + 1, job.parts)));
-    uint8_t *work = job.work + job.layout.total * static_cast<size_t>(part);
+    const size_t first = kColumnUnit * static_cast<size_t>(firstUnit);
+    const size_t end = std::min(rowBytes, kColumnUnit * static_cast<size_t>(endUnit));
+    uint8_t *work = job.work + job.layout.total * static_cast<size_t>(worker);
     uint8_t *out = job.result->priv->pixels;
     if (job.wide) {
         WideBlurColumns(job.kernel, out + first, rowBytes, end - first, h, work + job.layout.columns);
@@ -522,13 +519,13 @@ void SeparableBlur(BlurJob &job, int32_t taps, double sigmaH, double sigmaV, uin
     const size_t bpp = image->bytesPerPixel, rowBytes = static_cast<size_t>(image->width) * bpp;
     BuildBlurKernel(taps, sigmaH, job.kernel);
     job.wide = VbmiPathsAvailable() && LanesStayApart(job.kernel);
-    RunParts(job.parts, BlurRowsPart, &job);
+    RunPieces(job.parts, h, BlurRowsPiece, &job);
     BuildBlurKernel(taps, sigmaV, job.kernel);
     job.wide = VbmiPathsAvailable() && LanesStayApart(job.kernel);
     const auto units = static_cast<int32_t>((rowBytes + kColumnUnit - 1) / kColumnUnit);
     const int32_t rowParts = job.parts;
     job.parts = std::min(rowParts, units);
-    RunParts(job.parts, BlurColumnsPart, &job);
+    RunPieces(job.parts, units, BlurColumnsPiece, &job);
     job.parts = rowParts;
     // Grey is always blurred; in RGB and RGBA the channels outside the mask keep the source.
     if (image->type == VX_PIXEL_GREY)
@@ -678,7 +675,7 @@ VX_API VxImage *ImageConvolve(VxImage *image, int32_t type, const float *matrix,
     if (parts > 1 && type == VX_PIXEL_INDEX)
         StoredInverse(result);  // built here, not by the first worker to write a row
     ConvolveJob job{result, matrix, columns, rows, parts, offset, rings, acc, accFloats};
-    RunParts(parts, ConvolvePart, &job);
+    RunPieces(parts, h, ConvolvePiece, &job);
     CkptEnd();
     scratch.Release();
     return result;

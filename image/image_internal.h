@@ -166,6 +166,15 @@ using PartWork = void(void *context, int32_t part);
 // first failed part's code is then raised here (may raise code 1 for the thread group).
 void RunParts(int32_t parts, PartWork *work, void *context);
 
+// One piece of an operation: units [first, end) of it (rows, strips), done by worker
+// `worker` (0 .. workers - 1), which picks the worker's own scratch.
+using PieceWork = void(void *context, int32_t worker, int32_t first, int32_t end);
+// Runs work over units [0, units) on `workers` parts of RunParts: with more than one worker,
+// the units are cut into a few pieces per worker, which the workers take in turn as each
+// becomes free, so that a worker slowed down (by another program on its processor) leaves
+// its share to the others. After a failure no new piece starts; it is raised as RunParts does.
+void RunPieces(int32_t workers, int32_t units, PieceWork *work, void *context);
+
 // The first of `count` units that part `part` of `parts` covers (part `parts` gives `count`):
 // the parts take consecutive runs of nearly equal size.
 inline int32_t PartStart(int32_t count, int32_t part, int32_t parts)

@@ -165,7 +165,7 @@ void BuildLevelRows(VxImage *prev, VxImage *level, const uint8_t *inverse, float
     }
 }
 
-// One level built by parts, each a run of rows with three float rows of its own.
+// One level built by pieces (runs of rows); each worker has three float rows of its own.
 struct LevelJob {
     VxImage *prev, *level;
     const uint8_t *inverse;
@@ -174,13 +174,12 @@ struct LevelJob {
     int32_t parts;
 };
 
-void LevelPart(void *context, int32_t part)
+void LevelPiece(void *context, int32_t worker, int32_t first, int32_t end)
 {
     const LevelJob &job = *static_cast<const LevelJob *>(context);
-    float *upper = job.rows + 3 * job.rowFloats * static_cast<size_t>(part);
-    const int32_t h = job.level->height;
-    BuildLevelRows(job.prev, job.level, job.inverse, upper, upper + job.rowFloats, upper + 2 * job.rowFloats,
-                   PartStart(h, part, job.parts), PartStart(h, part + 1, job.parts));
+    float *upper = job.rows + 3 * job.rowFloats * static_cast<size_t>(worker);
+    BuildLevelRows(job.prev, job.level, job.inverse, upper, upper + job.rowFloats, upper + 2 * job.rowFloats, first,
+                   end);
 }
 
 // Samples one level at (u, v) in 0..1 as `type`.
@@ -293,7 +292,7 @@ VX_API VxMipmap *MipmapCreateSmall(VxImage *image, int32_t type, int32_t sharesL
         CopyPalettes(levels[i], image);
         LevelJob job{prev, levels[i], inverse, rows, rowFloats, 0};
         job.parts = std::min(parts, PartsFor(levels[i]->height, static_cast<int64_t>(prev->width) * prev->height));
-        RunParts(job.parts, LevelPart, &job);
+        RunPieces(job.parts, levels[i]->height, LevelPiece, &job);
     }
     CkptEnd();
     scratch.Release();

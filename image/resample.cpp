@@ -38,16 +38,16 @@ struct Job {
     const float *pixels;  // source as RGBA floats (the area and gather modes)
     size_t stride;        // floats per source row in `pixels`
     double sx, sy;
-    int32_t mode, parts;
-    float *lines;         // one result row per part
-    float *gather;        // mode 1: kGatherSamples samples per part
+    int32_t mode, parts;  // parts: workers
+    float *lines;         // one result row per worker
+    float *gather;        // mode 1: kGatherSamples samples per worker
     Span *spans;          // modes 2, 3: the result columns' footprints
     int cells;            // modes 2, 3: cells of every column's footprint, or 0
     bool sameTotal, halvesColumns;
-    double *acc;          // modes 2, 3: one row of double sums per part
+    double *acc;          // modes 2, 3: one row of double sums per worker
     CubicTap *taps;       // modes 4, 5: the result columns' taps
-    float *sums;          // modes 4, 5: four rows of horizontal sums per part
-    float *rows;          // modes 4, 5: one converted source row per part
+    float *sums;          // modes 4, 5: four rows of horizontal sums per worker
+    float *rows;          // modes 4, 5: one converted source row per worker
 
     float *Line(int32_t part) const { return lines + 4 * static_cast<size_t>(result->width) * part; }
 };
@@ -453,15 +453,13 @@ void ScaleAspect(VxImage *result, const VxImage *source)
     result->setAttribute(result, 0, &aspect);
 }
 
-// Result rows [first, end) of part `part`.
-void RowsPart(void *context, int32_t part)
+// Result rows [first, end), with the scratch of worker `worker`.
+void RowsPiece(void *context, int32_t worker, int32_t first, int32_t end)
 {
     const Job &job = *static_cast<const Job *>(context);
-    const int32_t h = job.result->height;
-    const int32_t first = PartStart(h, part, job.parts), end = PartStart(h, part + 1, job.parts);
     const auto width = static_cast<size_t>(job.result->width);
-    const auto p = static_cast<size_t>(part);
-    float *line = job.Line(part);
+    const auto p = static_cast<size_t>(worker);
+    float *line = job.Line(worker);
     switch (job.mode) {
     case 0:
         if (job.result->width > job.source->width || job.result->height > job.source->height)
@@ -479,14 +477,13 @@ void RowsPart(void *context, int32_t part)
     }
 }
 
-// Source rows [first, end) of part `part` as RGBA floats.
-void ReadPart(void *context, int32_t part)
+// Source rows [first, end) as RGBA floats.
+void ReadPiece(void *context, int32_t, int32_t first, int32_t end)
 {
     const Job &job = *static_cast<const Job *>(context);
     VxImage *source = job.source;
-    const int32_t h = source->height;
     auto *pixels = const_cast<float *>(job.pixels);
-    for (int32_t y = PartStart(h, part, job.parts); y < PartStart(h, part + 1, job.parts); ++y)
+    for (int32_t y = first; y < end; ++y)
         if (!source->getLine(source, VX_PIXEL_RGBA_FLOAT, y, pixels + job.stride * static_cast<size_t>(y)))
             CkptRecover(kLocalFailure);
 }
@@ -502,7 +499,7 @@ void RunMode(Job &job, Scratch &scratch)
             job.taps[x] = CubicAt(job.mode, x, job.sx, source->width);
         job.sums = scratch.Take<float>(64 * width * parts);
         job.rows = scratch.Take<float>(16 * static_cast<size_t>(source->width) * parts);
-        RunParts(job.parts, RowsPart, &job);
+        RunPieces(job.parts, job.result->height, RowsPiece, &job);
         return;
     }
     job.stride = 4 * static_cast<size_t>(source->width);
@@ -511,10 +508,8 @@ void RunMode(Job &job, Scratch &scratch)
         job.pixels = reinterpret_cast<const float *>(source->priv->pixels);
     } else {
         job.pixels = scratch.Take<float>((4 * job.stride * static_cast<size_t>(source->height)));
-        const int32_t resultParts = job.parts;
-        job.parts = PartsFor(source->height, static_cast<int64_t>(source->width) * source->height);
-        RunParts(job.parts, ReadPart, &job);
-        job.parts = resultParts;
+        const int32_t readers = PartsFor(source->height, static_cast<int64_t>(source->width) * source->height);
+        RunPieces(readers, source->height, ReadPiece, &job);
     }
     if (job.mode == 1) {
         job.gather = scratch.Take<float>(kGatherBytes * parts);
@@ -523,7 +518,7 @@ void RunMode(Job &job, Scratch &scratch)
         job.spans = scratch.Take<Span>(sizeof(Span) * width);
         AreaColumns(job);
     }
-    RunParts(job.parts, RowsPart, &job);
+    RunPieces(job.parts, job.result->height, RowsPiece, &job);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
-// Image operations split over workers: the process-wide worker count, and the runner that
-// hands the parts of an operation to the threads of a thread group.
+// Image operations split over workers: the process-wide worker count, the runner that hands
+// the parts of an operation to the threads of a thread group, and the pieces of work that
+// those parts take in turn.
 //
 // Each part runs inside a checkpoint block of its own thread. A failure there (out of memory,
 // a pixel that cannot be converted) ends only that part; once every part has ended, the
@@ -96,6 +97,48 @@ void RunParts(int32_t parts, PartWork *work, void *context)
             CkptRecover(tasks[i].code);
     CkptEnd();
     MTGroupDestroy(group);
+}
+
+namespace {
+
+// Pieces a worker's share is cut into, when there are several workers.
+constexpr int32_t kPiecesPerWorker = 4;
+
+struct Pieces {
+    PieceWork *work;
+    void *context;
+    int32_t units, count;
+    std::atomic<int32_t> next{0};
+    std::atomic<bool> failed{false};
+};
+
+// A worker's loop: the next piece not yet taken, until none is left or a piece has failed.
+void TakePieces(void *context, int32_t worker)
+{
+    auto &p = *static_cast<Pieces *>(context);
+    if (CkptBegin()) {
+        p.failed.store(true, std::memory_order_relaxed);
+        CkptRecover(CkptLatchCode());  // on to RunParts' block of this worker
+    }
+    for (int32_t i; !p.failed.load(std::memory_order_relaxed) && (i = p.next.fetch_add(1)) < p.count;)
+        p.work(p.context, worker, PartStart(p.units, i, p.count), PartStart(p.units, i + 1, p.count));
+    CkptEnd();
+}
+
+}  // namespace
+
+void RunPieces(int32_t workers, int32_t units, PieceWork *work, void *context)
+{
+    if (workers <= 1) {
+        work(context, 0, 0, units);
+        return;
+    }
+    Pieces pieces;
+    pieces.work = work;
+    pieces.context = context;
+    pieces.units = units;
+    pieces.count = std::min(units, workers * kPiecesPerWorker);
+    RunParts(workers, TakePieces, &pieces);
 }
 
 }  // namespace vx::image

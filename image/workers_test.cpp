@@ -7,8 +7,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -158,6 +160,54 @@ TEST(ImageWorkers, AFailedPartFailsTheRunAfterEveryPartHasEnded)
         EXPECT_EQ(parts.ran.load(), 5);
         EXPECT_EQ(code, failFrom < 5 ? 100 + failFrom : 0);
     }
+}
+
+// Pieces cover every unit once, each on a worker of the run; after a failed piece no new one
+// starts and its code reaches the caller.
+TEST(ImageWorkers, PiecesCoverEveryUnitOnceAndStopAfterAFailure)
+{
+    struct Run {
+        std::atomic<int> covered[100];
+        std::atomic<int> pieces{0};
+        std::atomic<bool> badWorker{false};
+        int32_t workers, failAt;
+    } run;
+    auto work = [](void *context, int32_t worker, int32_t first, int32_t end) {
+        auto *r = static_cast<Run *>(context);
+        r->pieces.fetch_add(1);
+        if (worker < 0 || worker >= r->workers)
+            r->badWorker = true;
+        for (int32_t u = first; u < end; ++u)
+            r->covered[u].fetch_add(1);
+        if (first <= r->failAt && r->failAt < end)
+            CkptRecover(77);
+        if (r->failAt >= 0)  // the others slow, so that the failure comes first
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    };
+    WorkersScope scope(3);
+    for (int32_t workers : {1, 3})
+        for (int32_t failAt : {-1, 0}) {
+            for (auto &c : run.covered)
+                c = 0;
+            run.pieces = 0;
+            run.workers = workers;
+            run.failAt = failAt;
+            int code = 0;
+            if (CkptBegin())
+                code = CkptLatchCode();
+            else {
+                vx::image::RunPieces(workers, 100, work, &run);
+                CkptEnd();
+            }
+            EXPECT_FALSE(run.badWorker);
+            EXPECT_EQ(code, failAt < 0 ? 0 : 77);
+            if (failAt < 0) {
+                EXPECT_TRUE(std::all_of(std::begin(run.covered), std::end(run.covered), [](auto &c) { return c == 1; }));
+                EXPECT_EQ(run.pieces.load(), workers == 1 ? 1 : 12) << workers << " workers";
+            } else {
+                EXPECT_LT(run.pieces.load(), 12) << "pieces started after the failure";
+            }
+        }
 }
 
 }  // namespace
