@@ -175,11 +175,4 @@ using PieceWork = void(void *context, int32_t worker, int32_t first, int32_t end
 // its share to the others. After a failure no new piece starts; it is raised as RunParts does.
 void RunPieces(int32_t workers, int32_t units, PieceWork *work, void *context);
 
-// The first of `count` units that part `part` of `parts` covers (part `parts` gives `count`):
-// the parts take consecutive runs of nearly equal size.
-inline int32_t PartStart(int32_t count, int32_t part, int32_t parts)
-{
-    return static_cast<int32_t>(static_cast<int64_t>(count) * part / parts);
-}
-
 }  // namespace vx::image

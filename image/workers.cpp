@@ -101,6 +101,13 @@ void RunParts(int32_t parts, PartWork *work, void *context)
 
 namespace {
 
+// The first of `count` units that piece `piece` of `pieces` covers (piece `pieces` gives
+// `count`): the pieces take consecutive runs of nearly equal size.
+int32_t PieceStart(int32_t count, int32_t piece, int32_t pieces)
+{
+    return static_cast<int32_t>(static_cast<int64_t>(count) * piece / pieces);
+}
+
 // Pieces a worker's share is cut into, when there are several workers.
 constexpr int32_t kPiecesPerWorker = 4;
 
@@ -121,7 +128,7 @@ void TakePieces(void *context, int32_t worker)
         CkptRecover(CkptLatchCode());  // on to RunParts' block of this worker
     }
     for (int32_t i; !p.failed.load(std::memory_order_relaxed) && (i = p.next.fetch_add(1)) < p.count;)
-        p.work(p.context, worker, PartStart(p.units, i, p.count), PartStart(p.units, i + 1, p.count));
+        p.work(p.context, worker, PieceStart(p.units, i, p.count), PieceStart(p.units, i + 1, p.count));
     CkptEnd();
 }
 
