@@ -58,4 +58,28 @@ size_t WideColumnBytes();
 void WideBlurColumns(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, size_t columns, int32_t height,
                      uint8_t *work);
 
+// The lanes of one direction as arithmetic, for the AVX2 passes: lane d's value for byte v is
+// its value at 0 plus ((v M >> 16) + 32) >> 6, M = high[d] 65536 + low[d]. `constant` is twice
+// the lanes' values at 0 less the bias; lanes from `reach` on are zero for every byte.
+struct LaneForms {
+    int32_t reach;
+    uint16_t high[kMaxBlurTaps], low[kMaxBlurTaps];
+    int32_t constant;
+};
+// True, with `forms` filled in, when the kernel's lanes stay apart and every lane equals its
+// arithmetic form for all 256 bytes; false when the kernel must keep the running sums.
+bool FitLaneForms(const BlurKernel &kernel, LaneForms &forms);
+// Bytes of the lane arrays of FormBlurRows for rows of `width` pixels.
+size_t FormRowBytes(int32_t width, uint32_t bpp);
+// The horizontal pass by the forms (AVX2) over every row of `src` into `dst`, with a line of
+// WideRowWords bytes and FormRowBytes bytes at `lanes`.
+void FormBlurRows(const LaneForms &forms, const uint8_t *src, uint8_t *dst, int32_t width, int32_t height,
+                  uint32_t bpp, uint8_t *line, uint8_t *lanes);
+// Bytes of work memory of FormBlurColumns.
+size_t FormColumnBytes();
+// The vertical pass by the forms (AVX2) in place over the first columns of `data` in whole
+// vectors of 16, with FormColumnBytes bytes at `work`. Returns the columns done.
+size_t FormBlurColumns(const LaneForms &forms, uint8_t *data, size_t rowBytes, size_t columns, int32_t height,
+                       uint8_t *work);
+
 }  // namespace vx::image

@@ -441,10 +441,11 @@ BlurWork BlurWorkLayout(const VxImage *image, int32_t taps)
     layout.stripUp = layout.stripLeft + aligned(2 * kStripBytes * h);      // upward step words of a strip
     // Four words per padded row sample, with room for the wide pass's whole vectors.
     const size_t rowSamples = std::max(padded, WideRowWords(image->width, image->bytesPerPixel));
+    const size_t rowArrays = std::max(4 * aligned(4 * rowSamples), aligned(FormRowBytes(image->width, image->bytesPerPixel)));
     layout.rowWords = layout.stripUp + 4 * kStripBytes * (h + 2);
-    layout.line = layout.rowWords + 4 * aligned(4 * rowSamples);           // one padded row
+    layout.line = layout.rowWords + rowArrays;                             // one padded row
     layout.columns = layout.line + aligned(rowSamples);                    // the wide vertical pass's rows
-    layout.total = layout.columns + WideColumnBytes();
+    layout.total = layout.columns + std::max(WideColumnBytes(), FormColumnBytes());
     return layout;
 }
 
@@ -454,7 +455,9 @@ struct BlurJob {
     const VxImage *image;
     VxImage *result;
     BlurKernel kernel;  // of the pass under way
-    bool wide;          // the pass runs the wide loops
+    bool wide;          // the pass runs the VBMI loops
+    bool formed;        // the pass runs the AVX2 loops, by `forms`
+    LaneForms forms;
     uint8_t *work;
     BlurWork layout;
     int32_t parts;  // workers
@@ -478,11 +481,14 @@ void BlurRowsPiece(void *context, int32_t worker, int32_t first, int32_t end)
     rowWork.g1 = reinterpret_cast<uint32_t *>(work + job.layout.rowWords + wordsBytes);
     rowWork.g2 = reinterpret_cast<uint32_t *>(work + job.layout.rowWords + 2 * wordsBytes);
     rowWork.sums = reinterpret_cast<uint32_t *>(work + job.layout.rowWords + 3 * wordsBytes);
+    const size_t skip = rowBytes * static_cast<size_t>(first);
     if (job.wide) {
         uint32_t *const words[3] = {rowWork.g0, rowWork.g1, rowWork.g2};
-        const size_t skip = rowBytes * static_cast<size_t>(first);
         WideBlurRows(job.kernel, image->priv->pixels + skip, job.result->priv->pixels + skip, w, end - first,
                      static_cast<uint32_t>(bpp), rowWork.line, words);
+    } else if (job.formed) {
+        FormBlurRows(job.forms, image->priv->pixels + skip, job.result->priv->pixels + skip, w, end - first,
+                     static_cast<uint32_t>(bpp), rowWork.line, work + job.layout.rowWords);
     } else {
         FilterRows(job.kernel, image, job.result->priv->pixels, rowWork, first, end);
     }
@@ -494,7 +500,7 @@ void BlurColumnsPiece(void *context, int32_t worker, int32_t firstUnit, int32_t 
     const BlurJob &job = *static_cast<const BlurJob *>(context);
     const int32_t h = job.image->height;
     const size_t rowBytes = static_cast<size_t>(job.image->width) * job.image->bytesPerPixel;
-    const size_t first = kColumnUnit * static_cast<size_t>(firstUnit);
+    size_t first = kColumnUnit * static_cast<size_t>(firstUnit);
     const size_t end = std::min(rowBytes, kColumnUnit * static_cast<size_t>(endUnit));
     uint8_t *work = job.work + job.layout.total * static_cast<size_t>(worker);
     uint8_t *out = job.result->priv->pixels;
@@ -502,6 +508,8 @@ void BlurColumnsPiece(void *context, int32_t worker, int32_t firstUnit, int32_t 
         WideBlurColumns(job.kernel, out + first, rowBytes, end - first, h, work + job.layout.columns);
         return;
     }
+    if (job.formed)  // whole vectors of columns; the plain strips take the rest
+        first += FormBlurColumns(job.forms, out + first, rowBytes, end - first, h, work + job.layout.columns);
     for (size_t from = first; from < end; from += kStripBytes)
         FilterStrip(job.kernel, out + from, rowBytes, h, std::min(kStripBytes, end - from),
                     reinterpret_cast<uint32_t *>(work + job.layout.stripAcc),
@@ -510,18 +518,23 @@ void BlurColumnsPiece(void *context, int32_t worker, int32_t firstUnit, int32_t 
                     reinterpret_cast<uint32_t *>(work + job.layout.stripUp));
 }
 
-// Each pass runs wide when the machine allows and the kernel's lanes never carry (the same
-// bytes either way).
+// The kernel of a pass, and its loops: VBMI or AVX2 when the machine allows and the kernel's
+// lanes never carry (the same bytes as the running sums either way).
+void PreparePass(BlurJob &job, int32_t taps, double sigma)
+{
+    BuildBlurKernel(taps, sigma, job.kernel);
+    job.wide = VbmiPathsAvailable() && LanesStayApart(job.kernel);
+    job.formed = !job.wide && WidePathsAvailable() && FitLaneForms(job.kernel, job.forms);
+}
+
 void SeparableBlur(BlurJob &job, int32_t taps, double sigmaH, double sigmaV, uint32_t mask)
 {
     const VxImage *image = job.image;
     const int32_t h = image->height;
     const size_t bpp = image->bytesPerPixel, rowBytes = static_cast<size_t>(image->width) * bpp;
-    BuildBlurKernel(taps, sigmaH, job.kernel);
-    job.wide = VbmiPathsAvailable() && LanesStayApart(job.kernel);
+    PreparePass(job, taps, sigmaH);
     RunPieces(job.parts, h, BlurRowsPiece, &job);
-    BuildBlurKernel(taps, sigmaV, job.kernel);
-    job.wide = VbmiPathsAvailable() && LanesStayApart(job.kernel);
+    PreparePass(job, taps, sigmaV);
     const auto units = static_cast<int32_t>((rowBytes + kColumnUnit - 1) / kColumnUnit);
     const int32_t rowParts = job.parts;
     job.parts = std::min(rowParts, units);

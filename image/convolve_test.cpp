@@ -169,7 +169,42 @@ void ExpectBlursEqualThePlainRules()
 }
 
 PLAIN_AND_WIDE_TESTS(ImageBlur, FixedPointBlurEqualsThePlainRulesByteForByte, WideBlurEqualsThePlainRulesByteForByte,
-                     vx::image::VbmiPathsAvailable(), "the wide byte-blur passes (AVX-512 VBMI)", ExpectBlursEqualThePlainRules())
+                     vx::image::WidePathsAvailable(), "the wide byte-blur passes (AVX2 or AVX-512 VBMI)", ExpectBlursEqualThePlainRules())
+
+// The AVX2 passes compute each lane as lane(0) + ((v M >> 16) + 32) >> 6. Over a sweep of
+// kernels whose lanes stay apart, the fit must succeed for nearly all, and each fitted lane
+// must give the table's value for every byte.
+TEST(ImageBlur, LaneFormsReproduceTheTablesOfUsualKernels)
+{
+    int apart = 0, fitted = 0;
+    for (int32_t taps = 1; taps <= vx::image::kMaxBlurTaps; ++taps)
+        for (double sigma = 0.0; sigma < 60.0; sigma = sigma * 1.15 + 0.05) {
+            vx::image::BlurKernel kernel;
+            vx::image::BuildBlurKernel(taps, sigma, kernel);
+            if (!vx::image::LanesStayApart(kernel))
+                continue;
+            ++apart;
+            vx::image::LaneForms forms;
+            if (!vx::image::FitLaneForms(kernel, forms))
+                continue;
+            ++fitted;
+            int32_t constant = -kernel.bias;
+            for (int lane = 0; lane < 3 * kernel.groups; ++lane) {
+                const auto value = [&](int v) { return static_cast<int>((kernel.table[lane / 3][v] >> (10 * (lane % 3))) & 0x3FF); };
+                constant += 2 * value(0);
+                const int64_t m = int64_t{forms.high[lane]} * 65536 + forms.low[lane];
+                if (lane >= forms.reach) {
+                    ASSERT_EQ(m, 0) << "taps " << taps << " sigma " << sigma << " lane " << lane;
+                }
+                for (int v = 0; v < 256; ++v)
+                    ASSERT_EQ(value(0) + (((v * m >> 16) + 32) >> 6), value(v))
+                        << "taps " << taps << " sigma " << sigma << " lane " << lane << " byte " << v;
+            }
+            EXPECT_EQ(forms.constant, constant) << "taps " << taps << " sigma " << sigma;
+        }
+    EXPECT_GT(apart, 300);
+    EXPECT_GE(fitted, apart * 95 / 100);
+}
 
 TEST(ImageBlur, OtherTypesConvolveWithTheGaussianMatrix)
 {
