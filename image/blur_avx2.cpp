@@ -19,11 +19,6 @@
 namespace vx::image {
 namespace {
 
-int32_t LaneValue(const BlurKernel &kernel, int lane, int v)
-{
-    return static_cast<int32_t>((kernel.table[lane / 3][v] >> (10 * (lane % 3))) & 0x3FF);
-}
-
 int64_t CeilDiv(int64_t a, int64_t b) { return a >= 0 ? (a + b - 1) / b : -((-a) / b); }
 
 // v M >> 16 with M = high 65536 + low, as the vectors take it.
@@ -48,8 +43,6 @@ int64_t FitMultiplier(const int32_t *rise)
 }
 
 #if VX_WIDE
-
-#define VX_AVX2 __attribute__((target("avx2")))
 
 // The multipliers of each lane, as vectors.
 struct LaneVectors {
@@ -211,10 +204,10 @@ bool FitLaneForms(const BlurKernel &kernel, LaneForms &forms)
     forms.reach = 1;
     forms.constant = -kernel.bias;
     for (int lane = 0; lane < 3 * kernel.groups; ++lane) {
-        const int32_t base = LaneValue(kernel, lane, 0);
+        const int32_t base = BlurLaneValue(kernel, lane, 0);
         int32_t rise[256];
         for (int v = 0; v < 256; ++v)
-            rise[v] = LaneValue(kernel, lane, v) - base;
+            rise[v] = BlurLaneValue(kernel, lane, v) - base;
         const int64_t m = FitMultiplier(rise);
         if (m < 0)
             return false;

@@ -17,6 +17,12 @@ struct BlurKernel {
     uint32_t table[3][256];
 };
 
+// Lane `lane` (tap 3 j + k: table j, bits 10 k to 10 k + 9) of byte v.
+inline int32_t BlurLaneValue(const BlurKernel &kernel, int lane, int v)
+{
+    return static_cast<int32_t>((kernel.table[lane / 3][v] >> (10 * (lane % 3))) & 0x3FF);
+}
+
 // Half kernel w[0..taps-1] for `sigma`: exp(-i i / q) - exp(-taps taps / q), q = 10 |sigma|,
 // normalised so that w[0] + 2 (w[1] + ... ) is 1; w[0] = 1 alone when q is 0.
 void HalfKernel(int32_t taps, double sigma, double *w);

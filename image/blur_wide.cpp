@@ -170,11 +170,10 @@ struct LanePlanes {
 // True when every lane of every table is at most 255.
 bool LanesFitBytes(const BlurKernel &kernel)
 {
-    for (int j = 0; j < kernel.groups; ++j)
+    for (int lane = 0; lane < 3 * kernel.groups; ++lane)
         for (int v = 0; v < 256; ++v)
-            for (int k = 0; k < 3; ++k)
-                if (((kernel.table[j][v] >> (10 * k)) & 0x3FF) > 255)
-                    return false;
+            if (BlurLaneValue(kernel, lane, v) > 255)
+                return false;
     return true;
 }
 
@@ -182,7 +181,7 @@ void SplitLanes(const BlurKernel &kernel, LanePlanes &p)
 {
     for (int i = 0; i < 9; ++i)
         for (int v = 0; v < 256; ++v)
-            p.plane[i][v] = static_cast<uint8_t>(kernel.table[i / 3][v] >> (10 * (i % 3)));
+            p.plane[i][v] = static_cast<uint8_t>(BlurLaneValue(kernel, i, v));
 }
 
 // 32 bytes from p as 16-bit values.
@@ -466,13 +465,12 @@ VX_VBMI void LaneColumns(const BlurKernel &kernel, uint8_t *data, size_t rowByte
 bool LanesStayApart(const BlurKernel &kernel)
 {
     int32_t total = 0;
-    for (int j = 0; j < kernel.groups; ++j)
-        for (int k = 0; k < 3; ++k) {
-            uint32_t most = 0;
-            for (int v = 0; v < 256; ++v)
-                most = std::max(most, (kernel.table[j][v] >> (10 * k)) & 0x3FF);
-            total += static_cast<int32_t>(most);
-        }
+    for (int lane = 0; lane < 3 * kernel.groups; ++lane) {
+        int32_t most = 0;
+        for (int v = 0; v < 256; ++v)
+            most = std::max(most, BlurLaneValue(kernel, lane, v));
+        total += most;
+    }
     return total <= 1023;
 }
 

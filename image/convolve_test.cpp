@@ -190,7 +190,7 @@ TEST(ImageBlur, LaneFormsReproduceTheTablesOfUsualKernels)
             ++fitted;
             int32_t constant = -kernel.bias;
             for (int lane = 0; lane < 3 * kernel.groups; ++lane) {
-                const auto value = [&](int v) { return static_cast<int>((kernel.table[lane / 3][v] >> (10 * (lane % 3))) & 0x3FF); };
+                const auto value = [&](int v) { return vx::image::BlurLaneValue(kernel, lane, v); };
                 constant += 2 * value(0);
                 const int64_t m = int64_t{forms.high[lane]} * 65536 + forms.low[lane];
                 if (lane >= forms.reach) {

@@ -1,7 +1,7 @@
 // Pieces shared by the image loops built for AVX-512 VBMI (64 bytes per step), and the switch
 // that chooses them. Every such loop has a plain counterpart that gives the same bytes; the
 // wide loops run where the processor has the instructions and the switch is on. The mipmap
-// halving also has a loop built for AVX2, which runs where VBMI is missing.
+// halving and the byte blur also have loops built for AVX2, which run where VBMI is missing.
 #pragma once
 
 #include <cstddef>
@@ -11,6 +11,7 @@
 #include <immintrin.h>
 #define VX_WIDE 1
 #define VX_VBMI __attribute__((target("avx512f,avx512bw,avx512vbmi")))
+#define VX_AVX2 __attribute__((target("avx2")))
 #else
 #define VX_WIDE 0
 #endif
@@ -19,8 +20,8 @@ namespace vx::image {
 
 // True when some wide loops (AVX2 or VBMI) can run here and have not been switched off.
 bool WidePathsAvailable();
-// True when the VBMI loops can run here and have not been switched off (the blur's and the
-// convolution's wide loops need them).
+// True when the VBMI loops can run here and have not been switched off (the convolution's
+// and the float halving's wide loops need them, and the blur prefers them).
 bool VbmiPathsAvailable();
 // Switches the wide loops on or off (tests run the byte-exact checks both ways).
 void SetWidePaths(bool on);

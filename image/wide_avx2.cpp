@@ -11,8 +11,6 @@
 namespace vx::image {
 namespace {
 
-#define VX_AVX2 __attribute__((target("avx2")))
-
 // v / 255 of eight bytes given as 32-bit integers, in float alone: 1/255 is split into a head
 // of 9 significant bits, whose product with a byte is exact, and the rounded rest, so that one
 // rounded sum gives the correctly rounded quotient (checked for all 256 bytes by the mipmap
