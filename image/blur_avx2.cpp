@@ -42,6 +42,15 @@ int64_t FitMultiplier(const int32_t *rise)
     return lo;
 }
 
+// Lane arrays of a row: `stride` samples apart, room for the padded row and two vectors more.
+size_t LaneStride(int32_t width, uint32_t bpp) { return (static_cast<size_t>(width + 16) * bpp + 32 + 15) & ~size_t{15}; }
+
+// Columns of a strip and the rows it fetches ahead.
+constexpr size_t kStripColumns = 64;
+constexpr int32_t kFetchAhead = 8;
+// Rows of the ring: the window of a result, at most 2 x 8 + 1.
+constexpr int32_t kRingRows = 2 * (kMaxBlurTaps - 1) + 1;
+
 #if VX_WIDE
 
 // The multipliers of each lane, as vectors.
@@ -92,9 +101,6 @@ VX_AVX2 inline void StoreResults(uint8_t *out, __m128i bytes, ptrdiff_t count)
     std::memcpy(out, last, static_cast<size_t>(count));
 }
 
-// Lane arrays of a row: `stride` samples apart, room for the padded row and two vectors more.
-size_t LaneStride(int32_t width, uint32_t bpp) { return (static_cast<size_t>(width + 16) * bpp + 32 + 15) & ~size_t{15}; }
-
 // One row: the padded line's lane rises into lane[d] (stride apart), then the results, each
 // the constant plus its window's rises: lane 0 of its own sample twice, lane d of the samples
 // d pixels either side.
@@ -131,12 +137,6 @@ VX_AVX2 void FormRows(const LaneForms &f, const uint8_t *src, uint8_t *dst, int3
         FormRow(f, lv, src + rowBytes * static_cast<size_t>(y), dst + rowBytes * static_cast<size_t>(y), width,
                 static_cast<ptrdiff_t>(bpp), line, lanes, stride);
 }
-
-// Columns of a strip and the rows it fetches ahead.
-constexpr size_t kStripColumns = 64;
-constexpr int32_t kFetchAhead = 8;
-// Rows of the ring: the window of a result, at most 2 x 8 + 1.
-constexpr int32_t kRingRows = 2 * (kMaxBlurTaps - 1) + 1;
 
 // One strip of `vectors` x 16 columns in place, down the padded column: padded row s (source
 // row s - pad, clamped to the image) has its rises kept in ring slot s % (2 pad + 1), and
@@ -220,15 +220,7 @@ bool FitLaneForms(const BlurKernel &kernel, LaneForms &forms)
     return true;
 }
 
-size_t FormRowBytes(int32_t width, uint32_t bpp)
-{
-#if VX_WIDE
-    return sizeof(int16_t) * LaneStride(width, bpp) * kMaxBlurTaps;
-#else
-    (void)width, (void)bpp;
-    return 0;
-#endif
-}
+size_t FormRowBytes(int32_t width, uint32_t bpp) { return sizeof(int16_t) * LaneStride(width, bpp) * kMaxBlurTaps; }
 
 void FormBlurRows(const LaneForms &forms, const uint8_t *src, uint8_t *dst, int32_t width, int32_t height,
                   uint32_t bpp, uint8_t *line, uint8_t *lanes)
@@ -240,14 +232,7 @@ void FormBlurRows(const LaneForms &forms, const uint8_t *src, uint8_t *dst, int3
 #endif
 }
 
-size_t FormColumnBytes()
-{
-#if VX_WIDE
-    return sizeof(int16_t) * kStripColumns * kMaxBlurTaps * kRingRows;
-#else
-    return 0;
-#endif
-}
+size_t FormColumnBytes() { return sizeof(int16_t) * kStripColumns * kMaxBlurTaps * kRingRows; }
 
 size_t FormBlurColumns(const LaneForms &forms, uint8_t *data, size_t rowBytes, size_t columns, int32_t height,
                        uint8_t *work)
