@@ -53,9 +53,10 @@ constexpr int32_t kRingRows = 2 * (kMaxBlurTaps - 1) + 1;
 
 #if VX_WIDE
 
-// The multipliers of each lane, as vectors.
+// The multipliers of each lane, as vectors, and the lanes in use.
 struct LaneVectors {
     __m256i high[kMaxBlurTaps], low[kMaxBlurTaps], constant;
+    int32_t reach;
 };
 
 VX_AVX2 inline LaneVectors Vectors(const LaneForms &f)
@@ -66,10 +67,11 @@ VX_AVX2 inline LaneVectors Vectors(const LaneForms &f)
         lv.low[d] = _mm256_set1_epi16(static_cast<short>(f.low[d]));
     }
     lv.constant = _mm256_set1_epi16(static_cast<short>(f.constant));
+    lv.reach = f.reach;
     return lv;
 }
 
-// The rise of lane d for sixteen bytes at p.
+// The rise of lane d for sixteen bytes x (16-bit).
 VX_AVX2 inline __m256i Rise(const LaneVectors &lv, int d, __m256i x)
 {
     const __m256i product = _mm256_add_epi16(_mm256_mullo_epi16(x, lv.high[d]), _mm256_mulhi_epu16(x, lv.low[d]));
@@ -104,10 +106,10 @@ VX_AVX2 inline void StoreResults(uint8_t *out, __m128i bytes, ptrdiff_t count)
 // One row: the padded line's lane rises into lane[d] (stride apart), then the results, each
 // the constant plus its window's rises: lane 0 of its own sample twice, lane d of the samples
 // d pixels either side.
-VX_AVX2 void FormRow(const LaneForms &f, const LaneVectors &lv, const uint8_t *in, uint8_t *out, int32_t width,
+VX_AVX2 void FormRow(const LaneVectors &lv, const uint8_t *in, uint8_t *out, int32_t width,
                      ptrdiff_t bpp, uint8_t *line, int16_t *lane, size_t stride)
 {
-    const int32_t reach = f.reach, pad = reach - 1;
+    const int32_t reach = lv.reach, pad = reach - 1;
     const size_t rowBytes = static_cast<size_t>(width) * static_cast<size_t>(bpp);
     const ptrdiff_t n = PadLine(line, in, rowBytes, bpp, pad);
     std::memset(line + n, 0, 32);  // the last vectors reach past the line
@@ -134,7 +136,7 @@ VX_AVX2 void FormRows(const LaneForms &f, const uint8_t *src, uint8_t *dst, int3
     const LaneVectors lv = Vectors(f);
     const size_t rowBytes = static_cast<size_t>(width) * bpp, stride = LaneStride(width, bpp);
     for (int32_t y = 0; y < height; ++y)
-        FormRow(f, lv, src + rowBytes * static_cast<size_t>(y), dst + rowBytes * static_cast<size_t>(y), width,
+        FormRow(lv, src + rowBytes * static_cast<size_t>(y), dst + rowBytes * static_cast<size_t>(y), width,
                 static_cast<ptrdiff_t>(bpp), line, lanes, stride);
 }
 
@@ -142,10 +144,10 @@ VX_AVX2 void FormRows(const LaneForms &f, const uint8_t *src, uint8_t *dst, int3
 // row s - pad, clamped to the image) has its rises kept in ring slot s % (2 pad + 1), and
 // once row s is in, result row s - 2 pad has its whole window. The source rows a result
 // overwrites lie above every row still to be read.
-VX_AVX2 void FormStrip(const LaneForms &f, const LaneVectors &lv, uint8_t *data, size_t rowBytes, int32_t height,
+VX_AVX2 void FormStrip(const LaneVectors &lv, uint8_t *data, size_t rowBytes, int32_t height,
                        int vectors, int16_t *ring)
 {
-    const int32_t reach = f.reach, pad = reach - 1, rows = 2 * pad + 1;
+    const int32_t reach = lv.reach, pad = reach - 1, rows = 2 * pad + 1;
     const size_t row = kStripColumns, slotSize = row * static_cast<size_t>(reach);
     int32_t slot = 0;  // of padded row s
     for (int32_t s = 0; s < height + 2 * pad; ++s) {
@@ -186,8 +188,8 @@ VX_AVX2 size_t FormColumns(const LaneForms &f, uint8_t *data, size_t rowBytes, s
     size_t done = 0;
     for (; done + 16 <= columns; done += kStripColumns) {
         const auto vectors = static_cast<int>(std::min(kStripColumns, columns - done) / 16);
-        FormStrip(f, lv, data + done, rowBytes, height, vectors, ring);
-        if (vectors < 4)
+        FormStrip(lv, data + done, rowBytes, height, vectors, ring);
+        if (vectors < static_cast<int>(kStripColumns / 16))
             return done + 16 * static_cast<size_t>(vectors);
     }
     return done;
