@@ -4,12 +4,14 @@
 // When no sum of a kernel's lanes can carry (LanesStayApart), a result is the plain sum of the
 // lane values of its window, as blur_wide.cpp explains. A lane's value for byte v is its value
 // at 0 plus a rise that the tables build as v x tap x 4 rounded (two fraction bits and the
-// rounding of 262144 and 32768). FitLaneForms finds for each lane a 24-bit M with rise(v) =
-// ((v M >> 16) + 32) >> 6 for all 256 bytes, checked against the table itself; a kernel with
-// any lane that has no such M keeps the running sums. On 16-bit vectors v M >> 16 is v times
-// M's high half plus the high product of v and its low half, exactly, so sixteen samples take
-// two multiplies per lane. Each sample's lanes are worked out once, and every result then sums
-// its window's lane values from memory.
+// rounding of 262144 and 32768). FitLaneForms finds for each lane a multiplier M with
+// rise(v) = (v M + 2^(k-1)) >> k for all 256 bytes, checked against the table itself: first a
+// 15-bit M with k = 15, which one rounding high multiply (vpmulhrsw) computes, else a 24-bit M
+// with k = 22, which takes two; a kernel with any lane that has neither keeps the running sums.
+// For the second form, on 16-bit vectors v M >> 16 is v times M's high half plus the high
+// product of v and its low half, exactly, and ((v M >> 16) + 32) >> 6 is the rounded shift
+// by 22. Each sample's lanes are worked out once, and every result then sums its window's
+// lane values from memory.
 #include "image/blur_kernel.h"
 #include "image/wide.h"
 
@@ -24,20 +26,35 @@ int64_t CeilDiv(int64_t a, int64_t b) { return a >= 0 ? (a + b - 1) / b : -((-a)
 // v M >> 16 with M = high 65536 + low, as the vectors take it.
 int64_t Product(int64_t v, int64_t m) { return v * (m >> 16) + ((v * (m & 0xFFFF)) >> 16); }
 
-// The least M below 2^24 with ((v M >> 16) + 32) >> 6 = rise[v] for every byte v, or -1. For
-// each v, v M must lie in [(64 rise - 32) 65536, (64 rise + 32) 65536); the bounds narrow
-// over the bytes, and the result is checked as the vectors compute it.
-int64_t FitMultiplier(const int32_t *rise)
+// The shift of each form, and the bound of its multiplier.
+constexpr int kRoundedShift = 15, kSplitShift = 22;
+constexpr int64_t kRoundedLimit = int64_t{1} << 15, kSplitLimit = int64_t{1} << 24;
+
+// Byte v's rise by a form, as the vectors compute it in 16-bit lanes; -1 when it overflows.
+int64_t FormRise(int64_t v, int64_t m, bool rounded)
 {
-    int64_t lo = 0, hi = (int64_t{1} << 24) - 1;
+    if (rounded)
+        return ((v * m >> 14) + 1) >> 1;
+    const int64_t sum = Product(v, m) + 32;
+    return sum > 0xFFFF ? -1 : sum >> 6;
+}
+
+// The least M below the form's bound with (v M + 2^(k-1)) >> k = rise[v] for every byte v,
+// or -1. For each v, v M must lie in [rise 2^k - 2^(k-1), rise 2^k + 2^(k-1)); the bounds
+// narrow over the bytes, and the result is checked as the vectors compute it.
+int64_t FitMultiplier(const int32_t *rise, bool rounded)
+{
+    const int shift = rounded ? kRoundedShift : kSplitShift;
+    const int64_t unit = int64_t{1} << shift, half = unit / 2;
+    int64_t lo = 0, hi = (rounded ? kRoundedLimit : kSplitLimit) - 1;
     for (int64_t v = 1; v < 256; ++v) {
-        lo = std::max(lo, CeilDiv((64 * int64_t{rise[v]} - 32) * 65536, v));
-        hi = std::min(hi, CeilDiv((64 * int64_t{rise[v]} + 32) * 65536, v) - 1);
+        lo = std::max(lo, CeilDiv(rise[v] * unit - half, v));
+        hi = std::min(hi, CeilDiv(rise[v] * unit + half, v) - 1);
     }
     if (lo > hi)
         return -1;
     for (int64_t v = 0; v < 256; ++v)
-        if (Product(v, lo) + 32 > 0xFFFF || (Product(v, lo) + 32) >> 6 != rise[v])
+        if (FormRise(v, lo, rounded) != rise[v])
             return -1;
     return lo;
 }
@@ -46,7 +63,7 @@ int64_t FitMultiplier(const int32_t *rise)
 size_t LaneStride(int32_t width, uint32_t bpp) { return (static_cast<size_t>(width + 16) * bpp + 32 + 15) & ~size_t{15}; }
 
 // Columns of a strip and the rows it fetches ahead.
-constexpr size_t kStripColumns = 64;
+constexpr size_t kStripColumns = 256;
 constexpr int32_t kFetchAhead = 8;
 // Rows of the ring: the window of a result, at most 2 x 8 + 1.
 constexpr int32_t kRingRows = 2 * (kMaxBlurTaps - 1) + 1;
@@ -56,6 +73,7 @@ constexpr int32_t kRingRows = 2 * (kMaxBlurTaps - 1) + 1;
 // The multipliers of each lane, as vectors, and the lanes in use.
 struct LaneVectors {
     __m256i high[kMaxBlurTaps], low[kMaxBlurTaps], constant;
+    bool rounded[kMaxBlurTaps];
     int32_t reach;
 };
 
@@ -65,6 +83,7 @@ VX_AVX2 inline LaneVectors Vectors(const LaneForms &f)
     for (int d = 0; d < f.reach; ++d) {
         lv.high[d] = _mm256_set1_epi16(static_cast<short>(f.high[d]));
         lv.low[d] = _mm256_set1_epi16(static_cast<short>(f.low[d]));
+        lv.rounded[d] = f.rounded[d];
     }
     lv.constant = _mm256_set1_epi16(static_cast<short>(f.constant));
     lv.reach = f.reach;
@@ -74,6 +93,8 @@ VX_AVX2 inline LaneVectors Vectors(const LaneForms &f)
 // The rise of lane d for sixteen bytes x (16-bit).
 VX_AVX2 inline __m256i Rise(const LaneVectors &lv, int d, __m256i x)
 {
+    if (lv.rounded[d])
+        return _mm256_mulhrs_epi16(x, lv.low[d]);
     const __m256i product = _mm256_add_epi16(_mm256_mullo_epi16(x, lv.high[d]), _mm256_mulhi_epu16(x, lv.low[d]));
     return _mm256_srli_epi16(_mm256_add_epi16(product, _mm256_set1_epi16(32)), 6);
 }
@@ -210,7 +231,12 @@ bool FitLaneForms(const BlurKernel &kernel, LaneForms &forms)
         int32_t rise[256];
         for (int v = 0; v < 256; ++v)
             rise[v] = BlurLaneValue(kernel, lane, v) - base;
-        const int64_t m = FitMultiplier(rise);
+        forms.rounded[lane] = true;
+        int64_t m = FitMultiplier(rise, true);
+        if (m < 0) {
+            forms.rounded[lane] = false;
+            m = FitMultiplier(rise, false);
+        }
         if (m < 0)
             return false;
         forms.high[lane] = static_cast<uint16_t>(m >> 16);

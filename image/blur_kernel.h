@@ -65,10 +65,12 @@ void WideBlurColumns(const BlurKernel &kernel, uint8_t *data, size_t rowBytes, s
                      uint8_t *work);
 
 // The lanes of one direction as arithmetic, for the AVX2 passes: lane d's value for byte v is
-// its value at 0 plus ((v M >> 16) + 32) >> 6, M = high[d] 65536 + low[d]. `constant` is twice
-// the lanes' values at 0 less the bias; lanes from `reach` on are zero for every byte.
+// its value at 0 plus a rise, (v M + 2^14) >> 15 with M = low[d] where rounded[d], else
+// ((v M >> 16) + 32) >> 6 with M = high[d] 65536 + low[d]. `constant` is twice the lanes'
+// values at 0 less the bias; lanes from `reach` on are zero for every byte.
 struct LaneForms {
     int32_t reach;
+    bool rounded[kMaxBlurTaps];
     uint16_t high[kMaxBlurTaps], low[kMaxBlurTaps];
     int32_t constant;
 };
