@@ -3,7 +3,8 @@
 //
 // Mipmap halving: every byte becomes v / 255 rounded to float (the value of the byte
 // conversions), then the upper row's two pixels are summed, the lower row's two added in turn,
-// the quarter (or half) taken and the byte conversion made (clamp, times 255, truncation).
+// the quarter (or half) taken and the byte conversion made (clamp, times 255, truncation):
+// here one product and a truncation, which give the same bytes (see ToBytes).
 #include "image/wide.h"
 
 #if VX_WIDE
@@ -30,12 +31,12 @@ VX_AVX2 inline void EvenOddUnits(const uint8_t *pixels, __m256 &even, __m256 &od
     odd = Units(_mm256_cvtepu8_epi32(_mm_srli_si128(bytes, 8)));
 }
 
-// FloatToByteFlat on eight floats, as 32-bit integers: max and min keep their first operand
-// exactly when the plain comparisons do (a NaN becomes 0).
-VX_AVX2 inline __m256i ToBytes(__m256 f)
+// FloatToByteFlat of eight means given as sums times `scale`: sums of units lie in [0, 1] once
+// quartered (or halved), so the clamps change nothing, and quartering is exact, so one
+// product by 255 / 4 (or 255 / 2) rounds as the two products do.
+VX_AVX2 inline __m256i ToBytes(__m256 sum, float scale)
 {
-    const __m256 clamped = _mm256_min_ps(_mm256_max_ps(f, _mm256_setzero_ps()), _mm256_set1_ps(1.0f));
-    return _mm256_cvttps_epi32(_mm256_mul_ps(clamped, _mm256_set1_ps(255.0f)));
+    return _mm256_cvttps_epi32(_mm256_mul_ps(sum, _mm256_set1_ps(scale)));
 }
 
 // Result pixels x and x + 1 of the rows: each the mean of source pixels 2x and 2x + 1 of each.
@@ -46,11 +47,11 @@ VX_AVX2 inline __m256i HalvedPair(const uint8_t *upper, const uint8_t *lower, si
     EvenOddUnits(upper + 8 * x, u0, u1);
     __m256 sum = _mm256_add_ps(u0, u1);
     if constexpr (!kLower)
-        return ToBytes(_mm256_mul_ps(sum, _mm256_set1_ps(0.5f)));
+        return ToBytes(sum, 127.5f);
     __m256 l0, l1;
     EvenOddUnits(lower + 8 * x, l0, l1);
     sum = _mm256_add_ps(_mm256_add_ps(sum, l0), l1);
-    return ToBytes(_mm256_mul_ps(sum, _mm256_set1_ps(0.25f)));
+    return ToBytes(sum, 63.75f);
 }
 
 template <bool kLower>
