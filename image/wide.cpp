@@ -159,7 +159,7 @@ bool VbmiPathsAvailable()
 bool WidePathsAvailable()
 {
 #if VX_WIDE
-    static const bool has = __builtin_cpu_supports("avx2");
+    static const bool has = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
     return VbmiPathsAvailable() || (wideEnabled && has);
 #else
     return false;

@@ -11,14 +11,14 @@
 #include <immintrin.h>
 #define VX_WIDE 1
 #define VX_VBMI __attribute__((target("avx512f,avx512bw,avx512vbmi")))
-#define VX_AVX2 __attribute__((target("avx2")))
+#define VX_AVX2 __attribute__((target("avx2,fma")))
 #else
 #define VX_WIDE 0
 #endif
 
 namespace vx::image {
 
-// True when some wide loops (AVX2 or VBMI) can run here and have not been switched off.
+// True when some wide loops (AVX2 with FMA, or VBMI) can run here and have not been switched off.
 bool WidePathsAvailable();
 // True when the VBMI loops can run here and have not been switched off (the convolution's
 // and the float halving's wide loops need them, and the blur prefers them).

@@ -13,13 +13,14 @@ namespace vx::image {
 namespace {
 
 // v / 255 of eight bytes given as 32-bit integers, in float alone: 1/255 is split into a head
-// of 9 significant bits, whose product with a byte is exact, and the rounded rest, so that one
-// rounded sum gives the correctly rounded quotient (checked for all 256 bytes by the mipmap
-// test, whose rows hold every byte value).
+// of 9 significant bits, whose product with a byte is exact, and the rounded rest, whose
+// product is added to it with one rounding (a fused multiply-add): that gives the correctly
+// rounded quotient (checked for all 256 bytes by the mipmap test, whose rows hold every byte
+// value).
 VX_AVX2 inline __m256 Units(__m256i bytes)
 {
     const __m256 v = _mm256_cvtepi32_ps(bytes);
-    return _mm256_add_ps(_mm256_mul_ps(v, _mm256_set1_ps(0x1.01p-8f)), _mm256_mul_ps(v, _mm256_set1_ps(0x1.010102p-24f)));
+    return _mm256_fmadd_ps(v, _mm256_set1_ps(0x1.010102p-24f), _mm256_mul_ps(v, _mm256_set1_ps(0x1.01p-8f)));
 }
 
 // The units of four pixels (16 bytes): pixels 0 and 2 in `even`, 1 and 3 in `odd`.
