@@ -111,15 +111,34 @@ int32_t PieceStart(int32_t count, int32_t piece, int32_t pieces)
 // Pieces a worker's share is cut into, when there are several workers.
 constexpr int32_t kPiecesPerWorker = 4;
 
+// The pieces not yet taken are [front, back), packed in one word (front in the low half).
+// Even workers take from the front and odd ones from the back: two workers then start at
+// opposite ends of the result and share a huge page of it only where they meet. The first
+// touch of a fresh page holds up every thread that touches it until the kernel has cleared
+// it, and with both workers at the front that came to 9% of a halving's time.
 struct Pieces {
     PieceWork *work;
     void *context;
     int32_t units, count;
-    std::atomic<int32_t> next{0};
+    std::atomic<uint64_t> range{0};
     std::atomic<bool> failed{false};
 };
 
-// A worker's loop: the next piece not yet taken, until none is left or a piece has failed.
+// The piece taken from the front or the back of what is left, or -1 when none is.
+int32_t TakePiece(Pieces &p, bool fromFront)
+{
+    uint64_t range = p.range.load(std::memory_order_relaxed);
+    for (;;) {
+        const auto front = static_cast<uint32_t>(range), back = static_cast<uint32_t>(range >> 32);
+        if (front >= back)
+            return -1;
+        const uint64_t taken = fromFront ? range + 1 : range - (uint64_t{1} << 32);
+        if (p.range.compare_exchange_weak(range, taken, std::memory_order_relaxed))
+            return static_cast<int32_t>(fromFront ? front : back - 1);
+    }
+}
+
+// A worker's loop: a piece from its end of those left, until none is or a piece has failed.
 void TakePieces(void *context, int32_t worker)
 {
     auto &p = *static_cast<Pieces *>(context);
@@ -127,7 +146,7 @@ void TakePieces(void *context, int32_t worker)
         p.failed.store(true, std::memory_order_relaxed);
         CkptRecover(CkptLatchCode());  // on to RunParts' block of this worker
     }
-    for (int32_t i; !p.failed.load(std::memory_order_relaxed) && (i = p.next.fetch_add(1)) < p.count;)
+    for (int32_t i; !p.failed.load(std::memory_order_relaxed) && (i = TakePiece(p, worker % 2 == 0)) >= 0;)
         p.work(p.context, worker, PieceStart(p.units, i, p.count), PieceStart(p.units, i + 1, p.count));
     CkptEnd();
 }
@@ -145,6 +164,7 @@ void RunPieces(int32_t workers, int32_t units, PieceWork *work, void *context)
     pieces.context = context;
     pieces.units = units;
     pieces.count = std::min(units, workers * kPiecesPerWorker);
+    pieces.range.store(static_cast<uint64_t>(pieces.count) << 32, std::memory_order_relaxed);
     RunParts(workers, TakePieces, &pieces);
 }
 
