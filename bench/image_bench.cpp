@@ -403,6 +403,8 @@ WORKERS_CASE(Resample4k, "resample_rgbaf_4k_half_mode2:ImageResample", Resample{
 WORKERS_CASE(Resample4k, "resample_rgbaf_4k_double_mode5:ImageResample", Resample{5, 2.0})
 WORKERS_CASE(Convolve4k, "convolve_rgbaf_4k_3x3:ImageConvolve", 3)
 WORKERS_CASE(Convolve4k, "convolve_rgbaf_4k_5x5:ImageConvolve", 5)
+// 17 x 17: the matrix ImageBlur applies to float pictures at 9 taps.
+WORKERS_CASE(Convolve4k, "convolve_rgbaf_4k_17x17:ImageConvolve", 17)
 BENCHMARK(Blur4k)->Name("blur_rgb_4k_9taps:ImageBlur")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(Mipmap4k)->Name("mipmap_rgba_4k:MipmapCreate")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 #if VX_BENCH_OPENCV
@@ -410,6 +412,7 @@ WORKERS_CASE(ResampleCv4k, "resample_rgbaf_4k_half_mode2:cv::resize(INTER_AREA)"
 WORKERS_CASE(ResampleCv4k, "resample_rgbaf_4k_double_mode5:cv::resize(INTER_CUBIC)", Resample{5, 2.0})
 WORKERS_CASE(ConvolveCv4k, "convolve_rgbaf_4k_3x3:cv::filter2D", 3)
 WORKERS_CASE(ConvolveCv4k, "convolve_rgbaf_4k_5x5:cv::filter2D", 5)
+WORKERS_CASE(ConvolveCv4k, "convolve_rgbaf_4k_17x17:cv::filter2D", 17)
 BENCHMARK(BlurCv4k)->Name("blur_rgb_4k_9taps:cv::GaussianBlur")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(MipmapCv4k)->Name("mipmap_rgba_4k:cv::resize(INTER_AREA)")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 #endif

@@ -63,32 +63,26 @@ constexpr size_t kBlockVectors = 4, kBlockFloats = 8 * kBlockVectors;
 }
 
 // Adds one matrix row to the running sums: acc[i] += m[0] p[i], then m[1] p[i + 4], ... in
-// column order, so every sum keeps the order of the plain loop. Fixed widths unroll.
-template <int32_t kColumns>
-void AddMatrixRow(float *acc, const float *line, const float *m, size_t n)
+// column order, so every sum keeps the order of the plain loop. Blocks of four vectors keep
+// their sums in registers across the columns; the rest goes one float at a time.
+VX_IMAGE_CLONES void AddMatrixRow(float *acc, const float *line, const float *m, int32_t columns, size_t n)
 {
-    for (size_t i = 0; i < n; ++i) {
+    size_t i = 0;
+    for (; i + kBlockFloats <= n; i += kBlockFloats) {
+        Lanes a[kBlockVectors];
+        std::memcpy(a, acc + i, sizeof a);
+        for (int32_t k = 0; k < columns; ++k) {
+            const float *q = line + i + 4 * static_cast<size_t>(k);
+            for (size_t v = 0; v < kBlockVectors; ++v)
+                AddProduct(a[v], m[k], q + 8 * v);
+        }
+        std::memcpy(acc + i, a, sizeof a);
+    }
+    for (; i < n; ++i) {
         float a = acc[i];
-        for (int32_t k = 0; k < kColumns; ++k)
+        for (int32_t k = 0; k < columns; ++k)
             a += m[k] * line[i + 4 * static_cast<size_t>(k)];
         acc[i] = a;
-    }
-}
-
-void AddMatrixRow(float *acc, const float *line, const float *m, int32_t columns, size_t n)
-{
-    switch (columns) {
-    case 1: AddMatrixRow<1>(acc, line, m, n); return;
-    case 3: AddMatrixRow<3>(acc, line, m, n); return;
-    case 5: AddMatrixRow<5>(acc, line, m, n); return;
-    case 7: AddMatrixRow<7>(acc, line, m, n); return;
-    default: break;
-    }
-    for (int32_t k = 0; k < columns; ++k) {
-        const float mk = m[k];
-        const float *p = line + 4 * k;
-        for (size_t i = 0; i < n; ++i)
-            acc[i] += mk * p[i];
     }
 }
 
