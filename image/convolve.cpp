@@ -62,6 +62,16 @@ constexpr size_t kBlockVectors = 4, kBlockFloats = 8 * kBlockVectors;
     std::memcpy(p, &v, sizeof v);
 }
 
+// Adds one matrix row to a block of sums: m[0] times the block at `line`, then m[1] times the
+// block 4 floats on, ... in column order.
+[[gnu::always_inline]] inline void AddRowToBlock(Lanes (&sums)[kBlockVectors], const float *line, const float *m,
+                                                 int32_t columns)
+{
+    for (int32_t k = 0; k < columns; ++k)
+        for (size_t v = 0; v < kBlockVectors; ++v)
+            AddProduct(sums[v], m[k], line + 4 * static_cast<size_t>(k) + 8 * v);
+}
+
 // Adds one matrix row to the running sums: acc[i] += m[0] p[i], then m[1] p[i + 4], ... in
 // column order, so every sum keeps the order of the plain loop. Blocks of four vectors keep
 // their sums in registers across the columns; the rest goes one float at a time.
@@ -71,11 +81,7 @@ VX_IMAGE_CLONES void AddMatrixRow(float *acc, const float *line, const float *m,
     for (; i + kBlockFloats <= n; i += kBlockFloats) {
         Lanes a[kBlockVectors];
         std::memcpy(a, acc + i, sizeof a);
-        for (int32_t k = 0; k < columns; ++k) {
-            const float *q = line + i + 4 * static_cast<size_t>(k);
-            for (size_t v = 0; v < kBlockVectors; ++v)
-                AddProduct(a[v], m[k], q + 8 * v);
-        }
+        AddRowToBlock(a, line + i, m, columns);
         std::memcpy(acc + i, a, sizeof a);
     }
     for (; i < n; ++i) {
@@ -112,11 +118,7 @@ template <int32_t kSize, bool kOffset>
     for (; i + kBlockFloats <= n; i += kBlockFloats) {
         Lanes a[kBlockVectors] = {};
         for (int32_t r = 0; r < kSize; ++r)
-            for (int32_t k = 0; k < kSize; ++k) {
-                const float *q = p[r] + i + 4 * static_cast<size_t>(k);
-                for (size_t v = 0; v < kBlockVectors; ++v)
-                    AddProduct(a[v], m[r * kSize + k], q + 8 * v);
-            }
+            AddRowToBlock(a, p[r] + i, m + r * kSize, kSize);
         for (size_t v = 0; v < kBlockVectors; ++v) {
             if constexpr (kOffset)
                 a[v] += o8;
